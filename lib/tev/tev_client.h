@@ -1,0 +1,55 @@
+// Client-side helper over the tev operations, for tools and tests: register
+// under a private name, send one request and collect every reply buffer.
+//
+// A server answers a request with any number of CONV messages (partial
+// replies, each of which the helper answers with "OK") followed by one DATA
+// message carrying the request's conversation id (the last buffer).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tev.h"
+
+struct TevReply {
+  std::uint8_t kind = 0;             // kTevKindConv (partial) or kTevKindData (last)
+  std::string sender;                // application name of the sender
+  std::vector<std::uint8_t> payload;
+};
+
+struct TevCallResult {
+  int rc = 0;                        // 0: the DATA reply arrived; else as the feedback block says
+  TevFeedback fb;                    // feedback of the failing operation
+  std::vector<TevReply> replies;     // every buffer received, in arrival order
+};
+
+class TevClient {
+ public:
+  // Registers `name`, or "QUORCTL.<pid>" when empty. Check ok() / feedback().
+  explicit TevClient(std::string name = {});
+  ~TevClient();
+  TevClient(const TevClient&) = delete;
+  TevClient& operator=(const TevClient&) = delete;
+
+  bool ok() const { return registered_; }
+  const TevFeedback& feedback() const { return fb_; }
+  const TevIdentity& identity() const { return id_; }
+
+  // Send `payload` to application `server` as DATA with a fresh conversation
+  // id, then collect replies: CONV messages are answered and kept, and the
+  // call ends at the DATA message with the request's conversation id. Each
+  // wait for the next buffer is limited to `timeout_ms` (RTMOUT when it runs
+  // out; what arrived until then is in `replies`). With expect_reply false
+  // the call returns right after the send.
+  TevCallResult call(std::string_view server, const std::vector<std::uint8_t>& payload,
+                     int timeout_ms, bool expect_reply = true);
+
+ private:
+  TevIdentity id_;
+  TevFeedback fb_;
+  bool registered_ = false;
+  std::uint32_t next_conv_ = 1;
+};
