@@ -1,0 +1,87 @@
+#include "quorutl.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "momsg.h"
+#include "quordebug.h"
+
+namespace {
+
+// The password database lookup is the slow part of building a header, and
+// every reply builds one; remember the answer for the uid.
+std::string login_name_of_real_uid() {
+  static uid_t cached_uid = static_cast<uid_t>(-1);
+  static std::string cached_name;
+  static bool cached = false;
+  uid_t uid = getuid();
+  if (!cached || uid != cached_uid) {
+    cached_name.clear();
+    if (const passwd* pw = getpwuid(uid); pw != nullptr && pw->pw_name != nullptr)
+      cached_name = pw->pw_name;
+    cached_uid = uid;
+    cached = true;
+  }
+  return cached_name;
+}
+
+}  // namespace
+
+int tran_header_fill(std::string_view transcode, std::string_view continuation,
+                     TransactionHeader& out) {
+  out = TransactionHeader{};
+  out.transcode = transcode;
+  out.continuation = continuation;
+  out.pid = std::to_string(static_cast<long>(getpid()));
+  out.node = mo_nodename();
+  if (const char* user = std::getenv("MOX_QUORUSER"); user != nullptr)
+    out.user = user;
+  else
+    out.user = login_name_of_real_uid();
+  out.gid = std::to_string(static_cast<long>(getgid()));
+  out.ostype = "UNIX1";
+  return 0;
+}
+
+void tran_header_write(const TransactionHeader& header, OutBuf& out) {
+  std::size_t length_field = buf_begin_segment(out, kTranTag);
+  const std::string* fields[] = {&header.transcode, &header.pid,          &header.node,
+                                 &header.user,      &header.gid,          &header.continuation,
+                                 &header.ostype};
+  for (std::size_t i = 0; i < kTranItems.size(); ++i) {
+    buf_add_item(out, kTranItems[i]);
+    buf_add_item(out, *fields[i]);
+  }
+  buf_end_segment(out, length_field);
+}
+
+void tran_header_put(std::string_view transcode, std::string_view continuation, OutBuf& out) {
+  TransactionHeader header;
+  tran_header_fill(transcode, continuation, header);
+  tran_header_write(header, out);
+}
+
+std::optional<std::size_t> tran_header_read(InBuf buf, TransactionHeader& out) {
+  out = TransactionHeader{};
+  auto first = buf_find_segment(buf, kTranTag);
+  if (!first) return std::nullopt;
+  std::array<std::string_view, kTranItems.size()> v;
+  auto end = buf_get_items(buf, *first, v, kTranItems);
+  if (!end) return std::nullopt;
+  out.transcode = v[0];
+  out.pid = v[1];
+  out.node = v[2];
+  out.user = v[3];
+  out.gid = v[4];
+  out.continuation = v[5];
+  out.ostype = v[6];
+  if (quor_debug()) {
+    // User and node are printed in the opposite order to the segment's.
+    quor_trace("    transcode=%s, pid=%s, user=%s, node=%s, gid=%s, continuation=%s, ostype=%s\n",
+               out.transcode.c_str(), out.pid.c_str(), out.user.c_str(), out.node.c_str(),
+               out.gid.c_str(), out.continuation.c_str(), out.ostype.c_str());
+  }
+  return end;
+}

@@ -1,0 +1,131 @@
+// Helpers shared by the daemon's tests: temporary directories, environment
+// guards, and request buffers built with the daemon's own writers.
+#pragma once
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "quortran.h"
+#include "quortrl.h"
+#include "quorutl.h"
+
+namespace testutil {
+
+// A directory under /tmp removed with everything in it at scope exit.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quortest.XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) std::abort();
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::string str() const { return path_.string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Sets (or unsets) an environment variable for the scope.
+class EnvGuard {
+ public:
+  EnvGuard(const char* name, std::optional<std::string> value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value)
+      setenv(name, value->c_str(), 1);
+    else
+      unsetenv(name);
+  }
+  ~EnvGuard() {
+    if (old_)
+      setenv(name_, old_->c_str(), 1);
+    else
+      unsetenv(name_);
+  }
+  EnvGuard(const EnvGuard&) = delete;
+  EnvGuard& operator=(const EnvGuard&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+inline std::string read_file(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// A plain (not yet sealed) request: transaction header of `type`, then the
+// trailer "N". Returns the whole buffer and sets `length`.
+inline std::array<char, BUFFER_MAX> make_request(std::string_view type, std::size_t& length) {
+  std::array<char, BUFFER_MAX> buf{};
+  OutBuf out(buf);
+  tran_header_put(type, "N", out);
+  quor_trl_put("N", out);
+  length = out.pos;
+  return buf;
+}
+
+// A child process running `body` (its return value is the exit status);
+// killed and reaped at scope exit if still running.
+class Child {
+ public:
+  template <class F>
+  explicit Child(F body) {
+    pid_ = fork();
+    if (pid_ == 0) _exit(body());
+  }
+  ~Child() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  pid_t pid() const { return pid_; }
+  // Waits for the exit status (-1 when killed by a signal or not a child).
+  int wait() {
+    int status = 0;
+    if (pid_ <= 0 || waitpid(pid_, &status, 0) != pid_) return -1;
+    pid_ = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// The bytes [0, length) of a buffer as a string (NULs included).
+inline std::string bytes(const char* data, std::size_t length) { return std::string(data, length); }
+
+// Builds "a\0b\0..." from a list of strings.
+inline std::string nul_join(std::initializer_list<std::string_view> parts) {
+  std::string s;
+  for (auto p : parts) {
+    s.append(p);
+    s.push_back('\0');
+  }
+  return s;
+}
+
+}  // namespace testutil

@@ -1,0 +1,203 @@
+// The transport adapter's framing (length prefix and body transform), a real
+// send/receive between two registrations, and the transport diagnostics.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "core_util.h"
+#include "mocrypt.h"
+#include "quortev.h"
+
+using testutil::EnvGuard;
+using testutil::TempDir;
+
+TEST(Framing, SealWritesThePrefixAndEncodesTheBodyWithTheLengthAsSeed) {
+  for (std::size_t total : {7u, 42u, 256u, 300u, 32767u}) {
+    std::vector<char> buf(total, 'q');
+    ASSERT_EQ(quor_wire_seal(buf, total), 0) << total;
+    char expect[8];
+    std::snprintf(expect, sizeof expect, "%5zu", total);
+    EXPECT_EQ(std::string(buf.data(), 6), std::string(expect, 6));
+    std::vector<char> body(total - 6, 'q');
+    body_encode(static_cast<int>(total % 256), std::span<char>(body));
+    EXPECT_EQ(std::string(buf.data() + 6, total - 6), std::string(body.data(), body.size()));
+  }
+  // 256 bytes are scrambled with seed 0 and 300 with seed 44.
+  std::vector<char> b256(256, 'A'), b300(300, 'A');
+  quor_wire_seal(b256, 256);
+  quor_wire_seal(b300, 300);
+  std::vector<char> e0(250, 'A'), e44(294, 'A');
+  body_encode(0, std::span<char>(e0));
+  body_encode(44, std::span<char>(e44));
+  EXPECT_EQ(std::string(b256.data() + 6, 250), std::string(e0.data(), 250));
+  EXPECT_EQ(std::string(b300.data() + 6, 294), std::string(e44.data(), 294));
+
+  std::vector<char> b42(42, 0);
+  quor_wire_seal(b42, 42);
+  EXPECT_EQ(std::string(b42.data(), 6), std::string("   42\0", 6));
+}
+
+TEST(Framing, SealRefusesLengthsOutsideTheMessageRange) {
+  std::vector<char> buf(40000, 'z');
+  EXPECT_EQ(quor_wire_seal(buf, 6), 3);
+  EXPECT_EQ(quor_wire_seal(buf, 32768), 3);
+  EXPECT_EQ(buf[0], 'z');  // nothing written
+}
+
+TEST(Framing, OpenRestoresTheBodyAndRefusesBadPrefixes) {
+  std::vector<char> buf(100, 0);
+  std::string text = "ZZZTRN-and-more";
+  std::copy(text.begin(), text.end(), buf.begin() + 6);
+  ASSERT_EQ(quor_wire_seal(buf, 6 + text.size()), 0);
+  EXPECT_EQ(quor_wire_open(buf, 6 + text.size()), 6 + text.size());
+  EXPECT_EQ(std::string(buf.data() + 6, text.size()), text);
+
+  auto open_with = [](std::string prefix, std::size_t received) {
+    std::vector<char> b(64, 'k');
+    std::copy(prefix.begin(), prefix.end(), b.begin());
+    return quor_wire_open(b, received);
+  };
+  EXPECT_EQ(open_with(std::string("    6\0", 6), 64), 0u);
+  EXPECT_EQ(open_with(std::string("     \0", 6), 64), 0u);
+  EXPECT_EQ(open_with(std::string("abcde\0", 6), 64), 0u);
+  EXPECT_EQ(open_with(std::string("   50\0", 6), 49), 0u);  // claims more than arrived
+  EXPECT_EQ(open_with(std::string("   99\0", 6), 64), 0u);  // more than the buffer
+  EXPECT_EQ(open_with(std::string("   50\0", 6), 64), 50u);
+}
+
+// Two registrations in one process: what one sends, the other receives as
+// plain text again, with the sender's identity.
+TEST(Adapter, SendAndReceiveThroughTheRealTransport) {
+  TempDir dir;
+  EnvGuard tev("TEV_DIR", dir.str());
+  ConnRecord server, client;
+  ASSERT_EQ(quor_tev_register(server.local, server.fb, "ADAPTER.SRV"), 0);
+  ASSERT_EQ(quor_tev_register(client.local, client.fb, "ADAPTER.CLI"), 0);
+  EXPECT_EQ(server.local.app_name(), "ADAPTER.SRV");
+
+  std::array<char, BUFFER_MAX> out{};
+  std::size_t length = 0;
+  out = testutil::make_request("B", length);
+  client.remote = server.local;
+  ASSERT_EQ(quor_tev_send(client, out, length), 0);
+
+  std::array<char, BUFFER_MAX> in{};
+  ASSERT_EQ(quor_tev_receive(server, in), 0);
+  EXPECT_EQ(server.remote.app_name(), "ADAPTER.CLI");
+  EXPECT_TRUE(server.inquiry.valid);
+  EXPECT_EQ(server.inquiry.pid, getpid());
+  std::size_t again = 0;
+  auto plain = testutil::make_request("B", again);
+  EXPECT_EQ(std::string(in.data() + 6, length - 6), std::string(plain.data() + 6, length - 6));
+
+  // A send to a name nobody holds fails with the transport's reason.
+  client.remote.set_app_name("NOBODY.HERE");
+  EXPECT_EQ(quor_tev_send(client, out, length), 2);
+  EXPECT_EQ(client.fb.FB_Src, kTevSrcNoRcvr);
+  EXPECT_EQ(quor_tev_send(client, out, 3), 3);
+
+  EXPECT_EQ(quor_tev_deregister(client.local, client.fb), 0);
+  EXPECT_EQ(quor_tev_deregister(server.local, server.fb), 0);
+}
+
+TEST(Diagnostics, DumpShowsTheBytesUpToOneZeroAfterTheLast) {
+  TempDir dir;
+  EnvGuard dump("MOXQUORDUMP", dir.str());  // no trailing slash
+  tev_dump_reset();
+  std::array<char, 40> buf{};
+  buf[0] = 'a';
+  buf[1] = 'b';
+  buf[2] = 'c';
+  tev_dump_buffer(buf, "tevBuffer");
+  std::string text = testutil::read_file(dir.path() / "quordump.out");
+  std::regex expected(
+      "quordaemon: Entering DumpBuffer for tevBuffer 0x[0-9a-f]+ 40\n"
+      "quordaemon:  0x[0-9a-f]+  61626300 {29}\\*abc\\. {12}\\*\n");
+  EXPECT_TRUE(std::regex_match(text, expected)) << text;
+
+  // A second dump appends; the same directory with a trailing slash names
+  // the same file.
+  EnvGuard dump2("MOXQUORDUMP", dir.str() + "/");
+  std::array<char, 20> zeros{};
+  tev_dump_buffer(zeros, "second");
+  text = testutil::read_file(dir.path() / "quordump.out");
+  EXPECT_NE(text.find("tevBuffer"), std::string::npos);
+  EXPECT_NE(text.find("for second"), std::string::npos);
+  // An all-zero buffer shows two bytes.
+  EXPECT_NE(text.find("  0000 "), std::string::npos);
+
+  // A new process (here: after a reset) empties the file on its first dump.
+  tev_dump_reset();
+  tev_dump_buffer(zeros, "third");
+  text = testutil::read_file(dir.path() / "quordump.out");
+  EXPECT_EQ(text.find("tevBuffer"), std::string::npos);
+}
+
+TEST(Diagnostics, DumpOfAFullRunGroupsBytesByFour) {
+  TempDir dir;
+  EnvGuard dump("MOXQUORDUMP", dir.str());
+  tev_dump_reset();
+  std::array<char, 18> buf{};
+  for (int i = 0; i < 18; ++i) buf[static_cast<std::size_t>(i)] = static_cast<char>('A' + i);
+  buf[5] = '\n';
+  tev_dump_buffer(buf, "x");
+  std::string text = testutil::read_file(dir.path() / "quordump.out");
+  EXPECT_NE(text.find("  41424344 450A4748 494A4B4C 4D4E4F50  *ABCDE.GHIJKLMNOP*\n"),
+            std::string::npos)
+      << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex("  5152 {33}\\*QR {14}\\*\n"))) << text;
+}
+
+namespace {
+std::string explain(int prc, int src, int drc) {
+  char* data = nullptr;
+  std::size_t size = 0;
+  std::FILE* f = open_memstream(&data, &size);
+  tev_explain_codes(prc, src, drc, f);
+  std::fclose(f);
+  std::string s(data, size);
+  std::free(data);
+  return s;
+}
+}  // namespace
+
+TEST(Diagnostics, ReturnCodesAreExplainedFromTheTables) {
+  EXPECT_EQ(explain(0, 0x22, 3), "\tPrc =  0: OK,  normal return code\n");
+  EXPECT_EQ(explain(0x14, 0x22, 0x0D),
+            "\tPrc = 14: PLISTERR,  function parameter error\n"
+            "\tSrc = 22: RTMOUT, Receive timed out\n"
+            "\tDrc =  D: <undefined>\n");
+  EXPECT_EQ(explain(0x99, 0x06, 0x05),
+            "\tPrc = 99: <undefined>\n"
+            "\tSrc =  6: NORCVR, No receiver online\n"
+            "\tDrc =  5: MEMALLOC, <memory allocation failure>\n");
+}
+
+TEST(Diagnostics, FeedbackDumpListsEveryField) {
+  TevFeedback fb;
+  fb.FB_Prc = 0x08;
+  fb.FB_Src = 0x06;
+  fb.FB_ErrorText = "No receiver online";
+  fb.FB_Remote_Id.set_system_id("hostA");
+  fb.FB_Remote_Id.set_app_name("MO_QUORUNIX_SERVER");
+  char* data = nullptr;
+  std::size_t size = 0;
+  std::FILE* f = open_memstream(&data, &size);
+  tev_dump_feedback("    TevInit failed", fb, f);
+  std::fclose(f);
+  std::string s(data, size);
+  std::free(data);
+  EXPECT_EQ(s.rfind("    TevInit failed\tContents of  feedback-block at ", 0), 0u) << s;
+  EXPECT_NE(s.find("\tFB_Prc:                   8\n"), std::string::npos);
+  EXPECT_NE(s.find("\tFB_ErrorText:             No receiver online\n"), std::string::npos);
+  EXPECT_NE(s.find("\tFB_Remote_Id:\n\t   ID_systemid:              (hostA)\n"
+                   "\t   ID_appname:               (MO_QUORUNIX_SERVER)\n"),
+            std::string::npos);
+  EXPECT_NE(s.find("\n\tMessage text associated with Prc, Src, Drc\n\n\tPrc =  8: LOGICERR"),
+            std::string::npos);
+  EXPECT_NE(s.find("\tSrc =  6: NORCVR"), std::string::npos);
+}

@@ -1,0 +1,271 @@
+// The segmented buffer, transaction header, object header and trailer:
+// exact bytes written, and readers that stay inside the data they are given.
+#include <gtest/gtest.h>
+
+#include <pwd.h>
+
+#include <array>
+#include <climits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core_util.h"
+#include "quortran.h"
+#include "quortrl.h"
+#include "quorutl.h"
+
+using testutil::nul_join;
+
+namespace {
+
+std::string written(const OutBuf& out, std::size_t from) {
+  return std::string(out.data.data() + from, out.pos - from);
+}
+
+// A plain buffer: six prefix bytes (not looked at by the readers) + body.
+std::vector<char> with_prefix(const std::string& body) {
+  std::vector<char> v(LENGTH_PREFIX, ' ');
+  v.insert(v.end(), body.begin(), body.end());
+  return v;
+}
+
+}  // namespace
+
+TEST(SegmentWriter, ErrorSegmentMatchesTheFramingExampleByteForByte) {
+  std::array<char, 256> buf{};
+  OutBuf out(buf, 100);
+  std::size_t lf = buf_begin_segment(out, "ZZZRET");
+  EXPECT_EQ(lf, 114u);
+  buf_add_item(out, "RC");
+  buf_add_item(out, "3");
+  buf_add_item(out, "RM");
+  buf_add_item(out, "bad");
+  buf_end_segment(out, lf);
+  EXPECT_EQ(out.pos, 139u);  // 39 bytes: 14 + the segment length 25
+  EXPECT_EQ(written(out, 100),
+            nul_join({"ZZZRET", "ZZZLEN", "   25", "RC", "3", "RM", "bad", "ZZZEOS"}));
+  EXPECT_FALSE(out.overflow);
+}
+
+TEST(SegmentWriter, EmptySegmentsValuesAndTrailers) {
+  std::array<char, 256> buf{};
+  OutBuf out(buf);
+  std::size_t lf = buf_begin_segment(out, "ZZZSTS");
+  buf_end_segment(out, lf);
+  EXPECT_EQ(written(out, 6), nul_join({"ZZZSTS", "ZZZLEN", "   13", "ZZZEOS"}));
+
+  // An empty value is one NUL; text after an embedded NUL is not written.
+  OutBuf v(buf);
+  buf_add_item(v, "");
+  buf_add_item(v, std::string_view("ab\0cd", 5));
+  EXPECT_EQ(written(v, 6), std::string("\0ab\0", 4));
+
+  // The trailer of a last buffer is 39 bytes; a trailer without a value is
+  // an empty segment.
+  OutBuf t(buf);
+  quor_trl_put("N", t);
+  EXPECT_EQ(t.pos - 6, 39u);
+  EXPECT_EQ(written(t, 6), nul_join({"ZZZTRL", "ZZZLEN", "   17", "MD", "N", "ZZZEOS", "ZZZEOD"}));
+  OutBuf n(buf);
+  quor_trl_write(Trailer{}, n);
+  EXPECT_EQ(written(n, 6), nul_join({"ZZZTRL", "ZZZLEN", "   13", "ZZZEOS", "ZZZEOD"}));
+}
+
+TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {
+  std::array<char, 40> buf{};
+  buf.fill('#');
+  OutBuf out(buf);
+  std::size_t lf = buf_begin_segment(out, "ZZZSTS");  // 20 bytes, up to 26
+  buf_add_item(out, "0123456789ABC");                 // 14 bytes: exactly fills 40
+  EXPECT_FALSE(out.overflow);
+  EXPECT_EQ(out.pos, 40u);
+  buf_end_segment(out, lf);
+  EXPECT_TRUE(out.overflow);
+  EXPECT_EQ(out.pos, 40u);
+  // The placeholder was not overwritten with a length for a segment that
+  // never closed.
+  EXPECT_EQ(std::string(buf.data() + lf, 5), "00000");
+}
+
+TEST(SegmentReader, FindsSegmentsByTagAndReadsTheirItems) {
+  std::string body = nul_join({"ZZZTRN", "ZZZLEN", "   25", "COD", "B", "OS", "X", "ZZZEOS",
+                               "ZZZRET", "ZZZLEN", "   25", "RC", "3", "RM", "bad", "ZZZEOS",
+                               "ZZZEOD"});
+  auto buf = with_prefix(body);
+  auto ret = buf_find_segment(buf, "ZZZRET");
+  ASSERT_TRUE(ret);
+  EXPECT_EQ(std::string(buf.data() + *ret), "RC");
+  EXPECT_FALSE(buf_find_segment(buf, "ZZZHDR"));
+  EXPECT_FALSE(buf_find_segment(buf, "zzzret"));
+
+  static constexpr std::array<std::string_view, 3> names = {"RM", "RC", "XX"};
+  std::array<std::string_view, 3> values;
+  auto end = buf_get_items(buf, *ret, values, names);
+  ASSERT_TRUE(end);
+  EXPECT_EQ(*end, body.size() + 6 - 7);  // just after ZZZEOS, at ZZZEOD
+  EXPECT_EQ(values[0], "bad");
+  EXPECT_EQ(values[1], "3");
+  EXPECT_EQ(values[2], "");
+}
+
+TEST(SegmentReader, ItemsAreMatchedExactlyAndLaterDuplicatesWin) {
+  auto buf = with_prefix(nul_join({"ZZZHDR", "ZZZLEN", "   40", "obj", "lower", "OBJ", "first",
+                                   "ZZ", "unknown", "OBJ", "second", "ZZZEOS"}));
+  ObjectHeader hdr;
+  ASSERT_TRUE(quor_hdr_read(buf, hdr));
+  EXPECT_EQ(*hdr.object, "second");
+  EXPECT_EQ(*hdr.action, "");
+}
+
+TEST(SegmentReader, ABadlyFramedSegmentHidesEverythingAfterIt) {
+  const std::string good_ret = nul_join({"ZZZRET", "ZZZLEN", "   13", "ZZZEOS"});
+  for (const std::string& first : {
+           nul_join({"ZZZTRN", "ZZZLXX", "   13", "ZZZEOS"}),  // no ZZZLEN
+           nul_join({"ZZZTRN", "ZZZLEN", "    0", "ZZZEOS"}),  // zero length
+           nul_join({"ZZZTRN", "ZZZLEN", "32768", "ZZZEOS"}),  // too long
+           nul_join({"ZZZTRN", "ZZZLEN", "   -5", "ZZZEOS"}),
+       }) {
+    auto buf = with_prefix(first + good_ret);
+    EXPECT_FALSE(buf_find_segment(buf, "ZZZRET")) << first;
+  }
+  // Without ZZZEOD the later segment is still found.
+  auto buf = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   13", "ZZZEOS"}) + good_ret);
+  EXPECT_TRUE(buf_find_segment(buf, "ZZZRET"));
+}
+
+TEST(SegmentReader, SegmentLengthField) {
+  auto len = [](std::string field) {
+    auto buf = with_prefix(nul_join({"ZZZLEN", field}));
+    return buf_segment_length(buf, 6);
+  };
+  EXPECT_EQ(len("   25"), 25);
+  EXPECT_EQ(len("32767"), 32767);
+  EXPECT_EQ(len("32768"), 0);
+  EXPECT_EQ(len("  -1"), 0);
+  EXPECT_EQ(len("abc"), 0);
+  EXPECT_EQ(len("99999999999999999999999"), 0);
+  auto not_mark = with_prefix(nul_join({"ZZZLE", "   25"}));
+  EXPECT_EQ(buf_segment_length(not_mark, 6), -1);
+}
+
+TEST(SegmentReader, StringsThatRunOffTheEndAreRefused) {
+  std::string body = nul_join({"ZZZTRN", "ZZZLEN", "   37", "COD", "B", "USR", "someone", "ZZZEOS"});
+  // Every proper prefix of the data (no NUL after the last byte) is either
+  // unreadable or read without touching bytes beyond it: the vector's size
+  // is exactly the prefix, so any overread is caught by the sanitizers.
+  for (std::size_t n = 0; n < body.size(); ++n) {
+    auto buf = with_prefix(body.substr(0, n));
+    TransactionHeader h;
+    auto end = tran_header_read(buf, h);
+    EXPECT_FALSE(end) << "prefix " << n;
+    EXPECT_EQ(h.type(), '\0');
+  }
+  auto whole = with_prefix(body);
+  TransactionHeader h;
+  ASSERT_TRUE(tran_header_read(whole, h));
+  EXPECT_EQ(h.user, "someone");
+}
+
+TEST(SegmentReader, RandomBytesNeverLeadOutside) {
+  std::mt19937 rng(12345);
+  const std::string alphabet = std::string("ZZZTRNLENEOSDCOD 0123456789", 27) + std::string(4, '\0');
+  for (int round = 0; round < 3000; ++round) {
+    std::vector<char> buf(static_cast<std::size_t>(rng() % 200));
+    for (auto& c : buf) c = alphabet[rng() % alphabet.size()];
+    TransactionHeader h;
+    (void)tran_header_read(buf, h);
+    ObjectHeader o;
+    (void)quor_hdr_read(buf, o);
+    Trailer t;
+    (void)quor_trl_read(buf, t);
+  }
+}
+
+TEST(SegmentReader, DecimalConversion) {
+  EXPECT_EQ(buf_decimal("   42"), 42);
+  EXPECT_EQ(buf_decimal("\t\n 7x"), 7);
+  EXPECT_EQ(buf_decimal("+9"), 9);
+  EXPECT_EQ(buf_decimal("-12"), -12);
+  EXPECT_EQ(buf_decimal(""), 0);
+  EXPECT_EQ(buf_decimal("x12"), 0);
+  EXPECT_EQ(buf_decimal("123456789012345678901234567890"), LONG_MAX);
+}
+
+TEST(TransactionHeader, ReadsItemsInAnyOrderAndIgnoresUnknownOnes) {
+  auto buf = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   99", "OS", "WIN", "EXTRA", "x", "USR",
+                                   "ann", "NOD", "far", "COD", "F", "PID", "17", "GID", "20",
+                                   "ADD", "N", "ZZZEOS", "ZZZEOD"}));
+  TransactionHeader h;
+  ASSERT_TRUE(tran_header_read(buf, h));
+  EXPECT_EQ(h.type(), 'F');
+  EXPECT_EQ(h.user, "ann");
+  EXPECT_EQ(h.node, "far");
+  EXPECT_EQ(h.pid, "17");
+  EXPECT_EQ(h.gid, "20");
+  EXPECT_EQ(h.continuation, "N");
+  EXPECT_EQ(h.ostype, "WIN");
+
+  auto no_cod = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   20", "USR", "ann", "ZZZEOS"}));
+  ASSERT_TRUE(tran_header_read(no_cod, h));
+  EXPECT_EQ(h.type(), '\0');
+  EXPECT_EQ(h.user, "ann");
+}
+
+TEST(TransactionHeader, DaemonHeaderHasSevenItemsInOrder) {
+  testutil::EnvGuard user("MOX_QUORUSER", std::string("operator7"));
+  std::array<char, 512> buf{};
+  OutBuf out(buf);
+  tran_header_put("E", "N", out);
+  ASSERT_FALSE(out.overflow);
+
+  auto first = buf_find_segment(std::span<const char>(buf.data(), out.pos), "ZZZTRN");
+  ASSERT_TRUE(first);
+  std::vector<std::string> strings;
+  for (std::size_t at = *first; std::string(buf.data() + at) != "ZZZEOS";
+       at += std::string(buf.data() + at).size() + 1)
+    strings.emplace_back(buf.data() + at);
+  ASSERT_EQ(strings.size(), 14u);
+  std::vector<std::string> names = {strings[0], strings[2], strings[4], strings[6],
+                                    strings[8], strings[10], strings[12]};
+  EXPECT_EQ(names, (std::vector<std::string>{"COD", "PID", "NOD", "USR", "GID", "ADD", "OS"}));
+  EXPECT_EQ(strings[1], "E");
+  EXPECT_EQ(strings[3], std::to_string(getpid()));
+  EXPECT_EQ(strings[7], "operator7");
+  EXPECT_EQ(strings[9], std::to_string(getgid()));
+  EXPECT_EQ(strings[11], "N");
+  EXPECT_EQ(strings[13], "UNIX1");
+  // The length field matches what was written.
+  EXPECT_EQ(buf_segment_length(std::span<const char>(buf.data(), out.pos), 13),
+            static_cast<long>(out.pos - 20));
+}
+
+TEST(TransactionHeader, UserNameSources) {
+  TransactionHeader h;
+  {
+    testutil::EnvGuard user("MOX_QUORUSER", std::string(""));
+    tran_header_fill("B", "N", h);
+    EXPECT_EQ(h.user, "");  // set but empty is used as it stands
+  }
+  testutil::EnvGuard unset("MOX_QUORUSER", std::nullopt);
+  tran_header_fill("B", "N", h);
+  const passwd* pw = getpwuid(getuid());
+  EXPECT_EQ(h.user, pw != nullptr ? pw->pw_name : "");
+}
+
+TEST(ObjectHeader, WriteLeavesOutUnsetFieldsAndReadsBack) {
+  ObjectHeader hdr;
+  hdr.object = "PAYROLL";
+  hdr.action = "BACKUP";
+  hdr.cnt_text = "";
+  std::array<char, 256> buf{};
+  OutBuf out(buf);
+  quor_hdr_write(hdr, out);
+  EXPECT_EQ(written(out, 6), nul_join({"ZZZHDR", "ZZZLEN", "   39", "OBJ", "PAYROLL", "CMD",
+                                       "BACKUP", "CNT", "", "ZZZEOS"}));
+  ObjectHeader back;
+  ASSERT_TRUE(quor_hdr_read(std::span<const char>(buf.data(), out.pos), back));
+  EXPECT_EQ(*back.object, "PAYROLL");
+  EXPECT_EQ(*back.action, "BACKUP");
+  EXPECT_EQ(*back.data_format, "");  // absent reads as empty
+}
