@@ -69,7 +69,7 @@ TEST(Daemon, SurvivesAFloodOfRandomDatagramsAndBuffersThenStopsOnKillAll) {
     // A well-formed datagram with a random buffer inside: sometimes with a
     // valid length prefix, so the random body reaches the parsers.
     if (bytes.size() >= 7 && i % 2 == 0) {
-      char prefix[8];
+      char prefix[32];
       std::snprintf(prefix, sizeof prefix, "%5zu", bytes.size());
       std::copy(prefix, prefix + 6, bytes.begin());
       body_encode(static_cast<int>(bytes.size() % 256),

@@ -101,7 +101,7 @@ TEST_F(ForkedServer, ErrorReplyReachesTheClientAsTheDocumentedSegments) {
   EXPECT_EQ(std::string(d.plain.data() + *ret - 6), "   25");
   // The buffer ends with the trailer and the end-of-data mark.
   std::string tail(d.plain.data() + d.plain.size() - 1 - 39, 39);
-  EXPECT_EQ(tail, testutil::nul_join({"ZZZTRL", "ZZZLEN", "   17", "MD", "N", "ZZZEOS", "ZZZEOD"}));
+  EXPECT_EQ(tail, testutil::nul_join({"ZZZTRL", "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"}));
 }
 
 TEST_F(ForkedServer, ErrorReplyCutsATextTooLongForOneBuffer) {

@@ -19,7 +19,7 @@ TEST(Framing, SealWritesThePrefixAndEncodesTheBodyWithTheLengthAsSeed) {
   for (std::size_t total : {7u, 42u, 256u, 300u, 32767u}) {
     std::vector<char> buf(total, 'q');
     ASSERT_EQ(quor_wire_seal(buf, total), 0) << total;
-    char expect[8];
+    char expect[32];
     std::snprintf(expect, sizeof expect, "%5zu", total);
     EXPECT_EQ(std::string(buf.data(), 6), std::string(expect, 6));
     std::vector<char> body(total - 6, 'q');

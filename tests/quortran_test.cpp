@@ -25,8 +25,8 @@ std::string written(const OutBuf& out, std::size_t from) {
 
 // A plain buffer: six prefix bytes (not looked at by the readers) + body.
 std::vector<char> with_prefix(const std::string& body) {
-  std::vector<char> v(LENGTH_PREFIX, ' ');
-  v.insert(v.end(), body.begin(), body.end());
+  std::vector<char> v(LENGTH_PREFIX + body.size(), ' ');
+  std::copy(body.begin(), body.end(), v.begin() + LENGTH_PREFIX);
   return v;
 }
 
@@ -66,7 +66,7 @@ TEST(SegmentWriter, EmptySegmentsValuesAndTrailers) {
   OutBuf t(buf);
   quor_trl_put("N", t);
   EXPECT_EQ(t.pos - 6, 39u);
-  EXPECT_EQ(written(t, 6), nul_join({"ZZZTRL", "ZZZLEN", "   17", "MD", "N", "ZZZEOS", "ZZZEOD"}));
+  EXPECT_EQ(written(t, 6), nul_join({"ZZZTRL", "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"}));
   OutBuf n(buf);
   quor_trl_write(Trailer{}, n);
   EXPECT_EQ(written(n, 6), nul_join({"ZZZTRL", "ZZZLEN", "   13", "ZZZEOS", "ZZZEOD"}));
@@ -89,7 +89,7 @@ TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {
 }
 
 TEST(SegmentReader, FindsSegmentsByTagAndReadsTheirItems) {
-  std::string body = nul_join({"ZZZTRN", "ZZZLEN", "   25", "COD", "B", "OS", "X", "ZZZEOS",
+  std::string body = nul_join({"ZZZTRN", "ZZZLEN", "   24", "COD", "B", "OS", "X", "ZZZEOS",
                                "ZZZRET", "ZZZLEN", "   25", "RC", "3", "RM", "bad", "ZZZEOS",
                                "ZZZEOD"});
   auto buf = with_prefix(body);
@@ -261,7 +261,7 @@ TEST(ObjectHeader, WriteLeavesOutUnsetFieldsAndReadsBack) {
   std::array<char, 256> buf{};
   OutBuf out(buf);
   quor_hdr_write(hdr, out);
-  EXPECT_EQ(written(out, 6), nul_join({"ZZZHDR", "ZZZLEN", "   39", "OBJ", "PAYROLL", "CMD",
+  EXPECT_EQ(written(out, 6), nul_join({"ZZZHDR", "ZZZLEN", "   41", "OBJ", "PAYROLL", "CMD",
                                        "BACKUP", "CNT", "", "ZZZEOS"}));
   ObjectHeader back;
   ASSERT_TRUE(quor_hdr_read(std::span<const char>(buf.data(), out.pos), back));

@@ -1,0 +1,42 @@
+// The seam between the transport operations and a backend. The operations
+// (tev.cpp) keep the registrations, conversations and queues; a backend only
+// moves single messages between registered names.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "tev.h"
+
+// One message as a backend delivers it. The payload stays valid until the
+// next receive on the same endpoint.
+struct TevIncoming {
+  std::uint8_t kind = 0;
+  std::uint32_t conversation = 0;
+  TevIdentity sender;               // as established by the backend, not as claimed
+  TevInquiry inquiry;
+  std::span<const std::uint8_t> payload;
+};
+
+class TevEndpoint {
+ public:
+  virtual ~TevEndpoint() = default;
+  // Sends one message to the registration named by `remote`.
+  virtual int send(TevFeedback& fb, std::uint8_t kind, std::uint32_t conversation,
+                   const TevIdentity& local, const TevIdentity& remote,
+                   std::span<const std::uint8_t> payload) = 0;
+  // Waits up to `timeout_ms` (-1: no limit) for the next well-formed message
+  // whose payload fits `max_payload`; malformed ones are dropped and counted
+  // in fb.FB_Dropped. Fails with RCVCNC on a signal, RTMOUT on time-out.
+  virtual int receive(TevFeedback& fb, TevIncoming& out, std::size_t max_payload,
+                      int timeout_ms) = 0;
+};
+
+// Registers `id`'s application name with the local datagram backend.
+std::unique_ptr<TevEndpoint> tev_unix_open(TevFeedback& fb, const TevIdentity& id);
+
+// Fills the feedback block for a failure and returns 1.
+int tev_fail(TevFeedback& fb, std::int16_t prc, std::int16_t src, std::int32_t detail,
+             const std::string& text);

@@ -1,0 +1,62 @@
+#include "tev_client.h"
+
+#include <unistd.h>
+
+
+TevClient::TevClient(std::string name) {
+  if (name.empty()) name = "QUORCTL." + std::to_string(static_cast<long>(getpid()));
+  id_.set_app_name(name);
+  registered_ = TevInit(fb_, id_, kTevModeNormal) == 0;
+  if (registered_) id_ = fb_.FB_Local_Id;
+}
+
+TevClient::~TevClient() {
+  if (registered_) TevTerm(fb_, id_, kTevModeNormal);
+}
+
+TevCallResult TevClient::call(std::string_view server, const std::vector<std::uint8_t>& payload,
+                              int timeout_ms, bool expect_reply) {
+  TevCallResult result;
+  if (!registered_) {
+    result.rc = 1;
+    result.fb = fb_;
+    return result;
+  }
+  TevIdentity remote;
+  remote.set_system_id(tev_node_name());
+  remote.set_app_name(server);
+  std::uint32_t conversation = next_conv_++;
+  if (next_conv_ == 0) next_conv_ = 1;
+
+  TevFeedback fb;
+  if (TevSend(fb, id_, remote, payload.data(), payload.size(), kTevModeNormal, conversation) != 0) {
+    result.rc = 1;
+    result.fb = fb;
+    return result;
+  }
+  if (!expect_reply) return result;
+
+  std::vector<std::uint8_t> buffer(kTevMaxPayload);
+  for (;;) {
+    TevIdentity sender;
+    TevInquiry inquiry;
+    if (TevRecvTimed(fb, id_, sender, buffer.data(), buffer.size(), inquiry, timeout_ms) != 0) {
+      if (fb.FB_Src == kTevSrcRcvCnc) continue;
+      result.rc = 1;
+      result.fb = fb;
+      return result;
+    }
+    std::uint8_t kind = fb.FB_InKind;
+    std::uint32_t in_conversation = fb.FB_InConversId;
+    if (kind == kTevKindConv) {
+      TevFeedback answer_fb;
+      TevAnswer(answer_fb, id_, sender, in_conversation, "OK");
+    } else if (in_conversation != conversation) {
+      continue;  // a late reply to an earlier request
+    }
+    result.replies.push_back(TevReply{kind, std::string(sender.app_name()),
+                                      std::vector<std::uint8_t>(buffer.begin(),
+                                                                buffer.begin() + fb.FB_DataLen)});
+    if (kind == kTevKindData) return result;
+  }
+}

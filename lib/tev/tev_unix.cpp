@@ -1,0 +1,244 @@
+// The local backend: one Unix-domain datagram socket per registration,
+// bound at TEV_DIR/<application name>.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tev_backend.h"
+#include "tev_wire.h"
+
+namespace {
+
+constexpr int kSocketBuffer = 1 << 20;      // room for many maximum datagrams
+constexpr int kSendTimeoutSeconds = 5;      // a peer that never reads
+
+int system_error(TevFeedback& fb, const char* what, int err) {
+  std::string text = std::string(what) + ": " + std::strerror(err);
+  return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, err, text);
+}
+
+bool make_address(const std::string& path, sockaddr_un& addr, socklen_t& len) {
+  if (path.size() >= sizeof addr.sun_path) return false;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path.data(), path.size());
+  len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+  return true;
+}
+
+// The rendezvous directory must exist; a root process refuses one that
+// anyone could have prepared to capture its socket.
+int check_directory(TevFeedback& fb, const std::string& dir) {
+  struct stat st {};
+  if (lstat(dir.c_str(), &st) != 0) {
+    if (errno != ENOENT) return system_error(fb, "Transport directory", errno);
+    if (mkdir(dir.c_str(), 01777) != 0 && errno != EEXIST)
+      return system_error(fb, "Cannot create transport directory", errno);
+    if (chmod(dir.c_str(), 01777) != 0) return system_error(fb, "Transport directory", errno);
+    if (lstat(dir.c_str(), &st) != 0) return system_error(fb, "Transport directory", errno);
+  }
+  bool is_root = geteuid() == 0;
+  if (is_root && S_ISLNK(st.st_mode))
+    return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, EPERM,
+                    "Transport directory is a symbolic link");
+  if (S_ISLNK(st.st_mode) && stat(dir.c_str(), &st) != 0)
+    return system_error(fb, "Transport directory", errno);
+  if (!S_ISDIR(st.st_mode))
+    return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, ENOTDIR,
+                    "Transport directory is not a directory");
+  if (is_root && (st.st_uid != 0 || ((st.st_mode & S_IWOTH) && !(st.st_mode & S_ISVTX))))
+    return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, EPERM,
+                    "Transport directory is not safe");
+  return 0;
+}
+
+// True when something answers at `addr` (the name is in use).
+bool someone_bound(const sockaddr_un& addr, socklen_t len) {
+  int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (probe < 0) return true;  // cannot tell: do not steal the name
+  ssize_t r = sendto(probe, "", 0, 0, reinterpret_cast<const sockaddr*>(&addr), len);
+  int err = errno;
+  close(probe);
+  return !(r < 0 && (err == ECONNREFUSED || err == ENOENT));
+}
+
+class UnixEndpoint final : public TevEndpoint {
+ public:
+  UnixEndpoint(int fd, std::string path, std::string dir)
+      : fd_(fd), owner_(getpid()), path_(std::move(path)), dir_(std::move(dir)),
+        buffer_(kTevHeaderSize + kTevMaxPayload + 1) {}
+
+  // Only the process that registered removes the name: a forked child that
+  // exits must not take its parent's name away.
+  ~UnixEndpoint() override {
+    close(fd_);
+    if (getpid() == owner_) unlink(path_.c_str());
+  }
+
+  int send(TevFeedback& fb, std::uint8_t kind, std::uint32_t conversation,
+           const TevIdentity& local, const TevIdentity& remote,
+           std::span<const std::uint8_t> payload) override {
+    sockaddr_un addr;
+    socklen_t len;
+    if (!make_address(dir_ + "/" + std::string(remote.app_name()), addr, len))
+      return tev_fail(fb, kTevPrcPlistErr, 0, ENAMETOOLONG, "Remote name too long for a path");
+    std::array<std::uint8_t, kTevHeaderSize> header;
+    tev_encode_header(header, kind, conversation, local, remote, payload.size());
+    iovec iov[2] = {{header.data(), header.size()},
+                    {const_cast<std::uint8_t*>(payload.data()), payload.size()}};
+    msghdr msg{};
+    msg.msg_name = &addr;
+    msg.msg_namelen = len;
+    msg.msg_iov = iov;
+    msg.msg_iovlen = payload.empty() ? 1 : 2;
+    for (;;) {
+      if (sendmsg(fd_, &msg, MSG_NOSIGNAL) >= 0) return 0;
+      int err = errno;
+      if (err == EINTR) continue;
+      if (err == ENOENT || err == ECONNREFUSED || err == ENOTDIR)
+        return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, err, "No receiver online");
+      if (err == EAGAIN || err == EWOULDBLOCK)
+        return tev_fail(fb, kTevPrcLogicErr, kTevSrcSndDrc, err, "Send error: receiver not reading");
+      return system_error(fb, "Send", err);
+    }
+  }
+
+  int receive(TevFeedback& fb, TevIncoming& out, std::size_t max_payload,
+              int timeout_ms) override {
+    for (;;) {
+      if (timeout_ms >= 0) {
+        pollfd p{fd_, POLLIN, 0};
+        int r = poll(&p, 1, timeout_ms);
+        if (r < 0 && errno == EINTR)
+          return tev_fail(fb, kTevPrcLogicErr, kTevSrcRcvCnc, EINTR, "Receive was canceled");
+        if (r < 0) return system_error(fb, "Receive", errno);
+        if (r == 0) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
+      }
+      sockaddr_un from{};
+      alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+      iovec iov{buffer_.data(), buffer_.size()};
+      msghdr msg{};
+      msg.msg_name = &from;
+      msg.msg_namelen = sizeof from;
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = control;
+      msg.msg_controllen = sizeof control;
+      ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | (timeout_ms >= 0 ? MSG_DONTWAIT : 0));
+      if (n < 0) {
+        int err = errno;
+        if (err == EINTR)
+          return tev_fail(fb, kTevPrcLogicErr, kTevSrcRcvCnc, EINTR, "Receive was canceled");
+        if (err == EAGAIN || err == EWOULDBLOCK) continue;  // raced with another reader
+        return system_error(fb, "Receive", err);
+      }
+      if (accept(fb, msg, from, static_cast<std::size_t>(n), max_payload, out)) return 0;
+      ++fb.FB_Dropped;
+    }
+  }
+
+ private:
+  // Validates one received datagram and fills `out`; false drops it.
+  bool accept(TevFeedback& /*fb*/, const msghdr& msg, const sockaddr_un& from, std::size_t n,
+              std::size_t max_payload, TevIncoming& out) {
+    if (msg.msg_flags & MSG_TRUNC) return false;
+    auto d = tev_decode(std::span<const std::uint8_t>(buffer_.data(), n));
+    if (!d || d->payload.size() > max_payload) return false;
+    // The sender's name is the one the kernel reports, not the one claimed.
+    std::size_t path_len = msg.msg_namelen > offsetof(sockaddr_un, sun_path)
+                               ? msg.msg_namelen - offsetof(sockaddr_un, sun_path)
+                               : 0;
+    std::string_view path(from.sun_path, strnlen(from.sun_path, path_len));
+    if (path.empty()) return false;  // an unnamed or abstract sender cannot be answered
+    std::string_view name = path.substr(path.rfind('/') == std::string_view::npos ? 0 : path.rfind('/') + 1);
+    if (name.empty() || name.size() > kTevMaxAppName || name != d->sender.app_name()) return false;
+
+    out.kind = d->kind;
+    out.conversation = d->conversation;
+    out.sender.clear();
+    out.sender.set_flag(d->sender.flag());
+    out.sender.set_system_id(tev_node_name());
+    out.sender.set_app_name(name);
+    out.inquiry = TevInquiry{};
+    for (cmsghdr* c = CMSG_FIRSTHDR(const_cast<msghdr*>(&msg)); c != nullptr;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&msg), c)) {
+      if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
+          c->cmsg_len >= CMSG_LEN(sizeof(ucred))) {
+        ucred cred;
+        std::memcpy(&cred, CMSG_DATA(c), sizeof cred);
+        out.inquiry = TevInquiry{true, cred.pid, cred.uid, cred.gid};
+      }
+    }
+    out.payload = d->payload;
+    return true;
+  }
+
+  int fd_;
+  pid_t owner_;
+  std::string path_;
+  std::string dir_;
+  std::vector<std::uint8_t> buffer_;  // one datagram; reused by every receive
+};
+
+void set_buffer_size(int fd, int option, int force_option) {
+  int size = kSocketBuffer;
+  if (setsockopt(fd, SOL_SOCKET, force_option, &size, sizeof size) != 0)
+    setsockopt(fd, SOL_SOCKET, option, &size, sizeof size);
+}
+
+}  // namespace
+
+std::unique_ptr<TevEndpoint> tev_unix_open(TevFeedback& fb, const TevIdentity& id) {
+  std::string dir = tev_directory();
+  if (check_directory(fb, dir) != 0) return nullptr;
+  std::string path = dir + "/" + std::string(id.app_name());
+  sockaddr_un addr;
+  socklen_t len;
+  if (!make_address(path, addr, len)) {
+    tev_fail(fb, kTevPrcPlistErr, 0, ENAMETOOLONG, "Socket path too long");
+    return nullptr;
+  }
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    system_error(fb, "Socket", errno);
+    return nullptr;
+  }
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&addr), len) != 0) {
+    int err = errno;
+    struct stat st {};
+    bool stale = err == EADDRINUSE && lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) &&
+                 !someone_bound(addr, len);
+    if (!stale || unlink(path.c_str()) != 0 ||
+        bind(fd, reinterpret_cast<const sockaddr*>(&addr), len) != 0) {
+      close(fd);
+      if (err == EADDRINUSE)
+        tev_fail(fb, kTevPrcLogicErr, kTevSrcNoPath, err, "Remote resource not available");
+      else
+        system_error(fb, "Bind", err);
+      return nullptr;
+    }
+  }
+  // Agents under other uids answer clients through this name.
+  if (chmod(path.c_str(), 0666) != 0) {
+    int err = errno;
+    close(fd);
+    unlink(path.c_str());
+    system_error(fb, "Socket mode", err);
+    return nullptr;
+  }
+  int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+  set_buffer_size(fd, SO_RCVBUF, SO_RCVBUFFORCE);
+  set_buffer_size(fd, SO_SNDBUF, SO_SNDBUFFORCE);
+  timeval timeout{kSendTimeoutSeconds, 0};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  return std::make_unique<UnixEndpoint>(fd, std::move(path), std::move(dir));
+}
