@@ -1,0 +1,317 @@
+// The transport through its public operations and real sockets: names,
+// messages, conversations, credentials, malformed datagrams and signals.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "core_util.h"
+#include "tev.h"
+#include "tev_wire.h"
+
+using testutil::EnvGuard;
+using testutil::TempDir;
+
+namespace {
+
+TevIdentity named(std::string_view name) {
+  TevIdentity id;
+  id.set_app_name(name);
+  return id;
+}
+
+// A registration for the scope of a test.
+struct Reg {
+  explicit Reg(std::string_view name) : id(named(name)) { rc = TevInit(fb, id, kTevModeNormal); }
+  ~Reg() {
+    if (rc == 0) TevTerm(fb, id, kTevModeNormal);
+  }
+  TevIdentity id;
+  TevFeedback fb;
+  int rc;
+};
+
+class Transport : public ::testing::Test {
+ protected:
+  std::filesystem::path socket_of(std::string_view name) { return dir_.path() / std::string(name); }
+
+  // Sends `bytes` as one raw datagram to `to`, from a socket bound at
+  // `from_name` inside the transport directory (or unbound when empty).
+  void send_raw(std::string_view to, const std::vector<std::uint8_t>& bytes,
+                std::string_view from_name = {}) {
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    if (!from_name.empty()) {
+      sockaddr_un a{};
+      a.sun_family = AF_UNIX;
+      socket_of(from_name).string().copy(a.sun_path, sizeof a.sun_path - 1);
+      ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    }
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    socket_of(to).string().copy(addr.sun_path, sizeof addr.sun_path - 1);
+    ASSERT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&addr),
+                     sizeof addr),
+              static_cast<ssize_t>(bytes.size()));
+    close(fd);
+    if (!from_name.empty()) unlink(socket_of(from_name).c_str());
+  }
+
+  static std::vector<std::uint8_t> datagram(std::uint8_t kind, std::uint32_t conv,
+                                            std::string_view sender, std::string_view payload) {
+    std::vector<std::uint8_t> d(kTevHeaderSize + payload.size());
+    tev_encode_header(std::span<std::uint8_t, kTevHeaderSize>(d.data(), kTevHeaderSize), kind,
+                      conv, named(sender), named("X"), payload.size());
+    std::memcpy(d.data() + kTevHeaderSize, payload.data(), payload.size());
+    return d;
+  }
+
+  TempDir dir_;
+  EnvGuard env_{"TEV_DIR", dir_.str()};
+};
+
+std::string recv_text(Reg& r, int timeout_ms, TevIdentity* from = nullptr, TevInquiry* inq = nullptr) {
+  std::array<char, 512> buf{};
+  TevIdentity remote;
+  TevInquiry inquiry;
+  if (TevRecvTimed(r.fb, r.id, remote, buf.data(), buf.size(), inquiry, timeout_ms) != 0)
+    return "<failed " + std::to_string(r.fb.FB_Src) + ">";
+  if (from) *from = remote;
+  if (inq) *inq = inquiry;
+  return std::string(buf.data(), r.fb.FB_DataLen);
+}
+
+}  // namespace
+
+TEST_F(Transport, RegistrationOwnsAWorldWritableSocketUntilDeregistered) {
+  {
+    Reg r("SERVER.ONE");
+    ASSERT_EQ(r.rc, 0) << r.fb.FB_ErrorText;
+    EXPECT_EQ(r.fb.FB_Local_Id.app_name(), "SERVER.ONE");
+    EXPECT_FALSE(r.fb.FB_Local_Id.system_id().empty());
+    struct stat st {};
+    ASSERT_EQ(lstat(socket_of("SERVER.ONE").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+
+    Reg again("SERVER.ONE");  // in use in this process
+    EXPECT_NE(again.rc, 0);
+    EXPECT_EQ(again.fb.FB_Src, kTevSrcNoPath);
+  }
+  EXPECT_FALSE(std::filesystem::exists(socket_of("SERVER.ONE")));
+}
+
+TEST_F(Transport, ANameHeldByAnotherProcessIsRefusedAStaleOneTakenOver) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  testutil::Child holder([&] {
+    Reg r("HELD");
+    char c = r.rc == 0 ? 'y' : 'n';
+    (void)!write(ready[1], &c, 1);
+    pause();
+    return 0;
+  });
+  char c = 0;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  ASSERT_EQ(c, 'y');
+  {
+    Reg r("HELD");
+    EXPECT_NE(r.rc, 0);
+    EXPECT_EQ(r.fb.FB_Prc, kTevPrcLogicErr);
+    EXPECT_EQ(r.fb.FB_Src, kTevSrcNoPath);
+  }
+  // Killed without deregistering: the socket file stays behind, and the
+  // next registrant takes it over.
+  kill(holder.pid(), SIGKILL);
+  holder.wait();
+  ASSERT_TRUE(std::filesystem::exists(socket_of("HELD")));
+  Reg r("HELD");
+  EXPECT_EQ(r.rc, 0) << r.fb.FB_ErrorText;
+  close(ready[0]);
+  close(ready[1]);
+}
+
+TEST_F(Transport, BadArgumentsAreParameterErrors) {
+  for (std::string name : {std::string(""), std::string("a/b")}) {
+    Reg r(name);
+    EXPECT_EQ(r.fb.FB_Prc, kTevPrcPlistErr) << name;
+  }
+  TevIdentity long_name;
+  std::memset(long_name.bytes.data() + kTevAppNameOffset, 'N', kTevAppNameField);  // 21, no NUL
+  TevFeedback fb;
+  EXPECT_NE(TevInit(fb, long_name, kTevModeNormal), 0);
+  EXPECT_EQ(fb.FB_Prc, kTevPrcPlistErr);
+
+  Reg r("ARGS");
+  ASSERT_EQ(r.rc, 0);
+  std::vector<char> big(kTevMaxPayload + 1);
+  EXPECT_NE(TevSend(r.fb, r.id, named("ARGS"), big.data(), big.size(), kTevModeNormal, 0), 0);
+  EXPECT_EQ(r.fb.FB_Prc, kTevPrcPlistErr);
+  EXPECT_NE(TevSend(r.fb, r.id, named("ARGS"), "x", 1, 7, 0), 0);
+  EXPECT_EQ(r.fb.FB_Prc, kTevPrcPlistErr);
+  const TevInquiry* none[] = {nullptr};
+  EXPECT_NE(APICHECK(none), 0);
+}
+
+TEST_F(Transport, DataCarriesConversationIdSenderAndCredentials) {
+  Reg a("PEER.A"), b("PEER.B");
+  ASSERT_EQ(a.rc, 0);
+  ASSERT_EQ(b.rc, 0);
+  ASSERT_EQ(TevSend(a.fb, a.id, named("PEER.B"), "hello", 5, kTevModeNormal, 77), 0);
+  TevIdentity from;
+  TevInquiry inq;
+  EXPECT_EQ(recv_text(b, 2000, &from, &inq), "hello");
+  EXPECT_EQ(b.fb.FB_InConversId, 77u);
+  EXPECT_EQ(b.fb.FB_InKind, kTevKindData);
+  EXPECT_EQ(from.app_name(), "PEER.A");
+  EXPECT_EQ(from.system_id(), tev_node_name());
+  EXPECT_TRUE(inq.valid);
+  EXPECT_EQ(inq.pid, getpid());
+  EXPECT_EQ(inq.uid, getuid());
+  const TevInquiry* handles[] = {&inq};
+  EXPECT_EQ(APICHECK(handles), 0);
+
+  // Nobody at the name: NORCVR.
+  EXPECT_NE(TevSend(a.fb, a.id, named("NOBODY"), "x", 1, kTevModeNormal, 0), 0);
+  EXPECT_EQ(a.fb.FB_Prc, kTevPrcLogicErr);
+  EXPECT_EQ(a.fb.FB_Src, kTevSrcNoRcvr);
+  EXPECT_EQ(a.fb.FB_ErrorText, "No receiver online");
+}
+
+TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
+  Reg r("VICTIM");
+  ASSERT_EQ(r.rc, 0);
+  std::vector<std::uint8_t> good = datagram(kTevKindData, 1, "SPOOF", "ok");
+  auto bad_magic = good;
+  bad_magic[0] = 'X';
+  auto bad_kind = good;
+  bad_kind[4] = 9;
+  auto bad_reserved = good;
+  bad_reserved[6] = 1;
+  auto short_size = good;
+  short_size.pop_back();
+  auto long_answer = datagram(kTevKindAnswer, 1, "SPOOF", "more than ten bytes");
+  std::vector<std::uint8_t> oversize = datagram(kTevKindData, 1, "SPOOF", std::string(600, 'x'));
+
+  send_raw("VICTIM", {});                      // empty
+  send_raw("VICTIM", bad_magic, "SPOOF");
+  send_raw("VICTIM", bad_kind, "SPOOF");
+  send_raw("VICTIM", bad_reserved, "SPOOF");
+  send_raw("VICTIM", short_size, "SPOOF");
+  send_raw("VICTIM", long_answer, "SPOOF");
+  send_raw("VICTIM", oversize, "SPOOF");       // larger than the 512-byte buffer below
+  send_raw("VICTIM", good, "OTHER");           // claims SPOOF, sent from OTHER
+  send_raw("VICTIM", good);                    // unnamed sender
+  send_raw("VICTIM", good, "SPOOF");           // the only acceptable one
+  TevIdentity from;
+  EXPECT_EQ(recv_text(r, 2000, &from), "ok");
+  EXPECT_EQ(from.app_name(), "SPOOF");
+  EXPECT_EQ(r.fb.FB_Dropped, 9u);
+}
+
+TEST_F(Transport, ConversationAnsweredByAnotherProcess) {
+  Reg server("CONV.SRV");
+  ASSERT_EQ(server.rc, 0);
+  testutil::Child peer([] {
+    Reg c("CONV.CLI");
+    if (c.rc != 0) return 1;
+    std::array<char, 64> buf{};
+    TevIdentity remote;
+    TevInquiry inq;
+    if (TevRecv(c.fb, c.id, remote, buf.data(), buf.size(), kTevModeRecvAny, inq) != 0) return 2;
+    if (c.fb.FB_InKind != kTevKindConv) return 3;
+    if (TevAnswer(c.fb, c.id, remote, c.fb.FB_InConversId, "OK") != 0) return 4;
+    return 0;
+  });
+  // Wait until the peer has registered.
+  for (int i = 0; i < 500 && !std::filesystem::exists(socket_of("CONV.CLI")); ++i) usleep(10000);
+  // Meanwhile, a DATA message reaches the server: it must be kept for later.
+  Reg other("CONV.OTHER");
+  ASSERT_EQ(TevSend(other.fb, other.id, named("CONV.SRV"), "queued", 6, kTevModeNormal, 5), 0);
+
+  char answer[10] = {};
+  ASSERT_EQ(Tev_Conv(server.fb, server.id, named("CONV.CLI"), "part", 4, answer, sizeof answer,
+                     kTevModeNormal, 5),
+            0)
+      << server.fb.FB_ErrorText;
+  EXPECT_STREQ(answer, "OK");
+  EXPECT_NE(server.fb.FB_ConversId, 0u);
+  EXPECT_EQ(peer.wait(), 0);
+  EXPECT_EQ(recv_text(server, 0), "queued");
+  EXPECT_EQ(server.fb.FB_InConversId, 5u);
+}
+
+TEST_F(Transport, ConversationWithoutAnAnswerTimesOut) {
+  Reg server("SILENT.SRV"), mute("SILENT.CLI");
+  ASSERT_EQ(server.rc, 0);
+  char answer[10];
+  EXPECT_NE(Tev_Conv(server.fb, server.id, named("SILENT.CLI"), "x", 1, answer, sizeof answer,
+                     kTevModeNormal, 1),
+            0);
+  EXPECT_EQ(server.fb.FB_Prc, kTevPrcLogicErr);
+  EXPECT_EQ(server.fb.FB_Src, kTevSrcRtmOut);
+}
+
+namespace {
+void on_alarm(int) {}
+}  // namespace
+
+TEST_F(Transport, ASignalEndsABlockedReceive) {
+  Reg r("SIGNALLED");
+  ASSERT_EQ(r.rc, 0);
+  struct sigaction sa {};
+  sa.sa_handler = on_alarm;  // no SA_RESTART
+  struct sigaction old {};
+  sigaction(SIGALRM, &sa, &old);
+  alarm(1);
+  std::array<char, 64> buf{};
+  TevIdentity remote;
+  TevInquiry inq;
+  int rc = TevRecv(r.fb, r.id, remote, buf.data(), buf.size(), kTevModeRecvAny, inq);
+  sigaction(SIGALRM, &old, nullptr);
+  EXPECT_NE(rc, 0);
+  EXPECT_EQ(r.fb.FB_Prc, kTevPrcLogicErr);
+  EXPECT_EQ(r.fb.FB_Src, kTevSrcRcvCnc);
+}
+
+TEST_F(Transport, RootRefusesAnUnsafeDirectory) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: only root refuses unsafe directories";
+  auto unsafe = dir_.path() / "open";
+  std::filesystem::create_directory(unsafe);
+  chmod(unsafe.c_str(), 0777);  // writable by all, no sticky bit
+  EnvGuard env("TEV_DIR", unsafe.string());
+  Reg r("ANY");
+  EXPECT_NE(r.rc, 0);
+  auto link = dir_.path() / "link";
+  std::filesystem::create_directory_symlink(dir_.path(), link);
+  EnvGuard env2("TEV_DIR", link.string());
+  Reg r2("ANY");
+  EXPECT_NE(r2.rc, 0);
+}
+
+TEST(Datagram, EveryTruncationOfAValidDatagramIsRefused) {
+  std::vector<std::uint8_t> d(kTevHeaderSize + 5);
+  tev_encode_header(std::span<std::uint8_t, kTevHeaderSize>(d.data(), kTevHeaderSize),
+                    kTevKindConv, 0xA1B2C3D4, named("FROM"), named("TO"), 5);
+  std::memcpy(d.data() + kTevHeaderSize, "abcde", 5);
+  auto ok = tev_decode(d);
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(ok->kind, kTevKindConv);
+  EXPECT_EQ(ok->conversation, 0xA1B2C3D4u);
+  EXPECT_EQ(d[8], 0xD4);  // little-endian on the wire
+  EXPECT_EQ(d[12], 5);
+  EXPECT_EQ(ok->sender.app_name(), "FROM");
+  EXPECT_EQ(ok->receiver.app_name(), "TO");
+  for (std::size_t n = 0; n < d.size(); ++n)
+    EXPECT_FALSE(tev_decode(std::span<const std::uint8_t>(d.data(), n))) << n;
+}
