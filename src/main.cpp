@@ -15,7 +15,8 @@ int main(int /*argc*/, char** argv) {
 
   Registration& reg = quor_registration();
   if (int rc = quor_tev_register(reg.id, reg.fb, kServerName); rc != 0) {
-    quor_msg_log(20, 4, std::to_string(rc));
+    MOmsgf(2, __LINE__, "../src/quordaemon", mo_identifier(20, 4), MO_LOG | 1,
+           {std::to_string(rc)});
     if (quor_debug()) tev_dump_feedback("    TevInit failed", reg.fb);
     return 1;
   }
