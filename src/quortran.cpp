@@ -139,3 +139,11 @@ std::optional<std::size_t> buf_get_items(InBuf buf, std::size_t first,
     }
   }
 }
+
+std::optional<std::size_t> buf_read_segment(InBuf buf, std::string_view tag,
+                                            std::span<std::string_view> values,
+                                            std::span<const std::string_view> names) {
+  auto first = buf_find_segment(buf, tag);
+  if (!first) return std::nullopt;
+  return buf_get_items(buf, *first, values, names);
+}

@@ -108,3 +108,8 @@ std::optional<std::size_t> buf_find_segment(InBuf buf, std::string_view tag);
 std::optional<std::size_t> buf_get_items(InBuf buf, std::size_t first,
                                          std::span<std::string_view> values,
                                          std::span<const std::string_view> names);
+
+// buf_find_segment + buf_get_items: the items of the segment tagged `tag`.
+std::optional<std::size_t> buf_read_segment(InBuf buf, std::string_view tag,
+                                            std::span<std::string_view> values,
+                                            std::span<const std::string_view> names);

@@ -14,10 +14,8 @@ std::array<const std::optional<std::string>*, 9> ObjectHeader::fields() const {
 
 std::optional<std::size_t> quor_hdr_read(InBuf buf, ObjectHeader& out) {
   out = ObjectHeader{};
-  auto first = buf_find_segment(buf, kHdrTag);
-  if (!first) return std::nullopt;
   std::array<std::string_view, kHdrItems.size()> v;
-  auto end = buf_get_items(buf, *first, v, kHdrItems);
+  auto end = buf_read_segment(buf, kHdrTag, v, kHdrItems);
   if (!end) return std::nullopt;
   auto f = out.fields();
   for (std::size_t i = 0; i < f.size(); ++i) *f[i] = std::string(v[i]);
@@ -42,11 +40,9 @@ void quor_hdr_write(const ObjectHeader& header, OutBuf& out) {
 
 std::optional<std::size_t> quor_trl_read(InBuf buf, Trailer& out) {
   out = Trailer{};
-  auto first = buf_find_segment(buf, kTrlTag);
-  if (!first) return std::nullopt;
   static constexpr std::array<std::string_view, 1> kNames = {"MD"};
   std::array<std::string_view, 1> v;
-  auto end = buf_get_items(buf, *first, v, kNames);
+  auto end = buf_read_segment(buf, kTrlTag, v, kNames);
   if (!end) return std::nullopt;
   out.more_data = std::string(v[0]);
   if (quor_debug()) quor_trace("    more_data=%s\n", out.more_data->c_str());

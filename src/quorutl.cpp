@@ -65,10 +65,8 @@ void tran_header_put(std::string_view transcode, std::string_view continuation, 
 
 std::optional<std::size_t> tran_header_read(InBuf buf, TransactionHeader& out) {
   out = TransactionHeader{};
-  auto first = buf_find_segment(buf, kTranTag);
-  if (!first) return std::nullopt;
   std::array<std::string_view, kTranItems.size()> v;
-  auto end = buf_get_items(buf, *first, v, kTranItems);
+  auto end = buf_read_segment(buf, kTranTag, v, kTranItems);
   if (!end) return std::nullopt;
   out.transcode = v[0];
   out.pid = v[1];

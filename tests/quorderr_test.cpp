@@ -57,6 +57,18 @@ Decoded decode(std::vector<std::uint8_t> payload) {
   return d;
 }
 
+// Sends a request of `type` to the forked server and collects the replies.
+TevCallResult ask(std::string_view type) {
+  TevClient client;
+  std::size_t length = 0;
+  auto request = testutil::make_request(type, length);
+  quor_wire_seal(request, length);
+  return client.call("TEST.SRV",
+                     std::vector<std::uint8_t>(request.begin(),
+                                               request.begin() + static_cast<long>(length)),
+                     5000);
+}
+
 // The strings of the first segment tagged `tag`, up to its end mark.
 std::vector<std::string> segment_strings(const std::vector<char>& buf, std::string_view tag) {
   std::vector<std::string> out;
@@ -77,13 +89,7 @@ TEST_F(ForkedServer, ErrorReplyReachesTheClientAsTheDocumentedSegments) {
     receive_or_die(server_, buf);
     return quor_error_reply(1, "bad", server_) == 0 ? 0 : 11;
   });
-  TevClient client;
-  ASSERT_TRUE(client.ok());
-  std::size_t length = 0;
-  auto request = testutil::make_request("S", length);
-  quor_wire_seal(request, length);
-  std::vector<std::uint8_t> payload(request.begin(), request.begin() + static_cast<long>(length));
-  TevCallResult result = client.call("TEST.SRV", payload, 5000);
+  TevCallResult result = ask("S");
   ASSERT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
   ASSERT_EQ(result.replies.size(), 1u);
   EXPECT_EQ(result.replies[0].kind, kTevKindData);
@@ -110,13 +116,7 @@ TEST_F(ForkedServer, ErrorReplyCutsATextTooLongForOneBuffer) {
     receive_or_die(server_, buf);
     return quor_error_reply(3, std::string(40000, 'x'), server_) == 0 ? 0 : 11;
   });
-  TevClient client;
-  std::size_t length = 0;
-  auto request = testutil::make_request("S", length);
-  quor_wire_seal(request, length);
-  TevCallResult result = client.call(
-      "TEST.SRV", std::vector<std::uint8_t>(request.begin(), request.begin() + static_cast<long>(length)),
-      5000);
+  TevCallResult result = ask("S");
   ASSERT_EQ(result.rc, 0);
   EXPECT_EQ(child.wait(), 0);
   Decoded d = decode(result.replies.at(0).payload);
@@ -142,13 +142,7 @@ TEST_F(ForkedServer, AReplyLargerThanABufferArrivesAsPartialBuffersInOrder) {
     return quor_tev_send(server_, buf, out.pos) == 0 ? 0 : 13;
   });
   const std::string partial_name = "QUOR." + std::to_string(child.pid());
-  TevClient client;
-  std::size_t length = 0;
-  auto request = testutil::make_request("F", length);
-  quor_wire_seal(request, length);
-  TevCallResult result = client.call(
-      "TEST.SRV", std::vector<std::uint8_t>(request.begin(), request.begin() + static_cast<long>(length)),
-      5000);
+  TevCallResult result = ask("F");
   ASSERT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
   EXPECT_EQ(child.wait(), 0);
   ASSERT_GE(result.replies.size(), 3u);
