@@ -1,51 +1,54 @@
-// Building requests for quorctl, from a message type or from the raw text
-// form, and exchanging them with the daemon.
-//
-// The raw text form, one directive per line ('#' starts a comment line):
-//
-//   header T            a transaction header of type T for this process
-//                       (T may be empty: "header")
-//   segment ZZZXXX      open a segment
-//   item NAME VALUE     a name/value item (VALUE may be empty)
-//   string TEXT         a bare string (bodies such as a configuration path)
-//   end                 close the open segment
-//   trailer Y|N         the trailer segment, then ZZZEOD
-//   eod                 ZZZEOD alone
-//
-// Values and texts take C escapes: \n \t \r \\ \0 and \xNN. A message must
-// not exceed 32767 bytes.
+// Building quorctl's requests and exchanging them with the daemon.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "ctl_decode.h"
+#include "ctl_text.h"
+#include "quortev.h"
 
-// A plain request buffer (prefix not yet written) and its length.
-struct CtlRequest {
-  std::vector<char> bytes;
-  std::string error;  // set when the request could not be built
+// Where requests go and how long to wait for each reply buffer.
+struct CtlTarget {
+  std::string server = std::string(kServerName);
+  int timeout_ms = 10000;
 };
 
-// Header of `type`, optional "ZZZFIL" segment holding `path`, trailer "N".
+// A plain request: a transaction header of `type` for this process, a
+// "ZZZFIL" segment holding `path` when given, and the trailer "N".
 CtlRequest ctl_build_request(std::string_view type, std::optional<std::string_view> path = {});
 
-// The raw text form; errors name the line.
-CtlRequest ctl_parse_text(std::string_view text);
+// The message type of a plain request (first character of COD in its
+// transaction header), 0 when it has none.
+char ctl_request_type(const std::vector<char>& plain);
 
-// The outcome of one exchange with the daemon.
-struct CtlExchange {
-  bool ok = false;
-  std::string error;                  // one line, when !ok
-  std::vector<CtlDecoded> replies;    // decoded reply buffers, in order
-  std::vector<std::string> kinds;     // "CONV" or "DATA" for each
-  std::vector<std::string> senders;
+// Why an exchange failed.
+enum class CtlFailure {
+  None,
+  Request,     // the request cannot be sent as it is
+  Register,    // quorctl could not register with the transport
+  NotRunning,  // no receiver at the server name
+  NoReply,     // a reply buffer did not arrive in time
+  Transport,   // any other transport failure
 };
 
-// Sends `request` (plain; it is sealed here) to `server`; collects and
-// decodes the replies when `expect_reply`.
-CtlExchange ctl_exchange(std::string_view server, CtlRequest request, int timeout_ms,
-                         bool expect_reply);
+struct CtlReply {
+  bool partial = false;  // a CONV buffer (more follow) rather than the final DATA
+  std::string sender;    // the sender's application name
+  CtlDecoded decoded;    // unscrambled and decoded
+};
+
+struct CtlExchange {
+  CtlFailure failure = CtlFailure::None;
+  std::string error;               // one line, when it failed
+  std::vector<CtlReply> replies;   // in arrival order (also those before a failure)
+
+  bool ok() const { return failure == CtlFailure::None; }
+};
+
+// Seals `plain` (rewriting its length prefix to its size) and sends it to the
+// target; with `expect_reply`, collects every reply buffer up to the final
+// one. Partial buffers are answered by the transport client as they come.
+CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool expect_reply);

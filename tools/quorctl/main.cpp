@@ -1,7 +1,6 @@
-// quorctl: talk to quordaemon from the command line.
-//
-// Exit statuses: 0 success; 1 failure (no daemon, no reply, bad file);
-// 2 usage error; 3 the daemon answered with a non-zero return code.
+// quorctl: talk to quordaemon from the command line. This file reads the
+// command line and files and prints; the commands live in ctl_commands.cpp.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -12,275 +11,282 @@
 #include <string>
 #include <vector>
 
-#include "ctl_decode.h"
-#include "ctl_request.h"
-#include "quortev.h"
+#include "ctl_commands.h"
+#include "ctl_text.h"
 
 namespace {
-
-struct Options {
-  std::string server = std::string(kServerName);
-  int timeout_ms = 10000;
-  bool json = false;
-  bool help = false;
-  std::string command;
-  std::vector<std::string> args;  // command arguments, options removed
-  std::vector<std::string> flags; // command options (--full, --wire, ...)
-};
 
 constexpr const char* kUsage =
     "usage: quorctl [--server NAME] [--timeout SECONDS] [--json] COMMAND [ARGS]\n"
     "\n"
     "commands:\n"
-    "  status [--full]        brief (or full) status report of the daemon\n"
-    "  refresh [PATH]         re-read the configuration (the default file, or PATH)\n"
-    "  cleanup                sweep finished and overdue agents now\n"
-    "  terminate              stop the daemon, leaving agents running\n"
-    "  killall                stop every agent, then the daemon\n"
-    "  decode FILE [--wire|--plain]   print the segments of a message buffer\n"
-    "  raw [FILE|-] [--file BINARY] [--no-reply]   send a hand-made request\n"
+    "  status [--full]                 the daemon's brief (or full) status report\n"
+    "  refresh [PATH]                  re-read the configuration (the default file, or PATH)\n"
+    "  cleanup                         sweep finished and overdue agents now\n"
+    "  terminate                       stop the daemon, leaving agents running\n"
+    "  killall                         stop every agent, then the daemon\n"
+    "  decode FILE [--wire|--plain] [--text]\n"
+    "                                  print the segments of a message buffer\n"
+    "  raw [FILE|-] [--file BUFFER] [--expect-reply|--no-reply] [--save OUT]\n"
+    "                                  send a hand-made request, print the replies\n"
     "\n"
-    "The transport directory is TEV_DIR (default /tmp/tev). 'quorctl COMMAND --help'\n"
-    "describes one command.\n";
+    "options:\n"
+    "  --server NAME      the daemon's transport name (default MO_QUORUNIX_SERVER)\n"
+    "  --timeout SECONDS  wait this long for each reply buffer (default 10)\n"
+    "  --json             machine-readable output\n"
+    "\n"
+    "The transport directory is TEV_DIR (default /tmp/tev). Exit status: 0 done,\n"
+    "1 failed, 2 usage error, 3 the daemon answered with a non-zero return code,\n"
+    "4 daemon not running, 5 no reply in time. 'quorctl COMMAND --help' describes\n"
+    "one command.\n";
 
-const char* command_help(const std::string& c) {
-  if (c == "status")
-    return "usage: quorctl status [--full]\n"
-           "Asks for the brief status report (the daemon, its configuration, counts of\n"
-           "users and transactions) or, with --full, the report listing every user and\n"
-           "agent. Long reports arrive in several buffers and are joined in order.\n";
-  if (c == "refresh")
-    return "usage: quorctl refresh [PATH]\n"
-           "Makes the daemon re-read its configuration, object map and language map:\n"
-           "the default configuration file, or PATH. Prints the return code and message;\n"
-           "exits 3 when the daemon reports a failure (the old configuration stays).\n";
-  if (c == "cleanup")
-    return "usage: quorctl cleanup\nSends a clean-up request; the daemon sends no reply.\n";
-  if (c == "terminate")
-    return "usage: quorctl terminate\nStops the daemon in order; running agents are left alone.\n";
-  if (c == "killall")
-    return "usage: quorctl killall\nStops every running agent, then the daemon.\n";
-  if (c == "decode")
-    return "usage: quorctl decode FILE [--wire|--plain]\n"
-           "Prints the segments and items of a message buffer read from FILE, with\n"
-           "non-printing bytes escaped, and every framing problem with its offset. A\n"
-           "buffer as sent on the wire is unscrambled first; --wire and --plain force\n"
-           "the choice. Exits 1 when the buffer has problems.\n";
-  if (c == "raw")
-    return "usage: quorctl raw [FILE|-] [--file BINARY] [--no-reply]\n"
-           "Sends a request written in the raw text form (from FILE or standard input)\n"
-           "or, with --file, the plain buffer in BINARY (its length prefix is rewritten),\n"
-           "and prints every reply buffer decoded. The text form, one directive a line:\n"
-           "  header T | segment TAG | item NAME VALUE | string TEXT | end |\n"
-           "  trailer Y|N | eod        ('#' comments; escapes \\n \\t \\r \\\\ \\0 \\xNN)\n";
+struct CommandHelp {
+  const char* name;
+  const char* text;
+};
+
+constexpr CommandHelp kHelp[] = {
+    {"status",
+     "usage: quorctl status [--full]\n"
+     "Asks for the brief status report or, with --full, the full one, and prints\n"
+     "its lines. A long report arrives in several buffers; they are joined in\n"
+     "order. JSON: {\"type\",\"buffers\",\"lines\"}. Exits 3 when the daemon answers\n"
+     "with an error instead, 5 when no reply comes within the timeout.\n"},
+    {"refresh",
+     "usage: quorctl refresh [PATH]\n"
+     "Makes the daemon re-read its configuration: the default file, or PATH.\n"
+     "Prints 'RC n: message' (JSON: {\"rc\",\"message\"}); exits 3 when the return\n"
+     "code is not 0.\n"},
+    {"cleanup",
+     "usage: quorctl cleanup\n"
+     "Asks the daemon to sweep finished and overdue agents. The daemon sends no\n"
+     "reply; quorctl reports that the request was delivered.\n"},
+    {"terminate",
+     "usage: quorctl terminate\n"
+     "Stops the daemon in order; running agents are left alone. No reply comes;\n"
+     "quorctl reports that the request was delivered.\n"},
+    {"killall",
+     "usage: quorctl killall\n"
+     "Stops every running agent, then the daemon. No reply comes; quorctl reports\n"
+     "that the request was delivered.\n"},
+    {"decode",
+     "usage: quorctl decode FILE [--wire|--plain] [--text]\n"
+     "Prints the segments of the message buffer in FILE ('-': standard input):\n"
+     "tag, offset and declared length, items as NAME=value, bare strings quoted,\n"
+     "non-printing bytes escaped, and every framing problem with its offset. A\n"
+     "buffer in wire form is recognised and unscrambled; --wire and --plain force\n"
+     "the form. --text prints the buffer in the raw text form instead, ready to\n"
+     "edit and send with 'quorctl raw'. Exits 1 when the buffer has problems.\n"},
+    {"raw",
+     "usage: quorctl raw [FILE|-] [--expect-reply|--no-reply] [--save OUT]\n"
+     "       quorctl raw --file BUFFER [--wire|--plain] [--expect-reply|--no-reply]\n"
+     "Sends a request written in the raw text form (read from FILE, or standard\n"
+     "input) or, with --file, the message buffer in BUFFER, its length prefix\n"
+     "rewritten; prints every reply buffer decoded. Waits for a reply unless the\n"
+     "request's type is C, T or K; --expect-reply and --no-reply decide instead.\n"
+     "--save OUT writes the plain buffer to OUT instead of sending it.\n"
+     "The text form, one directive a line ('#' starts a comment line):\n"
+     "  header [TYPE [CONT]]   transaction header of this process\n"
+     "  segment TAG [LENGTH]   open a segment (LENGTH: write this length instead)\n"
+     "  item NAME [VALUE]      a name/value item\n"
+     "  string [TEXT]          a bare string\n"
+     "  end                    close the segment\n"
+     "  trailer Y|N            trailer and ZZZEOD\n"
+     "  eod                    ZZZEOD alone\n"
+     "Escapes: \\n \\t \\r \\\\ \\0 \\xNN.\n"},
+};
+
+const char* command_help(const std::string& name) {
+  for (const auto& h : kHelp)
+    if (name == h.name) return h.text;
   return nullptr;
 }
 
-int usage_error(const std::string& why) {
-  std::fprintf(stderr, "quorctl: %s\n%s", why.c_str(), kUsage);
-  return 2;
-}
+struct Options {
+  CtlTarget target;
+  bool json = false;
+  bool help = false;
+  std::string command;
+  std::vector<std::string> args;                            // positional
+  std::vector<std::pair<std::string, std::string>> flags;   // command options, with any value
+};
 
-int failure(const std::string& why) {
-  std::fprintf(stderr, "quorctl: %s\n", why.c_str());
-  return 1;
-}
+// Options that take a value, besides the global ones.
+bool takes_value(const std::string& name) { return name == "--file" || name == "--save"; }
 
 std::optional<Options> parse(int argc, char** argv, std::string& error) {
   Options o;
+  bool options_end = false;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
-    auto value = [&](const char* name) -> std::optional<std::string> {
+    if (options_end || a.size() < 2 || a[0] != '-' || (a[1] != '-' && a != "-h")) {
+      if (o.command.empty())
+        o.command = a;
+      else
+        o.args.push_back(a);
+      continue;
+    }
+    if (a == "--") {
+      options_end = true;
+      continue;
+    }
+    std::string name = a, value;
+    bool has_value = false;
+    if (std::size_t eq = a.find('='); eq != std::string::npos) {
+      name = a.substr(0, eq);
+      value = a.substr(eq + 1);
+      has_value = true;
+    }
+    bool needs_value = name == "--server" || name == "--timeout" || takes_value(name);
+    if (needs_value && !has_value) {
       if (i + 1 >= argc) {
-        error = std::string(name) + " needs a value";
+        error = name + " needs a value";
         return std::nullopt;
       }
-      return std::string(argv[++i]);
-    };
-    if (a == "--help" || a == "-h") {
+      value = argv[++i];
+      has_value = true;
+    } else if (!needs_value && has_value) {
+      error = name + " takes no value";
+      return std::nullopt;
+    }
+    if (name == "--help" || name == "-h") {
       o.help = true;
-    } else if (a == "--json") {
+    } else if (name == "--json") {
       o.json = true;
-    } else if (a == "--server") {
-      auto v = value("--server");
-      if (!v) return std::nullopt;
-      o.server = *v;
-    } else if (a == "--timeout") {
-      auto v = value("--timeout");
-      if (!v) return std::nullopt;
-      char* end = nullptr;
-      double secs = std::strtod(v->c_str(), &end);
-      if (end == v->c_str() || *end != '\0' || secs < 0 || secs > 86400) {
-        error = "--timeout takes a number of seconds";
+    } else if (name == "--server") {
+      if (value.empty()) {
+        error = "--server needs a name";
         return std::nullopt;
       }
-      o.timeout_ms = static_cast<int>(secs * 1000);
-    } else if (a == "--file") {
-      auto v = value("--file");
-      if (!v) return std::nullopt;
-      o.flags.push_back("--file=" + *v);
-    } else if (a.size() > 2 && a.rfind("--", 0) == 0) {
-      o.flags.push_back(a);
-    } else if (o.command.empty()) {
-      o.command = a;
+      o.target.server = value;
+    } else if (name == "--timeout") {
+      char* end = nullptr;
+      double secs = std::strtod(value.c_str(), &end);
+      if (end == value.c_str() || *end != '\0' || !std::isfinite(secs) || secs <= 0 ||
+          secs > 86400) {
+        error = "--timeout takes a number of seconds above 0 and at most 86400";
+        return std::nullopt;
+      }
+      o.target.timeout_ms = static_cast<int>(std::ceil(secs * 1000));
     } else {
-      o.args.push_back(a);
+      o.flags.emplace_back(name, value);
     }
   }
   return o;
 }
 
-bool has_flag(const Options& o, const std::string& f) {
-  for (const auto& x : o.flags)
-    if (x == f) return true;
-  return false;
-}
-
-std::optional<std::string> flag_value(const Options& o, const std::string& prefix) {
-  for (const auto& x : o.flags)
-    if (x.rfind(prefix, 0) == 0) return x.substr(prefix.size());
-  return std::nullopt;
-}
-
-bool only_flags(const Options& o, std::initializer_list<std::string> allowed, std::string& bad) {
+// Fails with the first command option not in `allowed`.
+bool only_flags(const Options& o, std::initializer_list<const char*> allowed, std::string& error) {
   for (const auto& f : o.flags) {
     bool ok = false;
-    for (const auto& a : allowed) ok = ok || f == a || (a.back() == '=' && f.rfind(a, 0) == 0);
+    for (const char* a : allowed) ok = ok || f.first == a;
     if (!ok) {
-      bad = f;
+      error = "unknown option " + f.first + " for " + o.command;
       return false;
     }
   }
   return true;
 }
 
+bool has_flag(const Options& o, const char* name) {
+  for (const auto& f : o.flags)
+    if (f.first == name) return true;
+  return false;
+}
+
+std::optional<std::string> flag_value(const Options& o, const char* name) {
+  for (const auto& f : o.flags)
+    if (f.first == name) return f.second;
+  return std::nullopt;
+}
+
 std::optional<std::string> read_all(const std::string& path) {
+  std::ostringstream s;
   if (path == "-") {
-    std::ostringstream s;
     s << std::cin.rdbuf();
     return s.str();
   }
   std::ifstream in(path, std::ios::binary);
   if (!in) return std::nullopt;
-  std::ostringstream s;
   s << in.rdbuf();
+  if (in.bad()) return std::nullopt;
   return s.str();
 }
 
-// ---------------------------------------------------------------------------
-// Commands
+int usage_error(const std::string& why) {
+  std::fprintf(stderr, "quorctl: %s (quorctl --help for usage)\n", why.c_str());
+  return kCtlUsage;
+}
 
-int cmd_status(const Options& o) {
-  bool full = has_flag(o, "--full");
-  CtlExchange ex = ctl_exchange(o.server, ctl_build_request(full ? "F" : "B"), o.timeout_ms, true);
-  if (!ex.ok) return failure(ex.error);
-  std::vector<std::string> lines;
-  for (const auto& d : ex.replies)
-    for (const auto& s : d.segments)
-      if (s.tag == "ZZZSTS") lines.insert(lines.end(), s.strings.begin(), s.strings.end());
-  if (o.json) {
-    std::string out = "{\"type\":\"" + std::string(full ? "F" : "B") + "\",\"buffers\":" +
-                      std::to_string(ex.replies.size()) + ",\"lines\":[";
-    for (std::size_t i = 0; i < lines.size(); ++i) out += (i ? "," : "") + ctl_json_string(lines[i]);
-    std::printf("%s]}\n", out.c_str());
-  } else {
-    for (const auto& l : lines) {
-      std::fputs(l.c_str(), stdout);
-      if (l.empty() || l.back() != '\n') std::fputc('\n', stdout);
-    }
+int finish(const CtlOutcome& o) {
+  std::fwrite(o.out.data(), 1, o.out.size(), stdout);
+  std::fflush(stdout);
+  if (o.status != kCtlOk) std::fprintf(stderr, "quorctl: %s\n", o.error.c_str());
+  return o.status;
+}
+
+std::optional<CtlForm> form_of(const Options& o, std::string& error) {
+  bool wire = has_flag(o, "--wire"), plain = has_flag(o, "--plain");
+  if (wire && plain) {
+    error = "--wire and --plain exclude each other";
+    return std::nullopt;
   }
-  return 0;
+  return wire ? CtlForm::Wire : plain ? CtlForm::Plain : CtlForm::Auto;
 }
 
-int cmd_refresh(const Options& o) {
-  if (o.args.size() > 1) return usage_error("refresh takes at most one PATH");
-  std::optional<std::string_view> path;
-  if (!o.args.empty()) path = o.args[0];
-  CtlExchange ex = ctl_exchange(o.server, ctl_build_request("R", path), o.timeout_ms, true);
-  if (!ex.ok) return failure(ex.error);
-  const CtlSegment* ret = ex.replies.empty() ? nullptr : ctl_find(ex.replies.back(), "ZZZRET");
-  if (ret == nullptr) return failure("reply without a return code");
-  std::string rc = ctl_item(*ret, "RC"), rm = ctl_item(*ret, "RM");
-  if (o.json)
-    std::printf("{\"rc\":%s,\"message\":%s}\n", ctl_json_string(rc).c_str(),
-                ctl_json_string(rm).c_str());
-  else
-    std::printf("RC %s: %s\n", rc.c_str(), rm.c_str());
-  return rc == "0" ? 0 : 3;
+int run_decode(const Options& o) {
+  std::string error;
+  if (!only_flags(o, {"--wire", "--plain", "--text"}, error)) return usage_error(error);
+  auto form = form_of(o, error);
+  if (!form) return usage_error(error);
+  if (o.args.size() != 1) return usage_error("decode takes one FILE");
+  if (o.json && has_flag(o, "--text")) return usage_error("--json and --text exclude each other");
+  auto data = read_all(o.args[0]);
+  if (!data) return finish({kCtlFailed, "", "cannot read " + o.args[0]});
+  CtlRender render = o.json ? CtlRender::Json : has_flag(o, "--text") ? CtlRender::Text : CtlRender::Human;
+  return finish(ctl_decode_bytes(*data, *form, render));
 }
 
-int cmd_no_reply(const Options& o, const char* type, const char* what) {
-  if (!o.args.empty()) return usage_error(std::string(o.command) + " takes no arguments");
-  CtlExchange ex = ctl_exchange(o.server, ctl_build_request(type), o.timeout_ms, false);
-  if (!ex.ok) return failure(ex.error);
-  if (o.json)
-    std::printf("{\"sent\":%s}\n", ctl_json_string(type).c_str());
-  else
-    std::printf("%s request delivered to %s\n", what, o.server.c_str());
-  return 0;
-}
+int run_raw(const Options& o) {
+  std::string error;
+  if (!only_flags(o, {"--file", "--wire", "--plain", "--expect-reply", "--no-reply", "--save"},
+                  error))
+    return usage_error(error);
+  if (has_flag(o, "--expect-reply") && has_flag(o, "--no-reply"))
+    return usage_error("--expect-reply and --no-reply exclude each other");
+  auto form = form_of(o, error);
+  if (!form) return usage_error(error);
+  std::optional<bool> expect;
+  if (has_flag(o, "--expect-reply")) expect = true;
+  if (has_flag(o, "--no-reply")) expect = false;
 
-void print_replies(const Options& o, const CtlExchange& ex) {
-  if (o.json) {
-    std::string out = "{\"ok\":" + std::string(ex.ok ? "true" : "false") + ",\"replies\":[";
-    for (std::size_t i = 0; i < ex.replies.size(); ++i)
-      out += (i ? "," : "") + std::string("{\"kind\":\"") + ex.kinds[i] + "\",\"sender\":" +
-             ctl_json_string(ex.senders[i]) + ",\"buffer\":" + ctl_format_json(ex.replies[i]) + "}";
-    out += "]";
-    if (!ex.ok) out += ",\"error\":" + ctl_json_string(ex.error);
-    std::printf("%s}\n", out.c_str());
-    return;
-  }
-  for (std::size_t i = 0; i < ex.replies.size(); ++i)
-    std::printf("-- reply %zu: %s from %s\n%s", i + 1, ex.kinds[i].c_str(), ex.senders[i].c_str(),
-                ctl_format(ex.replies[i]).c_str());
-}
-
-int cmd_raw(const Options& o) {
-  std::string bad;
-  if (!only_flags(o, {"--no-reply", "--file="}, bad)) return usage_error("unknown option " + bad);
-  CtlRequest request;
-  if (auto binary = flag_value(o, "--file=")) {
+  std::vector<char> plain;
+  if (auto binary = flag_value(o, "--file")) {
+    if (!o.args.empty()) return usage_error("raw takes either a text FILE or --file BUFFER");
     auto bytes = read_all(*binary);
-    if (!bytes) return failure("cannot read " + *binary);
-    request.bytes.assign(bytes->begin(), bytes->end());
+    if (!bytes) return finish({kCtlFailed, "", "cannot read " + *binary});
+    plain = ctl_load(*bytes, *form).plain;
   } else {
+    if (*form != CtlForm::Auto) return usage_error("--wire and --plain go with --file");
+    if (o.args.size() > 1) return usage_error("raw takes at most one FILE");
     std::string source = o.args.empty() ? "-" : o.args[0];
     auto text = read_all(source);
-    if (!text) return failure("cannot read " + source);
-    request = ctl_parse_text(*text);
-    if (!request.error.empty()) return failure(source + ": " + request.error);
+    if (!text) return finish({kCtlFailed, "", "cannot read " + source});
+    CtlRequest request = ctl_parse_text(*text);
+    if (!request.error.empty())
+      return finish({kCtlUsage, "", (source == "-" ? "standard input" : source) + ": " + request.error});
+    plain = std::move(request.bytes);
   }
-  bool expect = !has_flag(o, "--no-reply");
-  CtlExchange ex = ctl_exchange(o.server, std::move(request), o.timeout_ms, expect);
-  print_replies(o, ex);
-  if (!ex.ok) return failure(ex.error);
-  if (!expect && !o.json) std::printf("request delivered to %s\n", o.server.c_str());
-  return 0;
-}
-
-int cmd_decode(const Options& o) {
-  std::string bad;
-  if (!only_flags(o, {"--wire", "--plain"}, bad)) return usage_error("unknown option " + bad);
-  if (o.args.size() != 1) return usage_error("decode takes one FILE");
-  auto data = read_all(o.args[0]);
-  if (!data) return failure("cannot read " + o.args[0]);
-  std::vector<char> bytes(data->begin(), data->end());
-  bool wire = has_flag(o, "--wire");
-  if (wire) {
-    if (!ctl_unwire(bytes)) return failure(o.args[0] + ": unusable length prefix for a wire buffer");
-  } else if (!has_flag(o, "--plain")) {
-    // A plain buffer starts its first segment with readable "ZZZ"; a
-    // scrambled one almost never does.
-    bool plain = bytes.size() >= 9 && std::string_view(bytes.data() + 6, 3) == "ZZZ";
-    if (!plain) {
-      std::vector<char> copy = bytes;
-      if (ctl_unwire(copy)) bytes.swap(copy);
-    }
+  if (auto save = flag_value(o, "--save")) {
+    std::ofstream out(*save, std::ios::binary | std::ios::trunc);
+    out.write(plain.data(), static_cast<std::streamsize>(plain.size()));
+    out.close();
+    if (!out) return finish({kCtlFailed, "", "cannot write " + *save});
+    return finish({kCtlOk, o.json ? "{\"saved\":" + std::to_string(plain.size()) + "}\n"
+                                  : "wrote " + std::to_string(plain.size()) + " bytes to " + *save + "\n",
+                   ""});
   }
-  CtlDecoded d = ctl_decode(bytes);
-  std::fputs(o.json ? (ctl_format_json(d) + "\n").c_str() : ctl_format(d).c_str(), stdout);
-  return d.problems.empty() ? 0 : 1;
+  return finish(ctl_raw(o.target, std::move(plain), expect, o.json));
 }
 
 }  // namespace
@@ -289,11 +295,11 @@ int main(int argc, char** argv) {
   std::string error;
   auto parsed = parse(argc, argv, error);
   if (!parsed) return usage_error(error);
-  Options& o = *parsed;
+  const Options& o = *parsed;
   if (o.command.empty()) {
     if (o.help) {
       std::fputs(kUsage, stdout);
-      return 0;
+      return kCtlOk;
     }
     return usage_error("no command given");
   }
@@ -301,19 +307,24 @@ int main(int argc, char** argv) {
   if (help == nullptr) return usage_error("unknown command '" + o.command + "'");
   if (o.help) {
     std::fputs(help, stdout);
-    return 0;
+    return kCtlOk;
   }
-  std::string bad;
+
+  if (o.command == "decode") return run_decode(o);
+  if (o.command == "raw") return run_raw(o);
   if (o.command == "status") {
-    if (!only_flags(o, {"--full"}, bad)) return usage_error("unknown option " + bad);
+    if (!only_flags(o, {"--full"}, error)) return usage_error(error);
     if (!o.args.empty()) return usage_error("status takes no arguments");
-    return cmd_status(o);
+    return finish(ctl_status(o.target, has_flag(o, "--full"), o.json));
   }
-  if (o.command == "raw") return cmd_raw(o);
-  if (o.command == "decode") return cmd_decode(o);
-  if (!o.flags.empty()) return usage_error("unknown option " + o.flags[0]);
-  if (o.command == "refresh") return cmd_refresh(o);
-  if (o.command == "cleanup") return cmd_no_reply(o, "C", "clean-up");
-  if (o.command == "terminate") return cmd_no_reply(o, "T", "terminate");
-  return cmd_no_reply(o, "K", "kill-all");
+  if (!only_flags(o, {}, error)) return usage_error(error);
+  if (o.command == "refresh") {
+    if (o.args.size() > 1) return usage_error("refresh takes at most one PATH");
+    std::optional<std::string> path;
+    if (!o.args.empty()) path = o.args[0];
+    return finish(ctl_refresh(o.target, path, o.json));
+  }
+  if (!o.args.empty()) return usage_error(o.command + " takes no arguments");
+  char type = o.command == "cleanup" ? 'C' : o.command == "terminate" ? 'T' : 'K';
+  return finish(ctl_notify(o.target, type, o.json));
 }

@@ -1,0 +1,49 @@
+// quorctl's commands: each sends its request (or reads its buffer), checks
+// what came back and renders the result for a person or as JSON. They print
+// nothing themselves; main() writes `out` to standard output and `error` to
+// standard error.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "ctl_decode.h"
+#include "ctl_request.h"
+
+// Exit statuses.
+inline constexpr int kCtlOk = 0;
+inline constexpr int kCtlFailed = 1;       // transport error, bad reply, unreadable file, bad buffer
+inline constexpr int kCtlUsage = 2;        // bad command line or raw text
+inline constexpr int kCtlDaemonError = 3;  // the daemon answered with a non-zero return code
+inline constexpr int kCtlNotRunning = 4;   // nothing registered under the server name
+inline constexpr int kCtlNoReply = 5;      // a reply buffer did not arrive within the timeout
+
+struct CtlOutcome {
+  int status = kCtlOk;
+  std::string out;    // standard output
+  std::string error;  // one line (no newline) when status is not 0
+};
+
+// status [--full]: request 'B' (or 'F') and the report lines of every reply
+// buffer, in order.
+CtlOutcome ctl_status(const CtlTarget& target, bool full, bool json);
+
+// refresh [PATH]: request 'R' with PATH in a "ZZZFIL" segment when given;
+// the return code and message of the reply.
+CtlOutcome ctl_refresh(const CtlTarget& target, const std::optional<std::string>& path, bool json);
+
+// cleanup / terminate / killall: request 'C', 'T' or 'K'; no reply comes.
+CtlOutcome ctl_notify(const CtlTarget& target, char type, bool json);
+
+// raw: send a plain buffer as it is (its length prefix rewritten) and decode
+// every reply buffer. Without `expect_reply`, waits for a reply unless the
+// request's type is one the daemon never answers (C, T, K).
+CtlOutcome ctl_raw(const CtlTarget& target, std::vector<char> plain,
+                   std::optional<bool> expect_reply, bool json);
+
+enum class CtlRender { Human, Json, Text };
+
+// decode: the buffer in `bytes`, in the given form.
+CtlOutcome ctl_decode_bytes(std::span<const char> bytes, CtlForm form, CtlRender render);
