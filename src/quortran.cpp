@@ -28,6 +28,8 @@ std::string_view up_to_nul(std::string_view text) { return text.substr(0, text.f
 
 void buf_add_item(OutBuf& out, std::string_view text) { put_string(out, up_to_nul(text)); }
 
+void buf_add_bytes(OutBuf& out, std::string_view bytes) { put_string(out, bytes); }
+
 std::size_t buf_begin_segment(OutBuf& out, std::string_view tag) {
   put_string(out, up_to_nul(tag));
   put_string(out, kLengthMark);

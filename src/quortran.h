@@ -59,6 +59,10 @@ struct OutBuf {
 // value: one NUL byte.
 void buf_add_item(OutBuf& out, std::string_view text);
 
+// Appends `bytes` exactly, embedded NULs included, then a NUL. For tools
+// that build damaged messages on purpose; the daemon uses buf_add_item.
+void buf_add_bytes(OutBuf& out, std::string_view bytes);
+
 // Writes the tag, "ZZZLEN" and the placeholder "00000"; returns the position
 // of the length field, which buf_end_segment needs.
 std::size_t buf_begin_segment(OutBuf& out, std::string_view tag);

@@ -31,16 +31,7 @@ CtlRequest ctl_build_request(std::string_view type, std::optional<std::string_vi
     buf_end_segment(out, field);
   }
   quor_trl_put("N", out);
-  CtlRequest r;
-  if (out.overflow) {
-    r.error = "request does not fit in " + std::to_string(BUFFER_MAX) + " bytes";
-    return r;
-  }
-  char prefix[16];
-  std::snprintf(prefix, sizeof prefix, "%5ld", static_cast<long>(out.pos));
-  std::memcpy(buf.data(), prefix, LENGTH_PREFIX);
-  r.bytes.assign(buf.begin(), buf.begin() + static_cast<long>(out.pos));
-  return r;
+  return ctl_request_from(out);
 }
 
 char ctl_request_type(const std::vector<char>& plain) {

@@ -17,18 +17,6 @@ int hex_digit(char c) {
   return -1;
 }
 
-// Appends the bytes and a NUL. Unlike buf_add_item it keeps embedded NULs:
-// the raw form exists to send exactly such damaged requests.
-void put_raw(OutBuf& out, std::string_view bytes) {
-  if (out.overflow || out.room() < bytes.size() + 1) {
-    out.overflow = true;
-    return;
-  }
-  if (!bytes.empty()) std::memcpy(out.data.data() + out.pos, bytes.data(), bytes.size());
-  out.data[out.pos + bytes.size()] = '\0';
-  out.pos += bytes.size() + 1;
-}
-
 // Splits off the first blank-separated word of `rest`.
 std::string_view next_word(std::string_view& rest) {
   std::size_t start = rest.find_first_not_of(" \t");
@@ -151,10 +139,10 @@ CtlRequest ctl_parse_text(std::string_view text) {
         forced_length = buf_decimal(length_word);
       }
       if (!is_blank(args)) return fail("segment takes a tag and an optional length");
-      put_raw(out, *tag);
-      put_raw(out, kLengthMark);
+      buf_add_bytes(out, *tag);
+      buf_add_bytes(out, kLengthMark);
       length_field = out.pos;
-      put_raw(out, "00000");
+      buf_add_bytes(out, "00000");
       in_segment = true;
     } else if (word == "item") {
       if (!in_segment) return fail("item outside a segment");
@@ -165,13 +153,13 @@ CtlRequest ctl_parse_text(std::string_view text) {
       auto value =
           ctl_text_unescape(gap == std::string_view::npos ? std::string_view() : rest.substr(gap + 1));
       if (!name || !value) return fail("bad escape");
-      put_raw(out, *name);
-      put_raw(out, *value);
+      buf_add_bytes(out, *name);
+      buf_add_bytes(out, *value);
     } else if (word == "string") {
       if (!in_segment) return fail("string outside a segment");
       auto value = ctl_text_unescape(rest);
       if (!value) return fail("bad escape");
-      put_raw(out, *value);
+      buf_add_bytes(out, *value);
     } else if (word == "end") {
       if (!in_segment) return fail("end without a segment");
       if (!is_blank(rest)) return fail("end takes no argument");
@@ -190,7 +178,7 @@ CtlRequest ctl_parse_text(std::string_view text) {
     } else if (word == "eod") {
       if (in_segment) return fail("eod inside an open segment (missing 'end')");
       if (!is_blank(rest)) return fail("eod takes no argument");
-      put_raw(out, kEndOfData);
+      buf_add_bytes(out, kEndOfData);
     } else {
       return fail("unknown directive '" + std::string(word) + "'");
     }
@@ -199,10 +187,18 @@ CtlRequest ctl_parse_text(std::string_view text) {
   if (in_segment) return fail("segment not closed with 'end'");
   if (out.pos == LENGTH_PREFIX) return fail("no directives: empty request");
 
+  return ctl_request_from(out);
+}
+
+CtlRequest ctl_request_from(const OutBuf& out) {
   CtlRequest r;
+  if (out.overflow) {
+    r.error = "request does not fit in " + std::to_string(BUFFER_MAX) + " bytes";
+    return r;
+  }
   char prefix[16];
   std::snprintf(prefix, sizeof prefix, "%5ld", static_cast<long>(out.pos));
-  std::memcpy(buf.data(), prefix, LENGTH_PREFIX);
-  r.bytes.assign(buf.begin(), buf.begin() + static_cast<long>(out.pos));
+  r.bytes.assign(out.data.begin(), out.data.begin() + static_cast<long>(out.pos));
+  std::memcpy(r.bytes.data(), prefix, LENGTH_PREFIX);
   return r;
 }

@@ -19,6 +19,8 @@
 // requests on purpose). A message must fit in 32767 bytes.
 #pragma once
 
+#include "quortran.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,6 +32,10 @@ struct CtlRequest {
 };
 
 CtlRequest ctl_parse_text(std::string_view text);
+
+// The bytes written to `out`, with their length prefix; an error when the
+// writes overflowed the buffer.
+CtlRequest ctl_request_from(const OutBuf& out);
 
 // The escapes above undone; nothing when an escape is malformed.
 std::optional<std::string> ctl_text_unescape(std::string_view text);
