@@ -1,13 +1,18 @@
 #include "quordaemon.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "quorconfig.h"
 #include "quordebug.h"
 #include "quorderr.h"
+#include "quorkids.h"
+#include "quorstats.h"
+#include "quorusers.h"
 
 volatile std::sig_atomic_t running = 0;
 
@@ -16,11 +21,84 @@ Registration& quor_registration() {
   return reg;
 }
 
+RunState& quor_run_state() {
+  static RunState state;
+  return state;
+}
+
+namespace {
+
+// The login programs, which neither shutdown leaves behind.
+void stop_login_programs() {
+  quor_users_stop_logins();
+  QuorConfig& config = quor_config();
+  if (config.login_required == 0 && config.default_login_child > 0) {
+    quor_terminate_pid(config.default_login_child);
+    config.default_login_child = 0;
+  }
+}
+
+void remove_pid_file() {
+  const std::string& path = quor_run_state().pid_file;
+  if (!path.empty()) unlink(path.c_str());
+}
+
+}  // namespace
+
 void quor_abnormal_shutdown(Registration& reg, bool exit_flag) {
   quor_tev_deregister(reg.id, reg.fb);
+  quor_children_drop_idle();
+  stop_login_programs();
   if (!exit_flag) return;
+  remove_pid_file();
   quor_msg_log(201, 0, reg.id.system_id());
   std::exit(1);
+}
+
+void quor_orderly_shutdown(Registration& reg, char last_type) {
+  quor_tev_deregister(reg.id, reg.fb);
+  quor_children_drop_idle();
+  if (last_type == 'K') quor_children_kill_all();
+  stop_login_programs();
+  remove_pid_file();
+  const std::string& capture = quor_capture_file();
+  if (!capture.empty()) unlink(capture.c_str());
+  quor_msg_log(401, 1, reg.id.system_id());
+  std::exit(0);
+}
+
+namespace {
+
+void on_fatal_signal(int signo) {
+  quor_msg_log(17, 4, std::to_string(signo));
+  quor_abnormal_shutdown(quor_registration(), false);
+  _exit(signo);
+}
+
+void on_termination_signal(int) { running = 0; }
+
+void set_handler(int signo, void (*handler)(int), int flags) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = flags;
+  sigemptyset(&action.sa_mask);
+  sigaction(signo, &action, nullptr);
+}
+
+}  // namespace
+
+void quor_install_signals() {
+  // A fault inside the fatal handler itself ends the process at once.
+  static constexpr int kFatal[] = {SIGILL,  SIGTRAP, SIGABRT,
+#ifdef SIGEMT
+                                   SIGEMT,
+#endif
+                                   SIGFPE,  SIGBUS,  SIGSEGV, SIGSYS, SIGPIPE, SIGXCPU, SIGXFSZ};
+  for (int signo : kFatal) set_handler(signo, on_fatal_signal, SA_RESETHAND);
+  // No SA_RESTART: the signal must end a receive that is waiting.
+  set_handler(SIGTERM, on_termination_signal, 0);
+  set_handler(SIGQUIT, on_termination_signal, 0);
+  for (int signo : {SIGHUP, SIGINT, SIGUSR2}) set_handler(signo, SIG_IGN, 0);
 }
 
 namespace {
@@ -83,6 +161,18 @@ void quor_dispatch(DaemonLoop& loop) {
   switch (type) {
     case '\0':
       if (quor_debug()) quor_msg_log(202, 0);
+      break;
+    case 'B':
+      trace_type("BRIEFSTATUS");
+      (void)quor_status_report('B', loop.conn, loop.buffer);
+      break;
+    case 'F':
+      trace_type("FULLSTATUS");
+      (void)quor_status_report('F', loop.conn, loop.buffer);
+      break;
+    case 'R':
+      trace_type("REFRESH");
+      if (quor_refresh(loop.conn, request_text(loop)) == 1) quor_abnormal_shutdown(quor_registration(), true);
       break;
     case 'K':
       trace_type("KILLALL");

@@ -8,7 +8,10 @@
 
 #include <array>
 #include <csignal>
+#include <ctime>
+#include <optional>
 #include <span>
+#include <string>
 
 #include "quortev.h"
 #include "quortran.h"
@@ -50,6 +53,25 @@ struct Registration {
 };
 Registration& quor_registration();
 
-// Abnormal shutdown: deregisters and, with `exit_flag`, logs message 201
-// and exits with status 1.
+// What start-up records for the rest of the daemon's life.
+struct RunState {
+  std::time_t start_time = 0;              // taken after detaching
+  std::string pid_file;                    // <root>/tmp/quordaemon.pid
+  std::optional<std::string> config_path;  // given with -c
+};
+RunState& quor_run_state();
+
+// Abnormal shutdown: deregisters, drops process-less child entries and stops
+// the login programs. With `exit_flag` it also removes the pid file, logs
+// message 201 and exits with status 1; without it, it returns.
 void quor_abnormal_shutdown(Registration& reg, bool exit_flag);
+
+// Orderly shutdown after the loop ended with `last_type`: deregisters, stops
+// the agents (after 'K' only) and the login programs, removes the pid file,
+// logs message 401 and exits with status 0.
+[[noreturn]] void quor_orderly_shutdown(Registration& reg, char last_type);
+
+// Handlers for fatal signals (log 17, abnormal shutdown, exit with the
+// signal number) and termination signals (end the loop); SIGHUP, SIGINT and
+// SIGUSR2 are ignored. Termination signals interrupt a blocked receive.
+void quor_install_signals();

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,14 +25,60 @@ namespace testutil {
 
 class Daemon {
  public:
-  // Starts QUORDAEMON_PATH with `args`, in debug mode unless told otherwise.
+  // Starts QUORDAEMON_PATH with `args`, in debug mode unless told otherwise,
+  // in an installation root holding the sample configuration and maps.
   explicit Daemon(std::vector<std::string> args = {}, bool debug = true,
                   std::map<std::string, std::string> extra_env = {})
       : tev_dir_(root_.path() / "tev") {
-    std::filesystem::create_directories(tev_dir_);
-    std::filesystem::create_directories(root_.path() / "tmp");
-    std::vector<std::string> env = {"TEV_DIR=" + tev_dir_.string(),
-                                    "MOXGLBL0000=" + root_.str(), "PATH=/usr/bin:/bin"};
+    install(root_.path());
+    start(std::move(args), debug, std::move(extra_env));
+  }
+
+  // A daemon in an installation root that `prepare` fills first.
+  template <class Prepare>
+  Daemon(Prepare prepare, std::vector<std::string> args, bool debug = true,
+         std::map<std::string, std::string> extra_env = {})
+      : tev_dir_(root_.path() / "tev") {
+    install(root_.path());
+    prepare(root_.path());
+    start(std::move(args), debug, std::move(extra_env));
+  }
+
+  // The layout of an installation root: the sample etc files, the login
+  // program, and the directories the daemon writes into.
+  static void install(const std::filesystem::path& root) {
+    namespace fs = std::filesystem;
+    for (auto dir : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log", "messages"})
+      fs::create_directories(root / dir);
+    for (auto file : {"quor.config", "quorobj.map", "quorlang.map"})
+      fs::copy_file(fs::path(QUOR_SOURCE_DIR) / "etc" / file, root / "quor/etc" / file,
+                    fs::copy_options::overwrite_existing);
+    fs::copy(fs::path(QUOR_SOURCE_DIR) / "etc/messages", root / "messages",
+             fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    fs::copy_file(QUORUSERPGM_PATH, root / "quor/bin/quoruserpgm", fs::copy_options::overwrite_existing);
+  }
+
+  ~Daemon() { stop(); }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // Kills the daemon (and a detached daemon) and reaps it.
+  void stop() {
+    if (pid_ > 0 && !exited_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, &status_, 0);
+      exited_ = true;
+    }
+  }
+
+ private:
+  void start(std::vector<std::string> args, bool debug, std::map<std::string, std::string> extra_env) {
+    debug_ = debug;
+    // A daemon that detaches is orphaned by its parent; as subreaper this
+    // process inherits it, so tests can reap it and see its exit status.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    std::vector<std::string> env = {"TEV_DIR=" + tev_dir_.string(), "MOXGLBL0000=" + root_.str(),
+                                    "TMPDIR=" + (root_.path() / "tmp").string(), "PATH=/usr/bin:/bin"};
     if (debug) env.push_back("MOXQUORDEBUG=1");
     for (auto& [k, v] : extra_env) env.push_back(k + "=" + v);
     std::vector<std::string> argv = {QUORDAEMON_PATH};
@@ -57,30 +104,54 @@ class Daemon {
     client_env_ = std::make_unique<EnvGuard>("TEV_DIR", tev_dir_.string());
   }
 
-  ~Daemon() {
-    if (pid_ > 0 && !exited_) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  Daemon(const Daemon&) = delete;
-  Daemon& operator=(const Daemon&) = delete;
-
+ public:
   pid_t pid() const { return pid_; }
   const TempDir& root() const { return root_; }
   std::filesystem::path stdout_path() const { return root_.path() / "daemon.out"; }
   std::string output() const { return read_file(stdout_path()); }
   std::string log() const { return read_file(root_.path() / "quor/log/quordaemon.log"); }
 
-  // Waits until the daemon's socket exists (it has registered).
-  bool wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
+  // Waits until the daemon's socket exists (it has registered). A daemon
+  // that detached is then asked for its pid, and from here on pid(),
+  // alive() and wait_exit() are about it rather than the parent that started
+  // it (which is ended instead of sleeping out its five seconds).
+  bool wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     auto socket = tev_dir_ / std::string(kServerName);
     for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
-      if (std::filesystem::exists(socket)) return true;
+      if (std::filesystem::exists(socket)) return debug_ || follow_detached();
       if (!alive()) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
+  }
+
+  // The items of the status report of `type` ('B' or 'F'), every reply
+  // buffer's in order; empty when no reply came.
+  std::vector<std::string> status(std::string_view type) const {
+    TevClient client;
+    TevCallResult r = client.call(kServerName, request(type), 5000);
+    std::vector<std::string> items;
+    if (r.rc != 0) return items;
+    for (const TevReply& reply : r.replies)
+      for (std::string& item : reply_items(reply.payload, "ZZZSTS")) items.push_back(std::move(item));
+    return items;
+  }
+
+  // Every string of the segments tagged `tag` in one reply buffer.
+  static std::vector<std::string> reply_items(const std::vector<std::uint8_t>& payload, std::string_view tag) {
+    std::vector<char> buf(payload.begin(), payload.end());
+    std::vector<std::string> items;
+    std::size_t length = quor_wire_open(buf, buf.size());
+    if (length == 0) return items;
+    InBuf in(buf.data(), length);
+    std::optional<std::size_t> at = buf_find_segment(in, tag);
+    while (at) {
+      std::optional<std::string_view> s = buf_string(in, *at);
+      if (!s || *s == kEndOfSegment) break;
+      items.emplace_back(*s);
+      at = *at + s->size() + 1;
+    }
+    return items;
   }
 
   bool alive() const {
@@ -114,6 +185,20 @@ class Daemon {
   TempDir root_;
   std::filesystem::path tev_dir_;
   std::unique_ptr<EnvGuard> client_env_;
+  bool follow_detached() {
+    std::vector<std::string> items = status("B");
+    if (items.empty()) return false;
+    std::size_t at = items[0].find("pid=");
+    if (at == std::string::npos) return false;
+    pid_t daemon = static_cast<pid_t>(std::atol(items[0].c_str() + at + 4));
+    if (daemon <= 0) return false;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = daemon;
+    return true;
+  }
+
+  bool debug_ = true;
   pid_t pid_ = -1;
   mutable int status_ = 0;
   mutable bool exited_ = false;

@@ -1,0 +1,62 @@
+// The child process table: one entry per command-request transaction, from
+// its first request buffer until its agent has ended and been reaped, and
+// the two ways the daemon stops a process.
+//
+// New entries go to the front; walks run from the front, so lookups find the
+// newest matching transaction first. Entries live in a std::list, so the
+// references other tables keep to them stay valid until they are removed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <string>
+
+struct UserEntry;
+
+// Flag bits of ChildEntry::flags.
+inline constexpr std::uint32_t kChildNew = 0x01;          // first buffer not processed yet
+inline constexpr std::uint32_t kChildContinuing = 0x02;   // more buffers announced
+inline constexpr std::uint32_t kChildRunning = 0x04;      // agent started
+inline constexpr std::uint32_t kChildRefused = 0x08;      // refused: no login
+inline constexpr std::uint32_t kChildKept = 0x10;         // login agent ended cleanly
+inline constexpr std::uint32_t kChildNoKeep = 0x20;       // reapable, never kept
+inline constexpr std::uint32_t kChildNoTimeout = 0x40;    // exempt from the transaction time-out
+
+struct ChildEntry {
+  std::uint32_t flags = kChildNew;
+  std::string client_pid;   // "PID" of the transaction's first buffer
+  std::string client_node;  // "NOD" of that buffer
+  int kind = 0;             // 1 'S'/'U' agent, 2 'L', 3 'O'; 0 before the start
+  int shm_id = -1;          // the request record's segment, -1 when none
+  std::time_t created = 0;  // the transaction time-out counts from here
+  pid_t agent_pid = 0;      // 0 never started, -1 start attempted, else the agent
+  UserEntry* user = nullptr;  // not owned
+  char type = 0;            // message type of the first buffer
+};
+
+using ChildTable = std::list<ChildEntry>;
+
+// The daemon's table.
+ChildTable& quor_children();
+
+// A new entry at the front (flags exactly 0x01, created now).
+ChildEntry& quor_child_new();
+
+// Removes `entry`. A segment that no agent ever received is removed from
+// the system; one handed to an agent belongs to the agent. 0, or 3 for none.
+int quor_child_remove(ChildEntry* entry);
+
+int quor_child_count();
+
+// Removes every entry that has no process (agent pid below 1).
+void quor_children_drop_idle();
+
+// SIGTERM, one second, non-blocking reap. Nothing for pids below 1.
+void quor_terminate_pid(pid_t pid);
+
+// For every entry with an agent: SIGTERM, one second, SIGKILL, one second,
+// non-blocking reap. Entries stay in the table.
+void quor_children_kill_all();

@@ -1,0 +1,20 @@
+// Login processes: the program "quoruserpgm", run under a user's account,
+// that holds a login session for a user restored at start-up and for the
+// default login user when logins are not required.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+// $MOXGLBL0000 followed directly by "/quor/bin/quoruserpgm".
+std::string quor_login_program();
+
+// Starts the login program for `login_name`, with `client` (the client's
+// node name, or "DEFAULT_LOGIN") and `flag` as its arguments, under the
+// account's uid, gid and supplementary groups. Returns the child's pid, or
+// 0 when the fork failed. A child whose account is unknown, whose change of
+// identity fails or whose exec fails ends with status 1; it never runs the
+// program as root on behalf of another account.
+pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag);
