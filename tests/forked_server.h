@@ -1,0 +1,84 @@
+// A server registration in the test process that a forked child serves on,
+// and the client side's view of its replies, for tests of reply writers
+// through the real transport.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "core_util.h"
+#include "quortev.h"
+#include "quortrl.h"
+#include "quorutl.h"
+#include "tev_client.h"
+
+namespace forked {
+
+using testutil::EnvGuard;
+using testutil::TempDir;
+
+// A server registration made before forking, so the child that serves on it
+// is reachable the moment it starts.
+class ForkedServer : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(quor_tev_register(server_.local, server_.fb, "TEST.SRV"), 0);
+  }
+  void TearDown() override { quor_tev_deregister(server_.local, server_.fb); }
+
+  TempDir dir_;
+  EnvGuard tev_{"TEV_DIR", dir_.str()};
+  EnvGuard root_{"MOXGLBL0000", dir_.str()};
+  ConnRecord server_;
+};
+
+// Receives one request on `conn` into `buf`; exits the child on failure.
+inline void receive_or_die(ConnRecord& conn, std::array<char, BUFFER_MAX>& buf) {
+  if (quor_tev_receive(conn, buf) != 0) _exit(10);
+}
+
+struct Decoded {
+  TransactionHeader tran;
+  Trailer trailer;
+  std::vector<char> plain;
+};
+
+inline Decoded decode(std::vector<std::uint8_t> payload) {
+  Decoded d;
+  d.plain.assign(payload.begin(), payload.end());
+  d.plain.push_back('\0');
+  EXPECT_EQ(quor_wire_open(d.plain, payload.size()), payload.size());
+  EXPECT_TRUE(tran_header_read(d.plain, d.tran));
+  EXPECT_TRUE(quor_trl_read(d.plain, d.trailer));
+  return d;
+}
+
+// Sends a request of `type` to the forked server and collects the replies.
+inline TevCallResult ask(std::string_view type) {
+  TevClient client;
+  std::size_t length = 0;
+  auto request = testutil::make_request(type, length);
+  quor_wire_seal(request, length);
+  return client.call("TEST.SRV",
+                     std::vector<std::uint8_t>(request.begin(),
+                                               request.begin() + static_cast<long>(length)),
+                     5000);
+}
+
+// The strings of the first segment tagged `tag`, up to its end mark.
+inline std::vector<std::string> segment_strings(const std::vector<char>& buf, std::string_view tag) {
+  std::vector<std::string> out;
+  auto at = buf_find_segment(buf, tag);
+  if (!at) return out;
+  for (auto s = buf_string(buf, *at); s && *s != "ZZZEOS"; s = buf_string(buf, *at)) {
+    out.emplace_back(*s);
+    *at += s->size() + 1;
+  }
+  return out;
+}
+
+}  // namespace forked

@@ -1,0 +1,124 @@
+// The status report as a client receives it through the real transport: a
+// forked child answers one request with the daemon's tables set up by the
+// test.
+#include <gtest/gtest.h>
+
+#include "forked_server.h"
+#include "quorconfig.h"
+#include "quorkids.h"
+#include "quorstats.h"
+#include "quorusers.h"
+
+using namespace forked;
+
+namespace {
+
+class StatusReport : public ForkedServer {
+ protected:
+  void TearDown() override {
+    quor_users().clear();
+    quor_children().clear();
+    quor_config() = QuorConfig{};
+    ForkedServer::TearDown();
+  }
+
+  // Every "ZZZSTS" item of the report of `type`, and the replies themselves.
+  std::vector<std::string> report(char type, TevCallResult& result) {
+    testutil::Child child([&] {
+      std::array<char, BUFFER_MAX> buf{};
+      receive_or_die(server_, buf);
+      return quor_status_report(type, server_, buf);
+    });
+    result = ask(std::string(1, type));
+    EXPECT_EQ(child.wait(), 0);
+    std::vector<std::string> items;
+    for (const TevReply& reply : result.replies) {
+      Decoded d = decode(reply.payload);
+      for (std::string& s : segment_strings(d.plain, kStatusTag)) items.push_back(std::move(s));
+    }
+    return items;
+  }
+  std::vector<std::string> report(char type) {
+    TevCallResult ignored;
+    return report(type, ignored);
+  }
+};
+
+TEST_F(StatusReport, BriefAndFullLinesWithEmptyTables) {
+  quor_config().config_path = "/etc/q.config";
+  std::vector<std::string> brief = report('B');
+  ASSERT_EQ(brief.size(), 6u);
+  EXPECT_EQ(brief[0].rfind("Status of ", 0), 0u) << brief[0];
+  EXPECT_NE(brief[0].find(", pid="), std::string::npos);
+  EXPECT_EQ(brief[0].back(), '\n');
+  EXPECT_EQ(brief[1].rfind("    Daemon started at ", 0), 0u);
+  EXPECT_EQ(brief[2], "    Config path is /etc/q.config\n");
+  EXPECT_EQ(brief[3].rfind("    Config last updated ", 0), 0u);
+  EXPECT_EQ(brief[4], "    0 users logged into quor\n");
+  EXPECT_EQ(brief[5], "    0 transactions in progress.\n");
+
+  std::vector<std::string> full = report('F');
+  ASSERT_EQ(full.size(), 8u);
+  EXPECT_EQ(full[6], "\n");
+  EXPECT_EQ(full[7], "\n");
+}
+
+TEST_F(StatusReport, ALongConfigurationPathTakesTwoLines) {
+  quor_config().config_path = "/" + std::string(240, 'p');  // 241 characters: one line
+  EXPECT_EQ(report('B').size(), 6u);
+  quor_config().config_path = "/" + std::string(241, 'p');  // 242: two lines
+  std::vector<std::string> brief = report('B');
+  ASSERT_EQ(brief.size(), 7u);
+  EXPECT_EQ(brief[2], "    Config path is -\n");
+  EXPECT_EQ(brief[3], "    " + quor_config().config_path + "\n");
+}
+
+TEST_F(StatusReport, FullReportListsActiveUsersAndRunningAgentsOnly) {
+  UserEntry& pending = quor_user_new();
+  pending.user_name = "pending";
+  UserEntry& ann = quor_user_new();
+  ann = UserEntry{"ann", "pc7", "ann_l", "100", 1000, 0};
+  for (auto [pid, flags] : {std::pair{-1, kChildRunning}, {0, kChildNew}, {41, kChildContinuing}, {42, kChildRunning}}) {
+    ChildEntry& child = quor_child_new();
+    child.agent_pid = pid;
+    child.flags = flags;
+    child.client_node = "n" + std::to_string(pid);
+  }
+  std::vector<std::string> full = report('F');
+  EXPECT_EQ(full[4], "    2 users logged into quor\n");
+  EXPECT_EQ(full[5], "    4 transactions in progress.\n");
+  EXPECT_EQ(std::vector<std::string>(full.begin() + 6, full.end()),
+            (std::vector<std::string>{"\n", "    User ann from node pc7 logged in as ann_l.\n", "\n",
+                                      "    PID 42 from node n42\n", "    PID 41 from node n41\n"}));
+}
+
+TEST_F(StatusReport, AFullReportLargerThanABufferArrivesInOrderOverSeveralBuffers) {
+  // Lines of about 260 bytes: 400 of them need four buffers.
+  for (int i = 0; i < 400; ++i) {
+    UserEntry& user = quor_user_new();
+    user.user_name = "user" + std::to_string(i);
+    user.node_name = std::string(200, 'n');
+    user.login_name = "l";
+    user.last_activity = 1;
+  }
+  TevCallResult result;
+  std::vector<std::string> items = report('F', result);
+  ASSERT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
+  ASSERT_GE(result.replies.size(), 4u);
+  for (std::size_t i = 0; i < result.replies.size(); ++i) {
+    bool last = i + 1 == result.replies.size();
+    Decoded d = decode(result.replies[i].payload);
+    EXPECT_EQ(*d.trailer.more_data, last ? "N" : "Y") << i;
+    EXPECT_EQ(result.replies[i].kind, last ? kTevKindData : kTevKindConv) << i;
+    EXPECT_EQ(d.tran.transcode, i == 0 ? "F" : "S") << i;
+    EXPECT_LE(result.replies[i].payload.size(), BUFFER_MAX);
+  }
+  // The users appear once each, newest first, across the buffers.
+  std::vector<std::string> users;
+  for (const std::string& item : items)
+    if (item.rfind("    User ", 0) == 0) users.push_back(item.substr(9, item.find(' ', 9) - 9));
+  ASSERT_EQ(users.size(), 400u);
+  for (int i = 0; i < 400; ++i) EXPECT_EQ(users[static_cast<std::size_t>(i)], "user" + std::to_string(399 - i));
+}
+
+}  // namespace
