@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "quorenvd.h"
 #include "quortev.h"
 #include "quortran.h"
 #include "quortrl.h"
@@ -27,6 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       static constexpr std::string_view names[4] = {"RC", "RM", "DAT", "LAN"};
       (void)buf_get_items(in, *at, values, names);
     }
+  }
+
+  // The client's date format and language become environment entries.
+  if (auto env = quor_env_read(in)) {
+    if (env->date_format.rfind("MOX_DATEFMT=", 0) != 0 || env->message.rfind("MO_MOXMESSAGE=", 0) != 0)
+      __builtin_trap();
   }
 
   // The same bytes as they come off the wire.
