@@ -108,12 +108,14 @@ int syslog_priority(unsigned severity) {
   }
 }
 
-// mkdir -p for the directories of the message log.
+// mkdir -p for the directories of the message log. The log directory itself
+// is private to root and its group; the ones above it stay traversable, since
+// programs started under users' accounts live beside it.
 void make_directories(const std::string& dir) {
   for (std::size_t at = 1; at <= dir.size(); ++at) {
     if (at == dir.size() || dir[at] == '/') {
       std::string part = dir.substr(0, at);
-      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return;
+      if (mkdir(part.c_str(), at == dir.size() ? 0750 : 0755) != 0 && errno != EEXIST) return;
     }
   }
 }
@@ -125,10 +127,10 @@ void append_to_log(const std::string& line) {
   if (root == nullptr || *root == '\0') return;
   std::string dir = std::string(root) + "/quor/log";
   std::string path = dir + "/quordaemon.log";
-  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (fd < 0 && errno == ENOENT) {
     make_directories(dir);
-    fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   }
   if (fd < 0) return;
   std::string record = line + "\n";
