@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <charconv>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 #include "quorconfig.h"
 #include "quordaemon.h"
@@ -17,38 +19,62 @@
 
 namespace {
 
-// Each report line is formatted into an area of this size.
+// Each report line is formatted into an area of this size: longer lines
+// are cut to its size less the terminating NUL.
 constexpr std::size_t kLineArea = 264;
 
-// ctime's text (it ends in a newline).
-std::string time_text(std::time_t t) {
-  char text[32] = {};
-  if (ctime_r(&t, text) == nullptr) return "?\n";
-  return text;
-}
+// One report line, built by appending pieces.
+class Line {
+ public:
+  Line& operator<<(std::string_view text) {
+    std::size_t n = std::min(text.size(), kLineArea - 1 - text_.size());
+    text_.append(text.data(), n);
+    return *this;
+  }
+  Line& operator<<(long number) {
+    char digits[24];
+    auto [end, ec] = std::to_chars(digits, digits + sizeof digits, number);
+    return *this << std::string_view(digits, static_cast<std::size_t>(end - digits));
+  }
+  const std::string& text() const { return text_; }
 
-template <class... Args>
-std::string line(const char* format, Args... args) {
-  char area[kLineArea];
-  std::snprintf(area, sizeof area, format, args...);
-  return area;
-}
+ private:
+  std::string text_;
+};
+
+// ctime's text of `t` (it ends in a newline), kept while `t` stays the same:
+// a report shows three times, and two of them rarely change.
+struct TimeText {
+  std::time_t time = -1;
+  std::string text;
+
+  const std::string& of(std::time_t t) {
+    if (t != time || text.empty()) {
+      char area[32] = {};
+      text = ctime_r(&t, area) != nullptr ? area : "?\n";
+      time = t;
+    }
+    return text;
+  }
+};
+
+void add_line(OutBuf& out, const Line& line) { buf_add_item(out, line.text()); }
 
 void add_brief_lines(OutBuf& out) {
+  static TimeText now_text, start_text, load_text;
   const QuorConfig& config = quor_config();
-  std::time_t now = std::time(nullptr);
-  buf_add_item(out, line("Status of %s, pid=%d, on %s", quor_program_name(), static_cast<int>(getpid()),
-                         time_text(now).c_str()));
-  buf_add_item(out, line("    Daemon started at %s", time_text(quor_run_state().start_time).c_str()));
+  add_line(out, Line() << "Status of " << quor_program_name() << ", pid=" << static_cast<long>(getpid())
+                       << ", on " << now_text.of(std::time(nullptr)));
+  add_line(out, Line() << "    Daemon started at " << start_text.of(quor_run_state().start_time));
   if (config.config_path.size() + 21 >= kLineArea - 1) {
     buf_add_item(out, "    Config path is -\n");
-    buf_add_item(out, line("    %s\n", config.config_path.c_str()));
+    add_line(out, Line() << "    " << config.config_path << "\n");
   } else {
-    buf_add_item(out, line("    Config path is %s\n", config.config_path.c_str()));
+    add_line(out, Line() << "    Config path is " << config.config_path << "\n");
   }
-  buf_add_item(out, line("    Config last updated %s", time_text(config.load_time).c_str()));
-  buf_add_item(out, line("    %d users logged into quor\n", quor_user_count()));
-  buf_add_item(out, line("    %d transactions in progress.\n", quor_child_count()));
+  add_line(out, Line() << "    Config last updated " << load_text.of(config.load_time));
+  add_line(out, Line() << "    " << static_cast<long>(quor_user_count()) << " users logged into quor\n");
+  add_line(out, Line() << "    " << static_cast<long>(quor_child_count()) << " transactions in progress.\n");
 }
 
 // Appends the per-user and per-agent lines, sending full buffers as partial
@@ -62,15 +88,17 @@ int add_full_lines(OutBuf& out, ConnRecord& conn, std::size_t& length_field) {
   buf_add_item(out, "\n");
   for (const UserEntry& user : quor_users()) {
     if (user.last_activity == 0) continue;
-    if (!add(line("    User %s from node %s logged in as %s.\n", user.user_name.c_str(), user.node_name.c_str(),
-                  user.login_name.c_str())))
-      return 2;
+    Line line;
+    line << "    User " << user.user_name << " from node " << user.node_name << " logged in as " << user.login_name
+         << ".\n";
+    if (!add(line.text())) return 2;
   }
   buf_add_item(out, "\n");
   for (const ChildEntry& child : quor_children()) {
     if (child.agent_pid == -1 || (child.flags & (kChildContinuing | kChildRunning)) == 0) continue;
-    if (!add(line("    PID %d from node %s\n", static_cast<int>(child.agent_pid), child.client_node.c_str())))
-      return 2;
+    Line line;
+    line << "    PID " << static_cast<long>(child.agent_pid) << " from node " << child.client_node << "\n";
+    if (!add(line.text())) return 2;
   }
   return 0;
 }

@@ -1,0 +1,297 @@
+// Round trips of a brief status request through the real transport to the
+// real daemon, against a plain datagram ping-pong of the same sizes between
+// two processes, both pinned to one CPU and unpinned; then the daemon's
+// resident memory when idle and after 100,000 requests.
+//
+// Run as root (the daemon detaches and runs as root):
+//   build/bench/status_bench [ROUND_TRIPS]
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "quortev.h"
+#include "quortran.h"
+#include "quortrl.h"
+#include "quorutl.h"
+#include "tev.h"
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+struct Figures {
+  double mean_us = 0;
+  double median_us = 0;
+};
+
+Figures summarize(std::vector<double>& samples) {
+  std::sort(samples.begin(), samples.end());
+  double sum = 0;
+  for (double s : samples) sum += s;
+  return {sum / static_cast<double>(samples.size()), samples[samples.size() / 2]};
+}
+
+void pin(pid_t pid, bool on) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (on) {
+    CPU_SET(0, &set);
+  } else {
+    for (int cpu = 0; cpu < CPU_SETSIZE && cpu < static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)); ++cpu)
+      CPU_SET(cpu, &set);
+  }
+  sched_setaffinity(pid, sizeof set, &set);
+}
+
+std::string proc_field(pid_t pid, const char* field) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind(field, 0) == 0) return line.substr(std::string(field).size() + 1);
+  return "?";
+}
+
+// ---------------------------------------------------------------------------
+// Baseline: a request of `request_size` bytes answered by `reply_size` bytes
+// between two processes over AF_UNIX datagram sockets.
+
+sockaddr_un address(const fs::path& path) {
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  path.string().copy(a.sun_path, sizeof a.sun_path - 1);
+  return a;
+}
+
+int bound_socket(const fs::path& path) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un a = address(path);
+  unlink(path.c_str());
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) std::exit(2);
+  return fd;
+}
+
+Figures ping_pong(const fs::path& dir, std::size_t request_size, std::size_t reply_size, int rounds, bool pinned) {
+  fs::path server_path = dir / "pong", client_path = dir / "ping";
+  int server = bound_socket(server_path);
+  pid_t child = fork();
+  if (child == 0) {
+    std::vector<char> buf(65536), reply(reply_size, 'r');
+    sockaddr_un from{};
+    for (;;) {
+      socklen_t len = sizeof from;
+      ssize_t n = recvfrom(server, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr*>(&from), &len);
+      if (n <= 0) _exit(0);
+      sendto(server, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from), len);
+    }
+  }
+  close(server);
+  pin(child, pinned);
+  pin(0, pinned);
+  int client = bound_socket(client_path);
+  sockaddr_un to = address(server_path);
+  std::vector<char> request(request_size, 'q'), buf(65536);
+  std::vector<double> samples;
+  for (int i = 0; i < rounds; ++i) {
+    auto start = Clock::now();
+    sendto(client, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    recv(client, buf.data(), buf.size(), 0);
+    samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  close(client);
+  pin(0, false);
+  return summarize(samples);
+}
+
+// The same exchange through the transport library, with an echo server in
+// place of the daemon: what the transport itself costs.
+Figures transport_echo(std::size_t request_size, std::size_t reply_size, int rounds, bool pinned) {
+  TevIdentity server_id;
+  server_id.set_app_name("ECHO");
+  TevFeedback server_fb;
+  if (TevInit(server_fb, server_id, kTevModeNormal) != 0) std::exit(5);
+  server_id = server_fb.FB_Local_Id;
+  pid_t child = fork();
+  if (child == 0) {
+    std::vector<std::uint8_t> buf(kTevMaxPayload), reply(reply_size, 'r');
+    for (;;) {
+      TevFeedback fb;
+      TevIdentity from;
+      TevInquiry inquiry;
+      if (TevRecv(fb, server_id, from, buf.data(), buf.size(), kTevModeRecvAny, inquiry) != 0) continue;
+      TevSend(fb, server_id, from, reply.data(), reply.size(), kTevModeNormal, fb.FB_InConversId);
+    }
+  }
+  pin(child, pinned);
+  pin(0, pinned);
+  TevIdentity id;
+  id.set_app_name("ECHOCLIENT");
+  TevFeedback fb;
+  if (TevInit(fb, id, kTevModeNormal) != 0) std::exit(5);
+  id = fb.FB_Local_Id;
+  std::vector<std::uint8_t> request(request_size, 'q'), buf(kTevMaxPayload);
+  std::vector<double> samples;
+  for (int i = 0; i < rounds; ++i) {
+    auto start = Clock::now();
+    TevSend(fb, id, server_id, request.data(), request.size(), kTevModeNormal, static_cast<std::uint32_t>(i + 1));
+    TevIdentity from;
+    TevInquiry inquiry;
+    TevRecv(fb, id, from, buf.data(), buf.size(), kTevModeRecvAny, inquiry);
+    samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  TevTerm(fb, id, kTevModeNormal);
+  TevTerm(server_fb, server_id, kTevModeNormal);
+  pin(0, false);
+  return summarize(samples);
+}
+
+// ---------------------------------------------------------------------------
+// The daemon
+
+class StatusClient {
+ public:
+  StatusClient() {
+    id_.set_app_name("BENCH." + std::to_string(getpid()));
+    if (TevInit(fb_, id_, kTevModeNormal) != 0) std::exit(3);
+    id_ = fb_.FB_Local_Id;
+    server_.set_system_id(tev_node_name());
+    server_.set_app_name(kServerName);
+    std::array<char, BUFFER_MAX> buf{};
+    OutBuf out(buf);
+    tran_header_put("B", "N", out);
+    quor_trl_put("N", out);
+    quor_wire_seal(buf, out.pos);
+    request_.assign(buf.begin(), buf.begin() + static_cast<long>(out.pos));
+    reply_.resize(kTevMaxPayload);
+  }
+  ~StatusClient() { TevTerm(fb_, id_, kTevModeNormal); }
+
+  // One brief status round trip; the reply's size, 0 on failure.
+  std::size_t round_trip() {
+    TevFeedback fb;
+    if (TevSend(fb, id_, server_, request_.data(), request_.size(), kTevModeNormal, ++conversation_) != 0) return 0;
+    TevIdentity sender;
+    TevInquiry inquiry;
+    if (TevRecv(fb, id_, sender, reply_.data(), reply_.size(), kTevModeRecvAny, inquiry) != 0) return 0;
+    return fb.FB_DataLen;
+  }
+  std::size_t request_size() const { return request_.size(); }
+
+  // The daemon's pid from the first line of its report.
+  pid_t daemon_pid() {
+    std::size_t n = round_trip();
+    std::vector<char> plain(reply_.begin(), reply_.begin() + static_cast<long>(n));
+    if (n == 0 || quor_wire_open(plain, n) == 0) return 0;
+    std::string text(plain.begin(), plain.end());
+    std::size_t at = text.find("pid=");
+    return at == std::string::npos ? 0 : static_cast<pid_t>(std::atol(text.c_str() + at + 4));
+  }
+
+ private:
+  TevIdentity id_, server_;
+  TevFeedback fb_;
+  std::vector<std::uint8_t> request_, reply_;
+  std::uint32_t conversation_ = 0;
+};
+
+Figures status_round_trips(StatusClient& client, pid_t daemon, int rounds, bool pinned) {
+  pin(daemon, pinned);
+  pin(0, pinned);
+  std::vector<double> samples;
+  for (int i = 0; i < rounds; ++i) {
+    auto start = Clock::now();
+    if (client.round_trip() == 0) std::exit(4);
+    samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  }
+  pin(0, false);
+  pin(daemon, false);
+  return summarize(samples);
+}
+
+void install(const fs::path& root) {
+  for (auto d : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log", "messages"}) fs::create_directories(root / d);
+  for (auto f : {"quor.config", "quorobj.map", "quorlang.map"})
+    fs::copy_file(fs::path(QUOR_SOURCE_DIR) / "etc" / f, root / "quor/etc" / f);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int rounds = argc > 1 ? std::atoi(argv[1]) : 20000;
+  if (geteuid() != 0) {
+    std::fprintf(stderr, "status_bench: skipped, needs root (the daemon detaches and runs as root)\n");
+    return 0;
+  }
+  char pattern[] = "/tmp/quorbench.XXXXXX";
+  fs::path root = mkdtemp(pattern);
+  install(root);
+  setenv("MOXGLBL0000", root.c_str(), 1);
+  setenv("TEV_DIR", (root / "tev").c_str(), 1);
+  setenv("TMPDIR", (root / "tmp").c_str(), 1);
+  unsetenv("MOXQUORDEBUG");
+  unsetenv("MOXQUORSPIN");
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+
+  pid_t starter = fork();
+  if (starter == 0) {
+    execl(QUORDAEMON_PATH, QUORDAEMON_PATH, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  for (int i = 0; i < 500 && !fs::exists(root / "tev" / std::string(kServerName)); ++i) usleep(10000);
+  pid_t daemon = 0;
+  {
+    StatusClient client;
+    daemon = client.daemon_pid();
+    kill(starter, SIGKILL);
+    waitpid(starter, nullptr, 0);
+    if (daemon <= 0) {
+      std::fprintf(stderr, "status_bench: the daemon did not answer\n");
+      return 1;
+    }
+    std::string idle_rss = proc_field(daemon, "VmRSS:");
+
+    std::size_t reply_size = client.round_trip();
+    std::printf("brief status: request %zu bytes, reply %zu bytes; %d round trips per figure\n",
+                client.request_size(), reply_size, rounds);
+    std::printf("%-10s %-28s %12s %12s\n", "", "", "mean µs", "median µs");
+    for (bool pinned : {true, false}) {
+      Figures plain = ping_pong(root, client.request_size() + 190, reply_size + 190, rounds, pinned);
+      Figures echo = transport_echo(client.request_size(), reply_size, rounds, pinned);
+      Figures status = status_round_trips(client, daemon, rounds, pinned);
+      const char* mode = pinned ? "pinned" : "unpinned";
+      std::printf("%-10s %-28s %12.2f %12.2f\n", mode, "plain datagram ping-pong", plain.mean_us, plain.median_us);
+      std::printf("%-10s %-28s %12.2f %12.2f\n", mode, "transport echo server", echo.mean_us, echo.median_us);
+      std::printf("%-10s %-28s %12.2f %12.2f\n", mode, "status through the daemon", status.mean_us, status.median_us);
+      std::printf("%-10s %-28s %12.2f %12.2f   (goal <= 1.5)\n", mode, "ratio", status.mean_us / plain.mean_us,
+                  status.median_us / plain.median_us);
+    }
+
+    int sent = 2 * rounds + 2;
+    for (; sent < 100000; ++sent)
+      if (client.round_trip() == 0) return 4;
+    std::printf("daemon memory: idle VmRSS %s; after %d requests VmRSS %s, VmHWM %s\n", idle_rss.c_str(), sent,
+                proc_field(daemon, "VmRSS:").c_str(), proc_field(daemon, "VmHWM:").c_str());
+  }
+  kill(daemon, SIGTERM);
+  waitpid(daemon, nullptr, 0);
+  fs::remove_all(root);
+  return 0;
+}
