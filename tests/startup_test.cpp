@@ -133,6 +133,17 @@ TEST(StartUp, AConfigurationThatCannotBeLoadedStopsStartUp) {
   EXPECT_FALSE(fs::exists(d.tev_dir() / std::string(kServerName)));
 }
 
+TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
+  Daemon d({}, /*debug=*/true, {{"MOXQUORSPIN", "1"}});
+  ASSERT_TRUE(d.wait_ready()) << d.output();
+  std::string expected = "quordaemon waiting in spin loop, pid=" + std::to_string(d.pid()) + "\n";
+  for (int i = 0; i < 100 && d.output().find(expected) == std::string::npos; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_NE(d.output().find(expected), std::string::npos) << d.output();
+  TevClient client;
+  EXPECT_NE(client.call(kServerName, Daemon::request("B"), 300).rc, 0) << "answered while spinning";
+}
+
 TEST(Shutdown, TerminateExitsZeroAndRemovesThePidFile) {
   Daemon d;
   ASSERT_TRUE(d.wait_ready()) << d.output();
