@@ -103,6 +103,12 @@ TEST(StartUp, CommandLine) {
   EXPECT_TRUE(fs::exists(root.path() / "tmp/quordaemon.pid"));
   // Without an installation root nothing is started.
   EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}, /*with_root=*/false), 1);
+  // Nor without a place for the pid file.
+  fs::remove_all(root.path() / "tmp");
+  EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}), 1);
+  log = read_file(root.path() / "quor/log/quordaemon.log");
+  EXPECT_NE(log.find("QUOR0106E Cannot create or open " + root.str() + "/tmp/quordaemon.pid"), std::string::npos)
+      << log;
 
   // An unknown argument is reported and skipped; the last -c wins.
   Daemon d(
