@@ -1,7 +1,7 @@
 // quordaemon: the daemon's start-up, in the order the steps depend on each
 // other: installation root, pid file, detaching, command line, signals,
-// configuration, registration, error capture, then the receive loop until
-// orderly shutdown.
+// configuration, saved users, registration, error capture, then the receive
+// loop until orderly shutdown.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -18,6 +18,7 @@
 #include "quordaemon.h"
 #include "quordebug.h"
 #include "quorderr.h"
+#include "quorusers.h"
 
 namespace {
 
@@ -131,6 +132,7 @@ int main(int argc, char** argv) {
 
   if (quor_config_load(quor_objmap(), quor_config(), state.config_path) != 0)
     fail(16, 4, state.config_path.value_or(quor_config().config_path));
+  if (quor_users_load() != 0) fail(22, 4);
 
   Registration& reg = quor_registration();
   register_server(reg);

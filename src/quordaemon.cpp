@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "momsg.h"
 #include "quorconfig.h"
 #include "quordebug.h"
 #include "quorderr.h"
@@ -30,7 +31,7 @@ namespace {
 
 // The login programs, which neither shutdown leaves behind.
 void stop_login_programs() {
-  quor_users_stop_logins();
+  quor_users_stop_all();
   QuorConfig& config = quor_config();
   if (config.login_required == 0 && config.default_login_child > 0) {
     quor_terminate_pid(config.default_login_child);
@@ -57,6 +58,7 @@ void quor_abnormal_shutdown(Registration& reg, bool exit_flag) {
 
 void quor_orderly_shutdown(Registration& reg, char last_type) {
   quor_tev_deregister(reg.id, reg.fb);
+  if (quor_users_save() != 0) quor_msg_log(129, 2);
   quor_children_drop_idle();
   if (last_type == 'K') quor_children_kill_all();
   stop_login_programs();
@@ -109,6 +111,13 @@ InBuf request_text(const DaemonLoop& loop) {
   return InBuf(loop.buffer.data(), loop.buffer.size() - 1);
 }
 
+// A request from another node counts as activity of its user; the daemon's
+// own node (agents, login programs) never does.
+void note_activity(const TransactionHeader& header) {
+  if (header.node.empty() || header.node == mo_nodename()) return;
+  if (UserEntry* user = quor_user_find(header, true)) user->last_activity = std::time(nullptr);
+}
+
 void trace_type(const char* name) {
   if (quor_debug()) quor_trace("%s:  message type %s\n", quor_program_name(), name);
 }
@@ -157,6 +166,7 @@ void quor_dispatch(DaemonLoop& loop) {
   (void)tran_header_read(request_text(loop), header);
   char type = header.type();
   loop.last_type = type;
+  note_activity(header);
 
   switch (type) {
     case '\0':

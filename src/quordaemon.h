@@ -66,9 +66,9 @@ RunState& quor_run_state();
 // message 201 and exits with status 1; without it, it returns.
 void quor_abnormal_shutdown(Registration& reg, bool exit_flag);
 
-// Orderly shutdown after the loop ended with `last_type`: deregisters, stops
-// the agents (after 'K' only) and the login programs, removes the pid file,
-// logs message 401 and exits with status 0.
+// Orderly shutdown after the loop ended with `last_type`: deregisters, saves
+// the user table, stops the agents (after 'K' only) and the login programs,
+// removes the pid file, logs message 401 and exits with status 0.
 [[noreturn]] void quor_orderly_shutdown(Registration& reg, char last_type);
 
 // Handlers for fatal signals (log 17, abnormal shutdown, exit with the

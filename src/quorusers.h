@@ -1,6 +1,19 @@
 // The table of logged-in users: one entry per (client user, client node),
 // with the local account the user logged in as and the user's login
-// process. New entries go to the front; walks run from the front.
+// process. New entries go to the front; walks and lookups run from the
+// front.
+//
+// The table survives restarts in the save file <root>/tmp/quor.sav, one
+// record per entry from the front:
+//
+//   offset 0  3 bytes  payload length L, "%3d" (blanks on the left)
+//   offset 3  1 byte   NUL
+//   offset 4  L bytes  five NUL-terminated strings (client user, client
+//                      node, login name, group id, last activity "%d"),
+//                      body-encoded with the byte at offset 0 as seed
+//
+// Loading puts each record at the front, so a table read back is in the
+// reverse order of the file; the next save and load restores the order.
 #pragma once
 
 #include <sys/types.h>
@@ -9,16 +22,21 @@
 #include <list>
 #include <string>
 
+#include "quorutl.h"
+
 struct UserEntry {
-  std::string user_name;        // "USR" of the header that created the entry
-  std::string node_name;        // "NOD" of that header
-  std::string login_name;       // local account; empty until the login completes
-  std::string group_id;         // decimal group id text; empty until then
+  std::string user_name;          // "USR" of the header that created the entry
+  std::string node_name;          // "NOD" of that header
+  std::string login_name;         // local account; empty until the login completes
+  std::string group_id;           // decimal group id text; empty until then
   std::time_t last_activity = 0;  // 0: login not completed
-  pid_t login_pid = 0;          // 0: no login process
+  pid_t login_pid = 0;            // 0: no login process
 };
 
 using UserTable = std::list<UserEntry>;
+
+// Largest payload a save record can carry: its length has three digits.
+inline constexpr std::size_t kMaxUserRecord = 999;
 
 // The daemon's table.
 UserTable& quor_users();
@@ -26,7 +44,32 @@ UserTable& quor_users();
 // A new, empty entry at the front.
 UserEntry& quor_user_new();
 
+// Stops the entry's login process and removes the entry. 0, or 3 for none.
+int quor_user_remove(UserEntry* entry);
+
+// The active entry of the header's user and node. A login in progress is
+// never returned (and no second entry made for it); an entry idle longer
+// than the login time-out, or, without a time-out, one whose login process
+// is gone, is removed and not returned. Without a match, a new pending entry
+// is made unless `no_create`.
+UserEntry* quor_user_find(const TransactionHeader& header, bool no_create);
+
 int quor_user_count();
 
-// Stops every user's login process (SIGTERM, one second, non-blocking reap).
-void quor_users_stop_logins();
+// Stops every user's login process (SIGTERM, one second, non-blocking
+// reap), in table order; the entries stay.
+void quor_users_stop_all();
+
+// <root>/tmp/quor.sav
+std::string quor_users_path();
+
+// Writes the table to the save file (a temporary file renamed over it, so
+// a crash never leaves half a table); an empty table leaves no file. 0, 6
+// write failed, 7 file not created, 8 path unavailable. An entry whose
+// record would not fit the three-digit length is left out (and logged).
+int quor_users_save();
+
+// Reads the save file, if there is one, starting a login program for every
+// user read. 0 (also without a file), 1 a record without its five strings,
+// 5 a record shorter than its length, 8 path unavailable.
+int quor_users_load();

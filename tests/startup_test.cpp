@@ -5,7 +5,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <map>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -13,6 +15,8 @@
 
 #include "daemon_util.h"
 #include "forked_server.h"
+#include "momsg.h"
+#include "quorusers.h"
 
 using testutil::Daemon;
 using testutil::read_file;
@@ -337,6 +341,65 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   if (getpwnam("nobody") != nullptr) {
     EXPECT_EQ(start({"nobody", "pc7", "0"})->wait(), 1);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// A sealed BRIEFSTATUS request that claims to come from `user` on `node`.
+std::vector<std::uint8_t> status_request_from(const std::string& user, const std::string& node) {
+  std::array<char, BUFFER_MAX> buf{};
+  OutBuf out(buf);
+  TransactionHeader h;
+  tran_header_fill("B", "N", h);
+  h.user = user;
+  h.node = node;
+  tran_header_write(h, out);
+  quor_trl_put("N", out);
+  std::size_t length = out.pos;
+  quor_wire_seal(buf, length);
+  return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
+}
+
+TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
+  std::time_t before = std::time(nullptr) - 100;
+  std::string local = mo_nodename();
+  Daemon d(
+      [&](const fs::path& root) {
+        write(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
+        testutil::EnvGuard env("MOXGLBL0000", root.string());
+        for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
+          UserEntry& e = quor_user_new();
+          e = UserEntry{user, node, "nobody", "65534", before, 0};
+        }
+        ASSERT_EQ(quor_users_save(), 0);
+        quor_users().clear();
+      },
+      {});
+  ASSERT_TRUE(d.wait_ready()) << d.output();
+  std::vector<std::string> full = d.status("F");
+  ASSERT_GE(full.size(), 8u);
+  EXPECT_EQ(full[4], "    2 users logged into quor\n");
+  EXPECT_NE(std::find(full.begin(), full.end(), "    User ann from node far logged in as nobody.\n"), full.end());
+
+  TevClient client;
+  for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}})
+    ASSERT_EQ(client.call(kServerName, status_request_from(user, node), 5000).rc, 0);
+  client.call(kServerName, Daemon::request("T"), 0, false);
+  ASSERT_EQ(d.wait_exit(), 0) << d.output();
+
+  // The saved table, read back: ann's activity is fresh, bob's unchanged.
+  testutil::EnvGuard env("MOXGLBL0000", d.root().str());
+  ASSERT_EQ(quor_users_load(), 0);
+  std::map<std::string, std::time_t> activity;
+  for (const UserEntry& e : quor_users()) activity[e.user_name] = e.last_activity;
+  quor_users().clear();
+  while (waitpid(-1, nullptr, WNOHANG) > 0) {
+  }
+  ASSERT_EQ(activity.size(), 2u);
+  EXPECT_GE(activity["ann"], before + 100);
+  EXPECT_EQ(activity["bob"], before);
 }
 
 }  // namespace
