@@ -1,7 +1,6 @@
 #include "quorenvd.h"
 
 #include <array>
-#include <cstdlib>
 #include <new>
 #include <string_view>
 
@@ -95,8 +94,7 @@ int quor_env_build(EnvBlock& env, const LanguageMap* map) {
     if (!directory.empty() && directory.front() == '/') {
       env.message = "MO_MOXMESSAGE=" + directory;
     } else {
-      const char* root = std::getenv("MOXGLBL0000");
-      env.message = "MO_MOXMESSAGE=" + std::string(root != nullptr ? root : "") + "/messages";
+      env.message = "MO_MOXMESSAGE=" + quor_install_root() + "/messages";
       if (!directory.empty()) env.message += "/" + directory;
     }
   } catch (const std::bad_alloc&) {

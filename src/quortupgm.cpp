@@ -5,14 +5,11 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 
+#include "quorconfig.h"
 #include "quordebug.h"
 
-std::string quor_login_program() {
-  const char* root = std::getenv("MOXGLBL0000");
-  return std::string(root != nullptr ? root : "") + "/quor/bin/quoruserpgm";
-}
+std::string quor_login_program() { return quor_install_root() + "/quor/bin/quoruserpgm"; }
 
 namespace {
 
