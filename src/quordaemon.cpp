@@ -13,6 +13,8 @@
 #include "quorderr.h"
 #include "quorkids.h"
 #include "quorstats.h"
+#include "quorsweep.h"
+#include "quortupgm.h"
 #include "quorusers.h"
 
 volatile std::sig_atomic_t running = 0;
@@ -118,6 +120,14 @@ void note_activity(const TransactionHeader& header) {
   if (UserEntry* user = quor_user_find(header, true)) user->last_activity = std::time(nullptr);
 }
 
+// A handler that ran out of memory: the client is told, then the daemon
+// stops, since it can no longer be trusted to keep its tables.
+[[noreturn]] void fail_fatally(DaemonLoop& loop, int rc) {
+  quor_error_reply(1, quor_capture_output(rc), loop.conn);
+  quor_abnormal_shutdown(quor_registration(), true);
+  std::abort();  // not reached: the abnormal shutdown exits
+}
+
 void trace_type(const char* name) {
   if (quor_debug()) quor_trace("%s:  message type %s\n", quor_program_name(), name);
 }
@@ -152,8 +162,11 @@ char quor_receive_loop(DaemonLoop& loop, const LoopHooks& hooks) {
       continue;
     }
     loop.failures = 0;
+    if (quor_debug()) quor_trace("%s:  received a message.\n", quor_program_name());
+    // The tables are brought up to date before the request is served.
+    quor_garbage_collect(0);
     if (quor_debug()) {
-      quor_trace("%s:  received a message.\n", quor_program_name());
+      quor_trace("after garbage collection\n");
       tev_dump_buffer(request_text(loop), "tevBuffer");
     }
     quor_dispatch(loop);
@@ -183,6 +196,14 @@ void quor_dispatch(DaemonLoop& loop) {
     case 'R':
       trace_type("REFRESH");
       if (quor_refresh(loop.conn, request_text(loop)) == 1) quor_abnormal_shutdown(quor_registration(), true);
+      break;
+    case 'C':
+      trace_type("CLEANUP");
+      quor_garbage_collect(1);
+      break;
+    case 'I':
+      trace_type("LOGININFO");
+      if (quor_login_info(header, loop.conn.inquiry) == 1) fail_fatally(loop, 1);
       break;
     case 'K':
       trace_type("KILLALL");

@@ -14,6 +14,8 @@
 #include <list>
 #include <string>
 
+#include "quorutl.h"
+
 struct UserEntry;
 
 // Flag bits of ChildEntry::flags.
@@ -31,6 +33,7 @@ struct ChildEntry {
   std::string client_node;  // "NOD" of that buffer
   int kind = 0;             // 1 'S'/'U' agent, 2 'L', 3 'O'; 0 before the start
   int shm_id = -1;          // the request record's segment, -1 when none
+  void* shm_addr = nullptr; // where the daemon has it attached; none once handed over
   std::time_t created = 0;  // the transaction time-out counts from here
   pid_t agent_pid = 0;      // 0 never started, -1 start attempted, else the agent
   UserEntry* user = nullptr;  // not owned
@@ -49,13 +52,38 @@ ChildEntry& quor_child_new();
 // the system; one handed to an agent belongs to the agent. 0, or 3 for none.
 int quor_child_remove(ChildEntry* entry);
 
+// quor_child_remove for an entry known by its place; returns the next place.
+ChildTable::iterator quor_child_erase(ChildTable::iterator at);
+
+// The transaction of the header's client: the first entry whose client pid
+// and node equal the header's "PID" and "NOD" and whose flags share a bit
+// with `mask`. Without one, a new entry for that client (flags 0x01, so a
+// mask of 0x02 does not find it until it is marked) unless `no_create`.
+ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask, bool no_create);
+
+// The transaction whose agent sent the header: the first entry whose agent
+// pid is the decimal value of "PID" and whose flags share a bit with
+// `mask`, provided "NOD" is this host. Never creates one.
+ChildEntry* quor_child_find_agent(const TransactionHeader& header, std::uint32_t mask);
+
+// Clears every entry's reference to `user`, which is about to go.
+void quor_children_forget_user(const UserEntry* user);
+
 int quor_child_count();
 
 // Removes every entry that has no process (agent pid below 1).
 void quor_children_drop_idle();
 
-// SIGTERM, one second, non-blocking reap. Nothing for pids below 1.
+// SIGTERM, one second, non-blocking reap. Nothing for pids below 1. A
+// process still running after that is disowned (below).
 void quor_terminate_pid(pid_t pid);
+
+// Children no table tracks any more (stopped ones that had not ended yet,
+// replaced login processes) are reaped by the sweep once they end, so none
+// stays a zombie.
+void quor_child_disown(pid_t pid);
+void quor_reap_disowned();
+int quor_disowned_count();
 
 // For every entry with an agent: SIGTERM, one second, SIGKILL, one second,
 // non-blocking reap. Entries stay in the table.

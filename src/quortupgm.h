@@ -18,3 +18,19 @@ std::string quor_login_program();
 // identity fails or whose exec fails ends with status 1; it never runs the
 // program as root on behalf of another account.
 pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag);
+
+// The LOGININFO request: the agent that a login started reports the local
+// account it accepted the user as. The header names the agent ("PID", which
+// must be a running or cleanly ended login agent of this host, "NOD") and
+// the account ("USR", "GID"). The user entry of the agent's transaction is
+// completed and the agent becomes the user's login process; an earlier
+// login process under another account is stopped first.
+//
+// A report is believed only from the agent itself or a process it started:
+// when `sender` carries the sending process's kernel pid, any other sender
+// is ignored and logged, so that no local user can make another process
+// somebody's login. Returns 0 (also when the report was ignored), or 1 when
+// memory ran out.
+struct TevInquiry;
+struct TransactionHeader;
+int quor_login_info(const TransactionHeader& header, const TevInquiry& sender);

@@ -25,6 +25,7 @@ UserEntry& quor_user_new() { return quor_users().emplace_front(); }
 int quor_user_remove(UserEntry* entry) {
   if (entry == nullptr) return 3;
   quor_terminate_pid(entry->login_pid);
+  quor_children_forget_user(entry);
   quor_users().remove_if([entry](const UserEntry& e) { return &e == entry; });
   return 0;
 }

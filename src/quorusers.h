@@ -44,7 +44,8 @@ UserTable& quor_users();
 // A new, empty entry at the front.
 UserEntry& quor_user_new();
 
-// Stops the entry's login process and removes the entry. 0, or 3 for none.
+// Stops the entry's login process and removes the entry; transactions that
+// ran for it keep no reference to it. 0, or 3 for none.
 int quor_user_remove(UserEntry* entry);
 
 // The active entry of the header's user and node. A login in progress is

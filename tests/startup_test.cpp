@@ -363,11 +363,15 @@ std::vector<std::uint8_t> status_request_from(const std::string& user, const std
 }
 
 TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
+  REQUIRE_ROOT();  // the restored users' login programs run as "nobody"
   std::time_t before = std::time(nullptr) - 100;
   std::string local = mo_nodename();
   Daemon d(
       [&](const fs::path& root) {
         write(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
+        // Each restored user gets a login program, which the account must be
+        // able to reach; a user whose program ended would be swept out.
+        fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
         testutil::EnvGuard env("MOXGLBL0000", root.string());
         for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
           UserEntry& e = quor_user_new();
@@ -380,7 +384,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<std::string> full = d.status("F");
   ASSERT_GE(full.size(), 8u);
-  EXPECT_EQ(full[4], "    2 users logged into quor\n");
+  EXPECT_EQ(full[4], "    2 users logged into quor\n") << d.output();
   EXPECT_NE(std::find(full.begin(), full.end(), "    User ann from node far logged in as nobody.\n"), full.end());
 
   TevClient client;
@@ -394,6 +398,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   ASSERT_EQ(quor_users_load(), 0);
   std::map<std::string, std::time_t> activity;
   for (const UserEntry& e : quor_users()) activity[e.user_name] = e.last_activity;
+  quor_users_stop_all();  // loading started a login program for each
   quor_users().clear();
   while (waitpid(-1, nullptr, WNOHANG) > 0) {
   }

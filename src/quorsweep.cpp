@@ -1,0 +1,116 @@
+#include "quorsweep.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "quorconfig.h"
+#include "quorkids.h"
+#include "quorusers.h"
+
+namespace {
+
+// A non-blocking reap of `pid`.
+struct Reap {
+  pid_t result = 0;  // waitpid's result
+  int status = 0;    // its status when result > 0
+  bool error = false;
+
+  explicit Reap(pid_t pid) {
+    result = waitpid(pid, &status, WNOHANG);
+    error = result == -1 && errno != ECHILD;
+  }
+  // The process has ended and been reaped, here or before.
+  bool gone() const { return result > 0 || (result == -1 && !error); }
+  bool clean_exit() const { return result > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
+};
+
+// Removes a user whose login process has already been reaped: there is
+// nothing left to stop, and its pid may already belong to someone else.
+void remove_ended_user(UserEntry* user) {
+  user->login_pid = 0;
+  quor_user_remove(user);
+}
+
+// What the end of an agent means for its transaction's user: a login agent
+// that failed means a failed login; a logoff agent that ended completes the
+// logoff. A login agent that ended cleanly keeps its entry for the login
+// report that follows.
+void agent_ended(ChildEntry& child, const Reap& reap) {
+  if (child.kind == 2) {
+    if (!reap.clean_exit()) {
+      if (child.user != nullptr) quor_user_remove(child.user);
+    } else if ((child.flags & kChildNoKeep) == 0) {
+      child.flags = kChildKept;
+    }
+  } else if (child.kind == 3 && child.user != nullptr) {
+    quor_user_remove(child.user);
+  }
+}
+
+// An agent running longer than the transaction time-out gets SIGTERM. An
+// entry kept after its agent was reaped has no process left to stop.
+void enforce_timeout(const ChildEntry& child, std::time_t now) {
+  std::int32_t timeout = quor_config().transaction_timeout;
+  if (timeout < 1 || (child.flags & (kChildNoTimeout | kChildKept)) != 0) return;
+  if (now - child.created > timeout && child.agent_pid >= 2) kill(child.agent_pid, SIGTERM);
+}
+
+void sweep_agents() {
+  ChildTable& table = quor_children();
+  std::time_t now = std::time(nullptr);
+  for (auto it = table.begin(); it != table.end();) {
+    ChildEntry& child = *it;
+    if (child.agent_pid == -1) {
+      it = quor_child_erase(it);
+      continue;
+    }
+    if (child.agent_pid > 0 && (child.flags & (kChildRunning | kChildNoKeep)) != 0) {
+      Reap reap(child.agent_pid);
+      if (reap.result > 0) agent_ended(child, reap);
+      if (reap.gone() && (child.flags & kChildKept) == 0) {
+        it = quor_child_erase(it);
+        continue;
+      }
+    }
+    enforce_timeout(child, now);
+    ++it;
+  }
+}
+
+void sweep_default_login() {
+  QuorConfig& config = quor_config();
+  if (config.login_required != 0 || config.default_login_child < 1) return;
+  if (Reap(config.default_login_child).gone()) config.default_login_child = 0;
+}
+
+void sweep_login_processes() {
+  UserTable& users = quor_users();
+  for (auto it = users.begin(); it != users.end();) {
+    UserEntry& user = *it++;
+    if (user.login_pid >= 1 && Reap(user.login_pid).gone()) remove_ended_user(&user);
+  }
+}
+
+void sweep_idle_users() {
+  std::int32_t timeout = quor_config().login_timeout;
+  if (timeout <= 0) return;
+  std::time_t now = std::time(nullptr);
+  UserTable& users = quor_users();
+  for (auto it = users.begin(); it != users.end();) {
+    UserEntry& user = *it++;
+    if (user.last_activity != 0 && now - user.last_activity > timeout) quor_user_remove(&user);
+  }
+}
+
+}  // namespace
+
+void quor_garbage_collect(int /*why*/) {
+  sweep_agents();
+  sweep_default_login();
+  sweep_login_processes();
+  sweep_idle_users();
+  quor_reap_disowned();
+}
