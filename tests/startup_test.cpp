@@ -271,6 +271,23 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   EXPECT_TRUE(d.alive());
 }
 
+// The processes named `name` whose parent is `parent`: the running ones, or
+// with `zombies` the ended ones that nobody has reaped yet.
+std::vector<pid_t> children_of(pid_t parent, std::string_view name, bool zombies = false) {
+  std::vector<pid_t> found;
+  for (const auto& e : fs::directory_iterator("/proc")) {
+    std::string stat = read_file(e.path() / "stat");
+    std::size_t paren = stat.rfind(')');
+    if (stat.find("(" + std::string(name) + ")") == std::string::npos || paren == std::string::npos) continue;
+    int ppid = 0;
+    char state = 0;
+    if (std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) == 2 && ppid == parent &&
+        (state == 'Z') == zombies)
+      found.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
+  }
+  return found;
+}
+
 // The login program of the default login user runs while logins are not
 // required and is stopped at shutdown.
 TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
@@ -286,19 +303,7 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
       {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
 
-  auto login_programs = [&] {
-    std::vector<pid_t> found;
-    for (const auto& e : fs::directory_iterator("/proc")) {
-      std::string stat = read_file(e.path() / "stat");
-      std::size_t paren = stat.rfind(')');
-      if (stat.find("(quoruserpgm)") == std::string::npos || paren == std::string::npos) continue;
-      int ppid = 0;
-      char state = 0;
-      if (std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) == 2 && ppid == d.pid() && state != 'Z')
-        found.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
-    }
-    return found;
-  };
+  auto login_programs = [&] { return children_of(d.pid(), "quoruserpgm"); };
   std::vector<pid_t> running;
   for (int i = 0; i < 100 && running.empty(); ++i) {
     running = login_programs();
@@ -405,6 +410,53 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   ASSERT_EQ(activity.size(), 2u);
   EXPECT_GE(activity["ann"], before + 100);
   EXPECT_EQ(activity["bob"], before);
+}
+
+}  // namespace
+
+namespace {
+
+// CLEANUP is answered with nothing and does the sweep at once: a restored
+// user whose login program ended is logged out and the program reaped
+// before any other request comes.
+TEST(Cleanup, ReapsAnEndedLoginProgramAndLogsItsUserOut) {
+  REQUIRE_ROOT();  // the login program runs as "nobody"
+  Daemon d(
+      [](const fs::path& root) {
+        fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
+        testutil::EnvGuard env("MOXGLBL0000", root.string());
+        quor_user_new() = UserEntry{"ann", "far", "nobody", "65534", std::time(nullptr), 0};
+        ASSERT_EQ(quor_users_save(), 0);
+        quor_users().clear();
+      },
+      {});
+  ASSERT_TRUE(d.wait_ready()) << d.output();
+  std::vector<pid_t> programs;
+  for (int i = 0; i < 100 && programs.empty(); ++i) {
+    programs = children_of(d.pid(), "quoruserpgm");
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ASSERT_EQ(programs.size(), 1u) << d.output();
+  kill(programs[0], SIGKILL);
+  for (int i = 0; i < 100 && children_of(d.pid(), "quoruserpgm", true).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_EQ(children_of(d.pid(), "quoruserpgm", true), programs) << "the killed program is not a zombie";
+
+  {
+    TevClient client;  // one client per process at a time
+    TevCallResult r = client.call(kServerName, Daemon::request("C"), 300);
+    EXPECT_TRUE(r.replies.empty()) << "CLEANUP was answered";
+  }
+  for (int i = 0; i < 100 && !children_of(d.pid(), "quoruserpgm", true).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_TRUE(children_of(d.pid(), "quoruserpgm", true).empty()) << "CLEANUP left the zombie";
+  std::vector<std::string> brief = d.status("B");
+  ASSERT_GE(brief.size(), 5u) << d.output();
+  EXPECT_EQ(brief[4], "    0 users logged into quor\n");
+  EXPECT_NE(d.output().find("message type CLEANUP"), std::string::npos) << d.output();
+  TevClient client;
+  client.call(kServerName, Daemon::request("T"), 0, false);
+  EXPECT_EQ(d.wait_exit(), 0) << d.output();
 }
 
 }  // namespace

@@ -1,0 +1,226 @@
+// Finding transactions by client and by agent, and the login report
+// (LOGININFO) sent by real agent processes through the real transport.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core_util.h"
+#include "momsg.h"
+#include "quorconfig.h"
+#include "quordaemon.h"
+#include "quorkids.h"
+#include "quortupgm.h"
+#include "quorusers.h"
+#include "tev.h"
+#include "tev_client.h"
+
+using testutil::EnvGuard;
+using testutil::TempDir;
+
+namespace {
+
+TransactionHeader from(std::string pid, std::string node) {
+  TransactionHeader h;
+  h.pid = std::move(pid);
+  h.node = std::move(node);
+  return h;
+}
+
+class ChildLookup : public ::testing::Test {
+ protected:
+  void TearDown() override { quor_children().clear(); }
+};
+
+// By client: pid and node must both match and the flags must share a bit
+// with the mask; a new entry is not found as a continuing one, so a second
+// first buffer makes a second transaction.
+TEST_F(ChildLookup, ByClient) {
+  ChildEntry* first = quor_child_find(from("42", "far"), kChildContinuing, false);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->flags, kChildNew);
+  EXPECT_EQ(first->client_pid, "42");
+  EXPECT_EQ(first->client_node, "far");
+  EXPECT_EQ(quor_child_find(from("42", "far"), kChildContinuing, true), nullptr);
+  EXPECT_EQ(quor_child_find(from("42", "far"), kChildNew, true), first);
+  ChildEntry* second = quor_child_find(from("42", "far"), kChildContinuing, false);
+  EXPECT_NE(second, first);
+  EXPECT_EQ(quor_child_count(), 2);
+
+  first->flags = kChildContinuing;
+  EXPECT_EQ(quor_child_find(from("42", "far"), kChildContinuing, true), first);
+  EXPECT_EQ(quor_child_find(from("042", "far"), kChildContinuing, true), nullptr) << "client pids are text";
+  EXPECT_EQ(quor_child_find(from("42", "near"), kChildContinuing, true), nullptr);
+}
+
+// By agent: the pid is read as a number, the node must be this host, and
+// the flags must share a bit with the mask.
+TEST_F(ChildLookup, ByAgent) {
+  const std::string local = mo_nodename();
+  ChildEntry& running = quor_child_new();
+  running.agent_pid = 123;
+  running.flags = kChildRunning;
+  ChildEntry& kept = quor_child_new();
+  kept.agent_pid = 456;
+  kept.flags = kChildKept;
+  const std::uint32_t mask = kChildRunning | kChildKept;
+  for (const char* pid : {"123", "0123", " +123"}) EXPECT_EQ(quor_child_find_agent(from(pid, local), mask), &running) << pid;
+  EXPECT_EQ(quor_child_find_agent(from("456", local), mask), &kept);
+  EXPECT_EQ(quor_child_find_agent(from("456", local), kChildRunning), nullptr);
+  EXPECT_EQ(quor_child_find_agent(from("123", local + "x"), mask), nullptr);
+  for (const char* pid : {"", "x123", "-123", "99999999999999999999"})
+    EXPECT_EQ(quor_child_find_agent(from(pid, local), mask), nullptr) << pid;
+  EXPECT_EQ(quor_child_count(), 2);
+}
+
+// A login report as an agent sends it: the daemon's own header writer, with
+// "PID" naming `named` and "USR" the account.
+std::vector<std::uint8_t> login_report(pid_t named, const std::string& account) {
+  std::array<char, BUFFER_MAX> buf{};
+  OutBuf out(buf);
+  TransactionHeader h;
+  tran_header_fill("I", "N", h);
+  h.pid = std::to_string(named);
+  h.user = account;
+  tran_header_write(h, out);
+  quor_trl_put("N", out);
+  std::size_t length = out.pos;
+  quor_wire_seal(buf, length);
+  return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
+}
+
+// Sends a login report to the test's server and exits.
+int send_report(pid_t named, const std::string& account) {
+  TevClient client;
+  return client.call("TEST.LOGIN", login_report(named, account), 0, false).rc == 0 ? 0 : 1;
+}
+
+// The receiving side of a daemon registered in the test process: each
+// report is received and dispatched as the receive loop does.
+class LoginReport : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(quor_tev_register(loop_.conn.local, loop_.conn.fb, "TEST.LOGIN"), 0); }
+  void TearDown() override {
+    quor_tev_deregister(loop_.conn.local, loop_.conn.fb);
+    for (pid_t pid : agents_)
+      if (waitpid(pid, nullptr, WNOHANG) == 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+    quor_reap_disowned();
+    quor_children().clear();
+    quor_users().clear();
+  }
+
+  // An agent process of a pending login for `user`: `body` runs in it, and
+  // it then waits to be stopped, as a login process does.
+  template <class Body>
+  ChildEntry& login_agent(UserEntry& user, Body body) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      body();
+      for (;;) pause();
+    }
+    agents_.push_back(pid);
+    ChildEntry& child = quor_child_new();
+    child.agent_pid = pid;
+    child.kind = 2;
+    child.flags = kChildRunning;
+    child.user = &user;
+    return child;
+  }
+  static UserEntry& pending(std::string name) {
+    UserEntry& u = quor_user_new();
+    u.user_name = std::move(name);
+    u.node_name = "far";
+    return u;
+  }
+  // Receives one report and serves it.
+  void serve() {
+    loop_.buffer.fill(0);
+    ASSERT_EQ(quor_tev_receive(loop_.conn, loop_.buffer), 0) << loop_.conn.fb.FB_ErrorText;
+    quor_dispatch(loop_);
+  }
+  std::string log() const { return testutil::read_file(dir_.path() / "quor/log/quordaemon.log"); }
+
+  TempDir dir_;
+  EnvGuard tev_{"TEV_DIR", dir_.str()};
+  EnvGuard root_{"MOXGLBL0000", dir_.str()};
+  DaemonLoop loop_;
+  std::vector<pid_t> agents_;
+};
+
+// The agent's own report completes the login: the account, its group, the
+// activity time, and the agent as the login process; the transaction ends.
+// A report from a process the agent started counts as the agent's.
+TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
+  UserEntry& ann = pending("ann");
+  ChildEntry& ann_agent = login_agent(ann, [] { send_report(getpid(), "acct"); });
+  pid_t ann_pid = ann_agent.agent_pid;
+  serve();
+  EXPECT_EQ(ann.login_name, "acct");
+  EXPECT_EQ(ann.group_id, std::to_string(getgid()));
+  EXPECT_GE(ann.last_activity, std::time(nullptr) - 5);
+  EXPECT_EQ(ann.login_pid, ann_pid);
+  EXPECT_EQ(quor_child_count(), 0);
+
+  UserEntry& bob = pending("bob");
+  login_agent(bob, [] {
+    pid_t agent = getpid();
+    if (fork() == 0) _exit(send_report(agent, "other"));
+    wait(nullptr);
+  });
+  serve();
+  EXPECT_EQ(bob.login_name, "other");
+  EXPECT_EQ(quor_child_count(), 0);
+  EXPECT_EQ(log().find("QUOR0300"), std::string::npos) << log();
+}
+
+// A report naming an agent but sent by anyone else (here the agent's parent)
+// is ignored and logged; so is one naming a process that is no login agent.
+TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
+  UserEntry& ann = pending("ann");
+  ChildEntry& agent = login_agent(ann, [] {});
+  pid_t sender = fork();
+  if (sender == 0) _exit(send_report(agent.agent_pid, "root"));
+  ASSERT_EQ(waitpid(sender, nullptr, 0), sender);
+  serve();
+  EXPECT_EQ(ann.login_name, "");
+  EXPECT_EQ(ann.login_pid, 0);
+  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
+  EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + " sent by process " + std::to_string(sender)),
+            std::string::npos)
+      << log();
+
+  pid_t stranger = fork();
+  if (stranger == 0) _exit(send_report(getpid(), "root"));
+  ASSERT_EQ(waitpid(stranger, nullptr, 0), stranger);
+  serve();
+  EXPECT_EQ(ann.login_name, "");
+  EXPECT_EQ(quor_user_count(), 1);
+}
+
+// A second report for a logged-in user under another account stops the
+// previous login process; under the same account it is left running and
+// only no longer recorded (it is reaped by a sweep once it ends).
+TEST_F(LoginReport, ASecondReportReplacesTheLoginProcess) {
+  UserEntry& ann = pending("ann");
+  login_agent(ann, [] { send_report(getpid(), "acct"); });
+  serve();
+  pid_t first = ann.login_pid;
+
+  login_agent(ann, [] { send_report(getpid(), "acct"); });
+  serve();
+  pid_t second = ann.login_pid;
+  EXPECT_NE(second, first);
+  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
+  EXPECT_EQ(quor_disowned_count(), 1);
+
+  login_agent(ann, [] { send_report(getpid(), "changed"); });
+  serve();  // stops the second process: one second
+  EXPECT_EQ(ann.login_name, "changed");
+  EXPECT_NE(ann.login_pid, second);
+  EXPECT_NE(waitpid(second, nullptr, WNOHANG), 0) << "the other account's process is still running";
+}
+
+}  // namespace

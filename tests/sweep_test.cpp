@@ -1,0 +1,345 @@
+// The garbage-collection sweep with real child processes: what happens to
+// agents, login programs and users when their processes end, overdue
+// agents, idle users, and that nothing is left behind.
+#include <gtest/gtest.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "core_util.h"
+#include "quorconfig.h"
+#include "quorkids.h"
+#include "quorsweep.h"
+#include "quorusers.h"
+
+namespace {
+
+int g_term_fd = -1;  // where a counting child reports each SIGTERM
+
+void count_term(int) {
+  char c = 't';
+  (void)!write(g_term_fd, &c, 1);
+}
+
+// Blocks until `pid` has ended, leaving it to be reaped.
+void wait_ended(pid_t pid) {
+  siginfo_t info{};
+  waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+}
+
+// `pid` has ended but nobody has reaped it.
+bool zombie(pid_t pid) {
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+}
+
+// `pid` is still one of our children, running or not yet reaped.
+bool ours(pid_t pid) {
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// Bytes that arrive on `fd` within `ms` milliseconds, up to `most`.
+int bytes_within(int fd, int most, int ms) {
+  int n = 0;
+  char c;
+  pollfd readable{fd, POLLIN, 0};
+  while (n < most && poll(&readable, 1, ms) == 1 && read(fd, &c, 1) == 1) ++n;
+  return n;
+}
+
+class Sweep : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    // Only children not reaped yet: a reaped pid may be someone else's now.
+    for (pid_t pid : started_)
+      if (ours(pid)) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+    for (int fd : pipes_) close(fd);
+    quor_reap_disowned();
+    quor_children().clear();
+    quor_users().clear();
+    quor_config() = QuorConfig{};
+  }
+
+  pid_t start(std::function<int()> body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    started_.push_back(pid);
+    return pid;
+  }
+  // A child that has already exited with `status`.
+  pid_t exited(int status) {
+    pid_t pid = start([status] { return status; });
+    wait_ended(pid);
+    return pid;
+  }
+  // A child that runs until a signal ends it.
+  pid_t waiting() {
+    return start([] {
+      for (;;) pause();
+      return 0;
+    });
+  }
+  // A child that handles SIGTERM with `handler` (it writes to the pipe
+  // given in g_term_fd) and then waits for signals; it is ready when this
+  // returns. Returns the pid and the reading end of the pipe.
+  std::pair<pid_t, int> handling_term(void (*handler)(int)) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    pid_t pid = start([fds, handler] {
+      g_term_fd = fds[1];
+      signal(SIGTERM, handler);
+      char ready = 'r';
+      (void)!write(fds[1], &ready, 1);
+      for (;;) pause();
+      return 0;
+    });
+    close(fds[1]);
+    pipes_.push_back(fds[0]);
+    EXPECT_EQ(bytes_within(fds[0], 1, 5000), 1);
+    return {pid, fds[0]};
+  }
+  // A child that survives SIGTERM and writes a byte for each one.
+  std::pair<pid_t, int> counting() { return handling_term(count_term); }
+
+  static ChildEntry& agent(pid_t pid, int kind, std::uint32_t flags = kChildRunning, UserEntry* user = nullptr) {
+    ChildEntry& e = quor_child_new();
+    e.agent_pid = pid;
+    e.kind = kind;
+    e.flags = flags;
+    e.user = user;
+    return e;
+  }
+  static UserEntry& user(std::string name, std::time_t activity = 0, pid_t login = 0) {
+    UserEntry& u = quor_user_new();
+    u.user_name = std::move(name);
+    u.node_name = "far";
+    u.last_activity = activity;
+    u.login_pid = login;
+    return u;
+  }
+  static bool has_user(const std::string& name) {
+    for (const UserEntry& u : quor_users())
+      if (u.user_name == name) return true;
+    return false;
+  }
+  static bool has_agent(pid_t pid) {
+    for (const ChildEntry& c : quor_children())
+      if (c.agent_pid == pid) return true;
+    return false;
+  }
+
+  std::vector<pid_t> started_;
+  std::vector<int> pipes_;
+};
+
+// Login agents: a clean exit keeps the entry (flags exactly 0x10) for the
+// login report and keeps the user; a failure or a signal logs the user out.
+// 0x20 keeps an entry from being kept. A logoff agent's end logs its user
+// out and stops the login program; a service agent's end touches no user.
+TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsUser) {
+  pid_t ok = exited(0), failed = exited(3), no_keep = exited(0), logoff = exited(0), service = exited(5);
+  pid_t killed = waiting(), login = waiting();
+  kill(killed, SIGKILL);
+  wait_ended(killed);
+  agent(ok, 2, kChildRunning, &user("ok"));
+  agent(failed, 2, kChildRunning, &user("failed"));
+  agent(killed, 2, kChildRunning, &user("killed"));
+  agent(no_keep, 2, kChildRunning | kChildNoKeep, &user("no_keep"));
+  agent(logoff, 3, kChildRunning, &user("leaving", 1000, login));
+  agent(service, 1, kChildRunning, &user("service", 1000));
+
+  quor_garbage_collect(0);
+
+  ASSERT_EQ(quor_child_count(), 1);
+  EXPECT_EQ(quor_children().front().agent_pid, ok);
+  EXPECT_EQ(quor_children().front().flags, kChildKept);
+  EXPECT_TRUE(has_user("ok"));
+  EXPECT_TRUE(has_user("no_keep"));
+  EXPECT_TRUE(has_user("service"));
+  EXPECT_FALSE(has_user("failed"));
+  EXPECT_FALSE(has_user("killed"));
+  EXPECT_FALSE(has_user("leaving"));
+  EXPECT_FALSE(ours(login)) << "the logged-off user's login program was not stopped and reaped";
+  for (pid_t pid : {ok, failed, killed, no_keep, logoff, service}) EXPECT_FALSE(ours(pid)) << pid;
+
+  // The kept entry is not reaped again, and stays until its report comes.
+  quor_garbage_collect(1);
+  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_TRUE(has_user("ok"));
+}
+
+// Only entries marked running (0x04) or reapable (0x20) are reaped; a failed
+// start (pid -1) is dropped with its segment; an entry without a start
+// attempt stays.
+TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
+  pid_t unmarked = exited(0), marked = exited(0);
+  agent(unmarked, 1, kChildContinuing);
+  agent(marked, 1, kChildNoKeep);
+  int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  ASSERT_NE(shm, -1);
+  agent(-1, 0, kChildContinuing).shm_id = shm;
+  agent(0, 0, kChildNew);
+
+  quor_garbage_collect(0);
+
+  EXPECT_TRUE(has_agent(unmarked));
+  EXPECT_TRUE(zombie(unmarked)) << "an unmarked agent was reaped";
+  EXPECT_FALSE(has_agent(marked));
+  EXPECT_FALSE(ours(marked));
+  EXPECT_FALSE(has_agent(-1));
+  shmid_ds ds{};
+  EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment of a failed start was left behind";
+  EXPECT_TRUE(has_agent(0));
+  EXPECT_EQ(quor_child_count(), 2);
+}
+
+// An agent older than the transaction time-out gets SIGTERM on every sweep
+// until it ends; a young one, an exempt one (0x40) and every agent under a
+// time-out of 0 never do.
+TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
+  quor_config().transaction_timeout = 5;
+  auto [overdue, overdue_terms] = counting();
+  auto [young, young_terms] = counting();
+  auto [exempt, exempt_terms] = counting();
+  agent(overdue, 1).created -= 6;
+  agent(young, 1).created -= 2;
+  agent(exempt, 1, kChildRunning | kChildNoTimeout).created -= 100;
+
+  for (int sweep = 1; sweep <= 3; ++sweep) {
+    quor_garbage_collect(0);
+    EXPECT_EQ(bytes_within(overdue_terms, 1, 5000), 1) << "sweep " << sweep;
+  }
+  EXPECT_EQ(bytes_within(young_terms, 1, 200), 0);
+  EXPECT_EQ(bytes_within(exempt_terms, 1, 0), 0);
+  EXPECT_EQ(quor_child_count(), 3) << "a signalled agent stays until it has ended";
+
+  quor_config().transaction_timeout = 0;
+  for (ChildEntry& c : quor_children()) c.created -= 1000;
+  quor_garbage_collect(0);
+  EXPECT_EQ(bytes_within(overdue_terms, 1, 200), 0);
+  EXPECT_EQ(bytes_within(young_terms, 1, 0), 0);
+
+  kill(overdue, SIGKILL);
+  wait_ended(overdue);
+  quor_garbage_collect(0);
+  EXPECT_FALSE(has_agent(overdue));
+  EXPECT_FALSE(ours(overdue));
+}
+
+// A login agent that ended cleanly has been reaped: its pid is no longer
+// ours to signal, however old the entry gets.
+TEST_F(Sweep, AKeptEntryIsNeverSignalled) {
+  quor_config().transaction_timeout = 1;
+  auto [pid, terms] = counting();
+  ChildEntry& kept = agent(pid, 2, kChildKept, &user("waiting"));
+  kept.created -= 100;
+  quor_garbage_collect(0);
+  EXPECT_EQ(bytes_within(terms, 1, 200), 0);
+  EXPECT_EQ(quor_child_count(), 1);
+}
+
+// Users whose login program ended are logged out, and the transactions that
+// ran for them forget them; the default login program's pid is cleared when
+// it ends; idle users are logged out after the login time-out, users with
+// no activity time never.
+TEST_F(Sweep, LoginProgramsAndIdleUsers) {
+  std::time_t now = std::time(nullptr);
+  pid_t ended = exited(0), running = waiting(), default_login = exited(0);
+  UserEntry& gone = user("gone", now, ended);
+  ChildEntry& transaction = agent(waiting(), 1, kChildRunning, &gone);
+  user("running", now, running);
+  user("idle", now - 61);
+  user("recent", now - 30);
+  user("pending", 0);
+  quor_config().login_timeout = 60;
+  quor_config().login_required = 0;
+  quor_config().default_login_child = default_login;
+
+  quor_garbage_collect(0);
+
+  EXPECT_FALSE(has_user("gone"));
+  EXPECT_EQ(transaction.user, nullptr);
+  EXPECT_FALSE(ours(ended));
+  EXPECT_TRUE(has_user("running"));
+  EXPECT_FALSE(has_user("idle"));
+  EXPECT_TRUE(has_user("recent"));
+  EXPECT_TRUE(has_user("pending"));
+  EXPECT_EQ(quor_config().default_login_child, 0);
+  EXPECT_FALSE(ours(default_login));
+
+  // Without a time-out nobody is idle; with logins required there is no
+  // default login program to look after.
+  user("ancient", now - 1000000);
+  quor_config().login_timeout = 0;
+  quor_config().login_required = 1;
+  quor_config().default_login_child = exited(0);
+  quor_garbage_collect(0);
+  EXPECT_TRUE(has_user("ancient"));
+  EXPECT_NE(quor_config().default_login_child, 0);
+}
+
+// A process the daemon stopped but that outlived the one-second grace, or a
+// login program that is no longer recorded, is reaped by the first sweep
+// after it ends.
+TEST_F(Sweep, ProcessesNoTableTracksAreReapedOnceTheyEnd) {
+  pid_t stubborn = counting().first;
+  pid_t replaced = waiting();
+  quor_terminate_pid(stubborn);
+  quor_child_disown(replaced);
+  EXPECT_EQ(quor_disowned_count(), 2);
+  quor_garbage_collect(0);
+  EXPECT_EQ(quor_disowned_count(), 2) << "running processes were dropped";
+
+  kill(stubborn, SIGKILL);
+  kill(replaced, SIGTERM);
+  wait_ended(stubborn);
+  wait_ended(replaced);
+  quor_garbage_collect(0);
+  EXPECT_EQ(quor_disowned_count(), 0);
+  EXPECT_FALSE(ours(stubborn));
+  EXPECT_FALSE(ours(replaced));
+}
+
+// A thousand agents, half started and ended (each removing the segment it
+// was handed, as agents do), half failed to start with their segment still
+// the daemon's: one sweep leaves no process, no entry and no segment.
+TEST_F(Sweep, AThousandAgentsLeaveNothingBehind) {
+  std::vector<int> segments;
+  for (int i = 0; i < 1000; ++i) {
+    int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+    ASSERT_NE(shm, -1) << "segment " << i;
+    segments.push_back(shm);
+    if (i % 2 == 0) {
+      ChildEntry& e = agent(-1, 0, kChildContinuing);
+      e.shm_id = shm;
+      continue;
+    }
+    agent(start([shm] { return shmctl(shm, IPC_RMID, nullptr) == 0 ? 0 : 1; }), 1).shm_id = shm;
+  }
+  for (const ChildEntry& c : quor_children())
+    if (c.agent_pid > 0) wait_ended(c.agent_pid);
+
+  quor_garbage_collect(0);
+
+  EXPECT_EQ(quor_child_count(), 0);
+  siginfo_t info{};
+  EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), -1) << "a child process is left";
+  int left = 0;
+  for (int shm : segments) {
+    shmid_ds ds{};
+    if (shmctl(shm, IPC_STAT, &ds) == 0) {
+      ++left;
+      shmctl(shm, IPC_RMID, nullptr);
+    }
+  }
+  EXPECT_EQ(left, 0) << "shared memory segments left behind";
+}
+
+}  // namespace
