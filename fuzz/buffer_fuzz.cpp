@@ -5,7 +5,9 @@
 #include <cstring>
 #include <vector>
 
+#include "momsg.h"
 #include "quorenvd.h"
+#include "quorkids.h"
 #include "quortev.h"
 #include "quortran.h"
 #include "quortrl.h"
@@ -29,6 +31,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       (void)buf_get_items(in, *at, values, names);
     }
   }
+
+  // A login report names its agent by a pid in text: only agent 123 of this
+  // host may match, and only by a "PID" that reads as 123.
+  static ChildEntry& agent = [] () -> ChildEntry& {
+    ChildEntry& e = quor_child_new();
+    e.agent_pid = 123;
+    e.flags = kChildRunning;
+    return e;
+  }();
+  if (quor_child_find_agent(tran, kChildRunning | kChildKept) == &agent &&
+      (tran.node != mo_nodename() || tran.pid.find("123") == std::string::npos))
+    __builtin_trap();
 
   // The client's date format and language become environment entries.
   if (auto env = quor_env_read(in)) {
