@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <vector>
@@ -113,11 +114,15 @@ void quor_reap_disowned() { std::erase_if(disowned(), reaped); }
 
 int quor_disowned_count() { return static_cast<int>(disowned().size()); }
 
-void quor_terminate_pid(pid_t pid) {
-  if (pid <= 0) return;
-  kill(pid, SIGTERM);
+void quor_terminate_pid(pid_t pid) { quor_terminate_pids(std::span(&pid, 1)); }
+
+void quor_terminate_pids(std::span<const pid_t> pids) {
+  if (std::none_of(pids.begin(), pids.end(), [](pid_t pid) { return pid > 0; })) return;
+  for (pid_t pid : pids)
+    if (pid > 0) kill(pid, SIGTERM);
   sleep(1);
-  if (!reaped(pid)) quor_child_disown(pid);
+  for (pid_t pid : pids)
+    if (pid > 0 && !reaped(pid)) quor_child_disown(pid);
 }
 
 void quor_children_kill_all() {

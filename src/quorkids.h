@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
+#include <span>
 #include <string>
 
 #include "quorutl.h"
@@ -77,6 +78,10 @@ void quor_children_drop_idle();
 // SIGTERM, one second, non-blocking reap. Nothing for pids below 1. A
 // process still running after that is disowned (below).
 void quor_terminate_pid(pid_t pid);
+
+// quor_terminate_pid for several processes at once: they share the one
+// second, so stopping many takes no longer than stopping one.
+void quor_terminate_pids(std::span<const pid_t> pids);
 
 // Children no table tracks any more (stopped ones that had not ended yet,
 // replaced login processes) are reaped by the sweep once they end, so none

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <vector>
 
 #include "quorconfig.h"
 #include "quorkids.h"
@@ -27,8 +28,8 @@ struct Reap {
   bool clean_exit() const { return result > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 };
 
-// Removes a user whose login process has already been reaped: there is
-// nothing left to stop, and its pid may already belong to someone else.
+// Removes a user whose login process has already been stopped or reaped:
+// there is nothing left to stop, and its pid may belong to someone else.
 void remove_ended_user(UserEntry* user) {
   user->login_pid = 0;
   quor_user_remove(user);
@@ -94,15 +95,21 @@ void sweep_login_processes() {
   }
 }
 
+// Idle users are logged out together: their login programs are stopped in
+// one go, so many users timing out at once cost one second, not one each.
 void sweep_idle_users() {
   std::int32_t timeout = quor_config().login_timeout;
   if (timeout <= 0) return;
   std::time_t now = std::time(nullptr);
-  UserTable& users = quor_users();
-  for (auto it = users.begin(); it != users.end();) {
-    UserEntry& user = *it++;
-    if (user.last_activity != 0 && now - user.last_activity > timeout) quor_user_remove(&user);
-  }
+  std::vector<UserEntry*> idle;
+  std::vector<pid_t> programs;
+  for (UserEntry& user : quor_users())
+    if (user.last_activity != 0 && now - user.last_activity > timeout) {
+      idle.push_back(&user);
+      programs.push_back(user.login_pid);
+    }
+  quor_terminate_pids(programs);
+  for (UserEntry* user : idle) remove_ended_user(user);
 }
 
 }  // namespace

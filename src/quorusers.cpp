@@ -58,7 +58,9 @@ UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
 int quor_user_count() { return static_cast<int>(quor_users().size()); }
 
 void quor_users_stop_all() {
-  for (const UserEntry& user : quor_users()) quor_terminate_pid(user.login_pid);
+  std::vector<pid_t> pids;
+  for (const UserEntry& user : quor_users()) pids.push_back(user.login_pid);
+  quor_terminate_pids(pids);
 }
 
 std::string quor_users_path() { return quor_install_root() + "/tmp/quor.sav"; }

@@ -57,8 +57,8 @@ UserEntry* quor_user_find(const TransactionHeader& header, bool no_create);
 
 int quor_user_count();
 
-// Stops every user's login process (SIGTERM, one second, non-blocking
-// reap), in table order; the entries stay.
+// Stops every user's login process (SIGTERM to each in table order, one
+// second for all, non-blocking reaps); the entries stay.
 void quor_users_stop_all();
 
 // <root>/tmp/quor.sav

@@ -1,6 +1,7 @@
 // Finding transactions by client and by agent, and the login report
 // (LOGININFO) sent by real agent processes through the real transport.
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -164,10 +165,14 @@ TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
   EXPECT_EQ(quor_child_count(), 0);
 
   UserEntry& bob = pending("bob");
+  // The child stays (until the agent ends) so that its ancestry can be read.
   login_agent(bob, [] {
     pid_t agent = getpid();
-    if (fork() == 0) _exit(send_report(agent, "other"));
-    wait(nullptr);
+    if (fork() == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      send_report(agent, "other");
+      for (;;) pause();
+    }
   });
   serve();
   EXPECT_EQ(bob.login_name, "other");

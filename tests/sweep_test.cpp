@@ -255,7 +255,9 @@ TEST_F(Sweep, LoginProgramsAndIdleUsers) {
   UserEntry& gone = user("gone", now, ended);
   ChildEntry& transaction = agent(waiting(), 1, kChildRunning, &gone);
   user("running", now, running);
-  user("idle", now - 61);
+  pid_t idle_program = waiting(), other_idle_program = waiting();
+  user("idle", now - 61, idle_program);
+  user("also idle", now - 3600, other_idle_program);
   user("recent", now - 30);
   user("pending", 0);
   quor_config().login_timeout = 60;
@@ -269,6 +271,9 @@ TEST_F(Sweep, LoginProgramsAndIdleUsers) {
   EXPECT_FALSE(ours(ended));
   EXPECT_TRUE(has_user("running"));
   EXPECT_FALSE(has_user("idle"));
+  EXPECT_FALSE(has_user("also idle"));
+  EXPECT_FALSE(ours(idle_program)) << "an idle user's login program was not stopped";
+  EXPECT_FALSE(ours(other_idle_program));
   EXPECT_TRUE(has_user("recent"));
   EXPECT_TRUE(has_user("pending"));
   EXPECT_EQ(quor_config().default_login_child, 0);
