@@ -10,12 +10,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "quortev.h"
 #include "quortran.h"
 #include "quortrl.h"
 #include "quorutl.h"
@@ -83,6 +85,22 @@ inline std::array<char, BUFFER_MAX> make_request(std::string_view type, std::siz
   quor_trl_put("N", out);
   length = out.pos;
   return buf;
+}
+
+// The same request sealed for the wire, its header first changed by
+// `adjust` (to claim another sender, user or node).
+inline std::vector<std::uint8_t> sealed_request(std::string_view type,
+                                                const std::function<void(TransactionHeader&)>& adjust = {}) {
+  std::array<char, BUFFER_MAX> buf{};
+  OutBuf out(buf);
+  TransactionHeader h;
+  tran_header_fill(type, "N", h);
+  if (adjust) adjust(h);
+  tran_header_write(h, out);
+  quor_trl_put("N", out);
+  std::size_t length = out.pos;
+  quor_wire_seal(buf, length);
+  return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
 }
 
 // A child process running `body` (its return value is the exit status);

@@ -172,12 +172,7 @@ class Daemon {
   }
 
   // A plain request of `type` (transaction header and trailer), sealed.
-  static std::vector<std::uint8_t> request(std::string_view type) {
-    std::size_t length = 0;
-    auto buf = make_request(type, length);
-    quor_wire_seal(buf, length);
-    return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
-  }
+  static std::vector<std::uint8_t> request(std::string_view type) { return sealed_request(type); }
 
   std::filesystem::path tev_dir() const { return tev_dir_; }
 

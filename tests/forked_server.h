@@ -60,13 +60,7 @@ inline Decoded decode(std::vector<std::uint8_t> payload) {
 // Sends a request of `type` to the forked server and collects the replies.
 inline TevCallResult ask(std::string_view type) {
   TevClient client;
-  std::size_t length = 0;
-  auto request = testutil::make_request(type, length);
-  quor_wire_seal(request, length);
-  return client.call("TEST.SRV",
-                     std::vector<std::uint8_t>(request.begin(),
-                                               request.begin() + static_cast<long>(length)),
-                     5000);
+  return client.call("TEST.SRV", testutil::sealed_request(type), 5000);
 }
 
 // The strings of the first segment tagged `tag`, up to its end mark.

@@ -76,17 +76,10 @@ TEST_F(ChildLookup, ByAgent) {
 // A login report as an agent sends it: the daemon's own header writer, with
 // "PID" naming `named` and "USR" the account.
 std::vector<std::uint8_t> login_report(pid_t named, const std::string& account) {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  TransactionHeader h;
-  tran_header_fill("I", "N", h);
-  h.pid = std::to_string(named);
-  h.user = account;
-  tran_header_write(h, out);
-  quor_trl_put("N", out);
-  std::size_t length = out.pos;
-  quor_wire_seal(buf, length);
-  return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
+  return testutil::sealed_request("I", [&](TransactionHeader& h) {
+    h.pid = std::to_string(named);
+    h.user = account;
+  });
 }
 
 // Sends a login report to the test's server and exits.

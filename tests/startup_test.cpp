@@ -354,17 +354,10 @@ namespace {
 
 // A sealed BRIEFSTATUS request that claims to come from `user` on `node`.
 std::vector<std::uint8_t> status_request_from(const std::string& user, const std::string& node) {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  TransactionHeader h;
-  tran_header_fill("B", "N", h);
-  h.user = user;
-  h.node = node;
-  tran_header_write(h, out);
-  quor_trl_put("N", out);
-  std::size_t length = out.pos;
-  quor_wire_seal(buf, length);
-  return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
+  return testutil::sealed_request("B", [&](TransactionHeader& h) {
+    h.user = user;
+    h.node = node;
+  });
 }
 
 TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
