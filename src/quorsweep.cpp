@@ -28,13 +28,6 @@ struct Reap {
   bool clean_exit() const { return result > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 };
 
-// Removes a user whose login process has already been stopped or reaped:
-// there is nothing left to stop, and its pid may belong to someone else.
-void remove_ended_user(UserEntry* user) {
-  user->login_pid = 0;
-  quor_user_remove(user);
-}
-
 // What the end of an agent means for its transaction's user: a login agent
 // that failed means a failed login; a logoff agent that ended completes the
 // logoff. A login agent that ended cleanly keeps its entry for the login
@@ -91,7 +84,7 @@ void sweep_login_processes() {
   UserTable& users = quor_users();
   for (auto it = users.begin(); it != users.end();) {
     UserEntry& user = *it++;
-    if (user.login_pid >= 1 && Reap(user.login_pid).gone()) remove_ended_user(&user);
+    if (user.login_pid >= 1 && Reap(user.login_pid).gone()) quor_user_remove_ended(&user);
   }
 }
 
@@ -109,7 +102,7 @@ void sweep_idle_users() {
       programs.push_back(user.login_pid);
     }
   quor_terminate_pids(programs);
-  for (UserEntry* user : idle) remove_ended_user(user);
+  for (UserEntry* user : idle) quor_user_remove_ended(user);
 }
 
 }  // namespace

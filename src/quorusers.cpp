@@ -30,6 +30,11 @@ int quor_user_remove(UserEntry* entry) {
   return 0;
 }
 
+int quor_user_remove_ended(UserEntry* entry) {
+  if (entry != nullptr) entry->login_pid = 0;
+  return quor_user_remove(entry);
+}
+
 UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
   for (UserEntry& entry : quor_users()) {
     if (entry.user_name != header.user || entry.node_name != header.node) continue;
@@ -43,7 +48,7 @@ UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
       return &entry;
     }
     if (entry.login_pid > 0 && kill(entry.login_pid, 0) != 0) {
-      quor_user_remove(&entry);
+      quor_user_remove_ended(&entry);
       return nullptr;
     }
     return &entry;

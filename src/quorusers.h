@@ -48,6 +48,11 @@ UserEntry& quor_user_new();
 // ran for it keep no reference to it. 0, or 3 for none.
 int quor_user_remove(UserEntry* entry);
 
+// quor_user_remove for an entry whose login process has already ended or
+// been stopped: nothing is signalled, since its pid may belong to someone
+// else by now.
+int quor_user_remove_ended(UserEntry* entry);
+
 // The active entry of the header's user and node. A login in progress is
 // never returned (and no second entry made for it); an entry idle longer
 // than the login time-out, or, without a time-out, one whose login process
