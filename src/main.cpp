@@ -91,11 +91,8 @@ void read_arguments(int argc, char** argv) {
 // Standard error goes to a new file that error replies read back. Agents
 // inherit it. The name is unpredictable and the file created exclusively.
 void capture_standard_error() {
-  const char* dir = std::getenv("TMPDIR");
-  struct stat st {};
-  std::string base = dir != nullptr && stat(dir, &st) == 0 && S_ISDIR(st.st_mode) ? dir : "/tmp";
-  std::string name = base + "/DMNXXXXXX";
-  int fd = mkostemp(name.data(), O_APPEND);
+  std::string name;
+  int fd = quor_temp_file("DMN", O_APPEND, name);
   if (fd < 0) return;  // error replies then fall back to catalogue texts
   dup2(fd, 2);
   close(fd);

@@ -1,6 +1,8 @@
 #include "quorconfig.h"
 
+#include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <climits>
@@ -171,6 +173,19 @@ ObjectMap& quor_objmap() {
 std::string quor_install_root() {
   const char* root = std::getenv("MOXGLBL0000");
   return root != nullptr ? root : "";
+}
+
+std::string quor_temp_dir() {
+  const char* dir = std::getenv("TMPDIR");
+  struct stat st {};
+  return dir != nullptr && *dir != '\0' && stat(dir, &st) == 0 && S_ISDIR(st.st_mode) ? dir : "/tmp";
+}
+
+int quor_temp_file(std::string_view prefix, int flags, std::string& path) {
+  std::string name = quor_temp_dir() + "/" + std::string(prefix) + "XXXXXX";
+  int fd = mkostemp(name.data(), flags | O_CLOEXEC);
+  if (fd >= 0) path = std::move(name);
+  return fd;
 }
 
 int quor_config_defaults(QuorConfig& config) {

@@ -51,6 +51,15 @@ ObjectMap& quor_objmap();
 // The installation root ($MOXGLBL0000, empty when unset).
 std::string quor_install_root();
 
+// Where the daemon makes its temporary files: $TMPDIR when it names a
+// directory, else /tmp.
+std::string quor_temp_dir();
+
+// Creates a new file "<temp dir>/<prefix>XXXXXX" with an unpredictable name,
+// exclusively and mode 0600, opened with `flags` added. Returns the open
+// descriptor and sets `path`, or -1.
+int quor_temp_file(std::string_view prefix, int flags, std::string& path);
+
 // Clears `config` and sets the defaults. 0, or 1 out of memory (message 1).
 int quor_config_defaults(QuorConfig& config);
 
