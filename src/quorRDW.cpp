@@ -1,0 +1,167 @@
+#include "quorRDW.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "quordebug.h"
+#include "quortrl.h"
+
+void FileTransfer::reset() {
+  rdw_release(stream, columns);
+  calendar_header.reset();
+  flags = 0;
+  column_count = 0;
+}
+
+namespace {
+
+void debug(const char* text) {
+  if (quor_debug()) quor_trace("%s\n", text);
+}
+
+// The transfer ends with this buffer when its trailer says no more data
+// follows, or when it has no trailer at all.
+bool last_buffer(InBuf buf) {
+  Trailer trailer;
+  return !quor_trl_read(buf, trailer) || trailer.more_data.value_or("N") == "N";
+}
+
+// The value of a column buffer.
+std::string_view column_text(const ColumnBuffer& column) {
+  return std::string_view(column.data(), strnlen(column.data(), column.size()));
+}
+
+}  // namespace
+
+int init_buf_toRDW(FileTransfer& transfer, std::string_view count_text) {
+  long count = buf_decimal(count_text);
+  if (count < 1 || count > kMaxColumns) return 3;
+  if (!transfer.stream) {
+    transfer.stream = rdw_open(transfer.path, 'W');
+    if (!transfer.stream) {
+      debug("init_buf_toRDW: Unable to open RDW for write");
+      return 7;
+    }
+    transfer.flags |= kXferOpened;
+  }
+  transfer.column_count = static_cast<int>(count);
+  // A continuation buffer reuses the buffers; one that announces more
+  // columns than before gets the extra ones.
+  try {
+    if (transfer.columns.size() < static_cast<std::size_t>(count)) transfer.columns.resize(count, ColumnBuffer{});
+  } catch (const std::bad_alloc&) {
+    debug("init_buf_toRDW: Unable to get memory");
+    return 1;
+  }
+  return 0;
+}
+
+int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
+  std::optional<std::size_t> first = buf_find_segment(buf, kRdwTag);
+  if (!first) return 4;
+  std::optional<std::string_view> count_text = buf_string(buf, *first);
+  int rc = count_text ? init_buf_toRDW(transfer, *count_text) : 3;
+  if (rc != 0) {
+    transfer.reset();
+    return rc;
+  }
+  std::size_t at = *first + count_text->size() + 1;
+  auto next_item = [&] { return buf_string(buf, at); };
+  auto is_value = [](const std::optional<std::string_view>& item) { return item && *item != kEndOfSegment; };
+  const auto columns = static_cast<std::size_t>(transfer.column_count);
+  std::vector<std::string_view> row(columns);
+  transfer.count = 0;
+  for (std::optional<std::string_view> item = next_item(); is_value(item); item = next_item()) {
+    // A short last row keeps the previous row's values in its missing
+    // columns. Values longer than a column buffer are cut.
+    for (std::size_t c = 0; c < columns && is_value(item); ++c) {
+      std::size_t n = std::min(item->size(), kMaxFieldLength);
+      std::memcpy(transfer.columns[c].data(), item->data(), n);
+      transfer.columns[c][n] = '\0';
+      at += item->size() + 1;
+      if (c + 1 < columns) item = next_item();
+    }
+    for (std::size_t c = 0; c < columns; ++c) row[c] = column_text(transfer.columns[c]);
+    if (rdw_write_record(transfer.stream.get(), row) != 0) {
+      quor_trace("buffer_to_RDW: Unable to write to RDW file\n");
+      transfer.reset();
+      return 6;
+    }
+    ++transfer.count;
+  }
+  if (!buf_string(buf, at)) {  // the segment never ended inside the buffer
+    transfer.reset();
+    return 3;
+  }
+  if (last_buffer(buf)) {
+    if (std::fflush(transfer.stream.get()) != 0) {
+      transfer.reset();
+      return 6;
+    }
+    transfer.reset();
+  }
+  return 0;
+}
+
+namespace {
+
+// Opens the table for reading and sets up its column buffers. 0, or the
+// status of the failure.
+int open_for_read(const std::string& path, FilePtr& stream, ColumnArray& columns, int& count) {
+  stream = rdw_open(path, 'R');
+  if (!stream) {
+    debug("RDWto_buffer: Fatal-- Unable to open RDW file for read");
+    return 7;
+  }
+  count = rdw_count_columns(stream.get());
+  if (count < 0) {
+    debug("RDWto_buffer: Fatal-- Unable to get number of columns");
+    return 5;
+  }
+  try {
+    columns.assign(static_cast<std::size_t>(count), ColumnBuffer{});
+  } catch (const std::bad_alloc&) {
+    debug("RDWto_buffer: Fatal--Unable to get mem for column_array");
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::size_t RDWto_buffer(const std::string& path, OutBuf& out, std::size_t capacity, ConnRecord& conn) {
+  if (capacity <= out.pos + 73 && send_partial_buffer(conn, out) == 0) return 2;
+  FilePtr stream;
+  ColumnArray columns;
+  int count = 0;
+  if (int rc = open_for_read(path, stream, columns, count); rc != 0) return static_cast<std::size_t>(rc);
+
+  const std::string count_item = std::to_string(count);
+  std::size_t length_field = buf_begin_segment(out, kRdwTag);
+  buf_add_item(out, count_item);
+  int rc = rdw_read_record(stream.get(), columns, count);
+  if (rc == -1) {
+    buf_end_segment(out, length_field);
+    return 0;
+  }
+  // A damaged record is still sent, as far as it could be read.
+  for (; rc != -1; rc = rdw_read_record(stream.get(), columns, count)) {
+    for (const ColumnBuffer& column : columns) {
+      std::string_view value = column_text(column);
+      if (capacity <= out.pos + value.size() + 1 + kSplitMargin) {
+        buf_end_segment(out, length_field);
+        if (send_partial_buffer(conn, out) == 0) return 2;
+        length_field = buf_begin_segment(out, kRdwTag);
+        buf_add_item(out, count_item);
+      }
+      buf_add_item(out, value);
+    }
+  }
+  buf_end_segment(out, length_field);
+  if (quor_debug())
+    for (std::size_t c = 0; c < columns.size(); ++c)
+      quor_trace("column_array[%zu] = %s\n", c, columns[c].data());
+  return out.pos;
+}
