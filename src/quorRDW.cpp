@@ -21,13 +21,6 @@ void debug(const char* text) {
   if (quor_debug()) quor_trace("%s\n", text);
 }
 
-// The transfer ends with this buffer when its trailer says no more data
-// follows, or when it has no trailer at all.
-bool last_buffer(InBuf buf) {
-  Trailer trailer;
-  return !quor_trl_read(buf, trailer) || trailer.more_data.value_or("N") == "N";
-}
-
 // The value of a column buffer.
 std::string_view column_text(const ColumnBuffer& column) {
   return std::string_view(column.data(), strnlen(column.data(), column.size()));
@@ -95,7 +88,7 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
     transfer.reset();
     return 3;
   }
-  if (last_buffer(buf)) {
+  if (quor_trl_last(buf)) {
     if (std::fflush(transfer.stream.get()) != 0) {
       transfer.reset();
       return 6;

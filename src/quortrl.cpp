@@ -62,3 +62,8 @@ void quor_trl_write(const Trailer& trailer, OutBuf& out) {
 void quor_trl_put(std::string_view more_data, OutBuf& out) {
   quor_trl_write(Trailer{std::string(more_data)}, out);
 }
+
+bool quor_trl_last(InBuf buf) {
+  Trailer trailer;
+  return !quor_trl_read(buf, trailer) || trailer.more_data.value_or("N") == "N";
+}

@@ -50,3 +50,7 @@ std::optional<std::size_t> quor_trl_read(InBuf buf, Trailer& out);
 void quor_trl_write(const Trailer& trailer, OutBuf& out);
 // The common case: a trailer with the given more-data value.
 void quor_trl_put(std::string_view more_data, OutBuf& out);
+
+// A buffer is the last of its exchange when its trailer says no more data
+// follows ("N"), or when it has no trailer at all.
+bool quor_trl_last(InBuf buf);

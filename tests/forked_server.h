@@ -63,6 +63,37 @@ inline TevCallResult ask(std::string_view type) {
   return client.call("TEST.SRV", testutil::sealed_request(type), 5000);
 }
 
+// A reply written by `write` in a forked child that serves one request on
+// `conn`: `write` appends to the reply buffer (sending full ones on as
+// partial replies) and returns a write position or a status of 8 or less;
+// the buffer is then sent as it stands. `status` is that status, -1 when a
+// position came back, or 1000 + the child's exit status when it failed.
+struct Served {
+  int status = -1;
+  TevCallResult result;
+  std::vector<Decoded> buffers;  // every reply buffer, decoded
+};
+
+template <class Write>
+Served serve_one(ConnRecord& conn, Write write) {
+  testutil::Child child([&] {
+    std::array<char, BUFFER_MAX> buf{};
+    receive_or_die(conn, buf);
+    OutBuf out(buf);
+    tran_header_put("S", "N", out);
+    std::size_t pos = write(out);
+    quor_trl_put("N", out);
+    if (quor_tev_send(conn, buf, out.pos) != 0) return 99;
+    return pos <= 8 ? static_cast<int>(pos) + 100 : 0;
+  });
+  Served served;
+  served.result = ask("S");
+  int rc = child.wait();
+  served.status = rc == 0 ? -1 : rc >= 100 && rc <= 108 ? rc - 100 : 1000 + rc;
+  for (const TevReply& reply : served.result.replies) served.buffers.push_back(decode(reply.payload));
+  return served;
+}
+
 // The strings of the first segment tagged `tag`, up to its end mark.
 inline std::vector<std::string> segment_strings(const std::vector<char>& buf, std::string_view tag) {
   std::vector<std::string> out;
