@@ -26,6 +26,12 @@ std::string_view column_text(const ColumnBuffer& column) {
   return std::string_view(column.data(), strnlen(column.data(), column.size()));
 }
 
+int write_failed(FileTransfer& transfer) {
+  quor_trace("buffer_to_RDW: Unable to write to RDW file\n");
+  transfer.reset();
+  return 6;
+}
+
 }  // namespace
 
 int init_buf_toRDW(FileTransfer& transfer, std::string_view count_text) {
@@ -64,26 +70,34 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
   auto next_item = [&] { return buf_string(buf, at); };
   auto is_value = [](const std::optional<std::string_view>& item) { return item && *item != kEndOfSegment; };
   const auto columns = static_cast<std::size_t>(transfer.column_count);
+  // The row being built: values in the request buffer, or, for columns a
+  // short row leaves out, the previous row's (kept in the column buffers
+  // across buffers). The buffer's records are written with one call.
   std::vector<std::string_view> row(columns);
+  for (std::size_t c = 0; c < columns; ++c) row[c] = column_text(transfer.columns[c]);
+  thread_local std::vector<char> records;  // grows to the largest buffer's need
+  std::size_t used = 0;
   transfer.count = 0;
   for (std::optional<std::string_view> item = next_item(); is_value(item); item = next_item()) {
-    // A short last row keeps the previous row's values in its missing
-    // columns. Values longer than a column buffer are cut.
     for (std::size_t c = 0; c < columns && is_value(item); ++c) {
-      std::size_t n = std::min(item->size(), kMaxFieldLength);
-      std::memcpy(transfer.columns[c].data(), item->data(), n);
-      transfer.columns[c][n] = '\0';
+      row[c] = item->substr(0, kMaxFieldLength);  // longer values are cut
       at += item->size() + 1;
       if (c + 1 < columns) item = next_item();
     }
-    for (std::size_t c = 0; c < columns; ++c) row[c] = column_text(transfer.columns[c]);
-    if (rdw_write_record(transfer.stream.get(), row) != 0) {
-      quor_trace("buffer_to_RDW: Unable to write to RDW file\n");
-      transfer.reset();
-      return 6;
-    }
+    std::size_t size = rdw_record_size(row);
+    if (size == 0) return write_failed(transfer);
+    if (used + size > records.size()) records.resize(std::max(2 * records.size(), used + size));
+    rdw_encode_record(records.data() + used, row);
+    used += size;
     ++transfer.count;
   }
+  for (std::size_t c = 0; c < columns; ++c) {
+    std::string_view value = row[c];
+    std::memmove(transfer.columns[c].data(), value.data(), value.size());
+    transfer.columns[c][value.size()] = '\0';
+  }
+  if (std::fwrite(records.data(), 1, used, transfer.stream.get()) != used)
+    return write_failed(transfer);
   if (!buf_string(buf, at)) {  // the segment never ended inside the buffer
     transfer.reset();
     return 3;

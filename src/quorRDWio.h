@@ -58,6 +58,13 @@ int rdw_read_fields(std::FILE* stream, ColumnArray& columns, int max);
 // would be longer than its 16-bit length word can say.
 int rdw_write_record(std::FILE* stream, std::span<const std::string_view> values);
 
+// The size of the record of `values`, its two length words included; 0 when
+// it would be too long to write.
+std::size_t rdw_record_size(std::span<const std::string_view> values);
+
+// Writes that record, rdw_record_size(values) bytes, at `dest`.
+void rdw_encode_record(char* dest, std::span<const std::string_view> values);
+
 // Frees the column buffers and closes the stream.
 void rdw_release(FilePtr& stream, ColumnArray& columns);
 

@@ -127,6 +127,12 @@ TEST_F(TableFiles, DamagedRecords) {
   read_table(path(), &statuses);
   EXPECT_EQ(statuses, (std::vector<int>{0, 1, 0}));
 
+  // A length word smaller than its fields: they are read on past it.
+  write_bytes(path("past"), word(3) + word(4) + "abcd" + word(3) + good);
+  statuses.clear();
+  EXPECT_EQ(read_table(path("past"), &statuses), (Rows{{"abcd"}, {"a"}}));
+  EXPECT_EQ(statuses, (std::vector<int>{0, 0}));
+
   std::string long_field = word(264) + word(260) + std::string(260, 'x') + word(264);
   write_bytes(path("long"), good + long_field);
   statuses.clear();
