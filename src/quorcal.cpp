@@ -115,16 +115,22 @@ int buffer_to_cal(FileTransfer& transfer, InBuf buf) {
   return 0;
 }
 
-std::size_t cal_header_items(const CalendarHeader& header, OutBuf& out, std::size_t capacity, ConnRecord& conn,
-                             std::size_t& length_field) {
-  std::string item;
+std::vector<std::pair<std::string_view, std::string>> cal_header_fields(const CalendarHeader& header) {
+  std::vector<std::pair<std::string_view, std::string>> fields;
   for (const TextKey& k : kTextKeys) {
     std::string_view field(header.data() + k.offset, k.size);
-    item.assign(k.key).append("=").append(field.substr(0, field.find('\0')));
-    if (buf_add_item_split(out, item, capacity, conn, kCalTag, length_field) != 0) return 2;
+    fields.emplace_back(k.key, field.substr(0, field.find('\0')));
   }
-  for (const IntKey& k : kIntKeys) {
-    item.assign(k.key).append("=").append(std::to_string(get_int(header, k.offset)));
+  for (const IntKey& k : kIntKeys) fields.emplace_back(k.key, std::to_string(get_int(header, k.offset)));
+  return fields;
+}
+
+std::int32_t cal_data_offset(const CalendarHeader& header) { return get_int(header, kDataOffsetAt); }
+
+std::size_t cal_header_items(const CalendarHeader& header, OutBuf& out, std::size_t capacity, ConnRecord& conn,
+                             std::size_t& length_field) {
+  for (const auto& [key, value] : cal_header_fields(header)) {
+    std::string item = std::string(key) + "=" + value;
     if (buf_add_item_split(out, item, capacity, conn, kCalTag, length_field) != 0) return 2;
   }
   return out.pos;
@@ -137,24 +143,30 @@ bool below_blank(char c) { return static_cast<signed char>(c) < 32; }
 
 }  // namespace
 
-std::size_t cal_to_buffer(const std::string& path, OutBuf& out, std::size_t capacity, ConnRecord& conn) {
-  if (capacity <= out.pos + 73 && send_partial_buffer(conn, out) == 0) return 2;
-  // A file that cannot be read leaves the reply untouched.
+int cal_file_items(const std::string& path, std::vector<std::string>& items, CalendarHeader* header_out) {
   FilePtr file(std::fopen(path.c_str(), "rbe"));
   if (!file) return 7;
   CalendarHeader header{};
   if (std::fread(header.data(), 1, header.size(), file.get()) != header.size()) return 5;
-  std::size_t length_field = buf_begin_segment(out, kCalTag);
-  if (std::size_t rc = cal_header_items(header, out, capacity, conn, length_field); rc <= 8) return rc;
-  std::int32_t offset = get_int(header, kDataOffsetAt);
+  if (header_out != nullptr) *header_out = header;
+  for (const auto& [key, value] : cal_header_fields(header)) items.push_back(std::string(key) + "=" + value);
+  std::int32_t offset = cal_data_offset(header);
   if (offset < 0 || std::fseek(file.get(), offset, SEEK_SET) != 0) return 5;
   // "AL=" and at most 255 characters of a line; a longer line in pieces.
   char line[259] = "AL=";
-  while (std::fgets(line + 3, sizeof line - 3, file.get()) != nullptr) {
-    if (below_blank(line[3])) continue;
-    if (buf_add_item_split(out, line, capacity, conn, kCalTag, length_field) != 0) return 2;
-  }
-  if (std::ferror(file.get())) return 5;
+  while (std::fgets(line + 3, sizeof line - 3, file.get()) != nullptr)
+    if (!below_blank(line[3])) items.emplace_back(line);
+  return std::ferror(file.get()) ? 5 : 0;
+}
+
+std::size_t cal_to_buffer(const std::string& path, OutBuf& out, std::size_t capacity, ConnRecord& conn) {
+  if (capacity <= out.pos + 73 && send_partial_buffer(conn, out) == 0) return 2;
+  // A file that cannot be read leaves the reply untouched.
+  std::vector<std::string> items;
+  if (int rc = cal_file_items(path, items); rc != 0) return static_cast<std::size_t>(rc);
+  std::size_t length_field = buf_begin_segment(out, kCalTag);
+  for (const std::string& item : items)
+    if (buf_add_item_split(out, item, capacity, conn, kCalTag, length_field) != 0) return 2;
   buf_end_segment(out, length_field);
   return out.pos;
 }

@@ -23,6 +23,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "quorRDW.h"
 
@@ -45,6 +47,18 @@ int cal_header_item(FileTransfer& transfer, std::string_view item);
 // position, or 2 when a partial send failed.
 std::size_t cal_header_items(const CalendarHeader& header, OutBuf& out, std::size_t capacity, ConnRecord& conn,
                              std::size_t& length_field);
+
+// The nine keyed header fields as (key, value text), in the order they are
+// sent; and where the lines begin.
+std::vector<std::pair<std::string_view, std::string>> cal_header_fields(const CalendarHeader& header);
+std::int32_t cal_data_offset(const CalendarHeader& header);
+
+// The items the calendar file at `path` is sent as: the header items, then
+// "AL=" and each line (in pieces of at most 255 characters; empty lines and
+// lines beginning with a control character or a byte above 127 left out).
+// 0, 5 the header or a line could not be read, 7 the file cannot be opened.
+// The header itself goes to `header` when given.
+int cal_file_items(const std::string& path, std::vector<std::string>& items, CalendarHeader* header = nullptr);
 
 // Appends the calendar file at `path` as "ZZZCAL" segments. The new write
 // position, or 2 a partial send failed, 5 the header or a line could not be
