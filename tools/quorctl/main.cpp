@@ -1,5 +1,6 @@
 // quorctl: talk to quordaemon from the command line. This file reads the
 // command line and files and prints; the commands live in ctl_commands.cpp.
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "ctl_commands.h"
+#include "ctl_files.h"
 #include "ctl_text.h"
 
 namespace {
@@ -29,6 +31,11 @@ constexpr const char* kUsage =
     "                                  print the segments of a message buffer\n"
     "  raw [FILE|-] [--file BUFFER] [--expect-reply|--no-reply] [--save OUT]\n"
     "                                  send a hand-made request, print the replies\n"
+    "  table-to-csv TABLE              print a table file as CSV\n"
+    "  csv-to-table CSV TABLE          write a table file from CSV ('-': standard input)\n"
+    "  calendar FILE                   print a calendar file's header and lines\n"
+    "  build [OPTIONS] --out PREFIX    build the buffers of a request carrying a table,\n"
+    "                                  calendar, list or selection list\n"
     "\n"
     "options:\n"
     "  --server NAME      the daemon's transport name (default MO_QUORUNIX_SERVER)\n"
@@ -94,6 +101,28 @@ constexpr CommandHelp kHelp[] = {
      "  trailer Y|N            trailer and ZZZEOD\n"
      "  eod                    ZZZEOD alone\n"
      "Escapes: \\n \\t \\r \\\\ \\0 \\xNN.\n"},
+    {"table-to-csv",
+     "usage: quorctl table-to-csv TABLE\n"
+     "Prints the rows of the table file TABLE as CSV, one row a line; a value\n"
+     "that is empty or holds a comma, a double quote, a line break or a leading\n"
+     "or trailing blank is quoted. Exits 1 at a damaged record.\n"},
+    {"csv-to-table",
+     "usage: quorctl csv-to-table CSV TABLE\n"
+     "Writes the rows of the CSV file ('-': standard input) as the table file\n"
+     "TABLE. Every row needs the same number of values, each at most 259 bytes.\n"},
+    {"calendar",
+     "usage: quorctl calendar FILE\n"
+     "Prints the header fields of the calendar file FILE (PI, CU, UU, DS, RL,\n"
+     "YN, FX, UT, DO, the data offset) and its lines as they would be sent.\n"
+     "JSON: the fields, \"data_offset\" and \"lines\".\n"},
+    {"build",
+     "usage: quorctl build [--type T] [--object OBJ] [--command CMD]\n"
+     "                     [--select 'NAME OP VALUE']... [--table FILE.csv |\n"
+     "                     --calendar FILE | --list FILE] --out PREFIX\n"
+     "Builds the request buffers of a command request (type T, default S) for\n"
+     "object OBJ: the selection list, and the table, calendar or list split\n"
+     "over as many buffers as it needs. Writes them to PREFIX.1, PREFIX.2, ...;\n"
+     "send them in order with 'quorctl raw --file PREFIX.N'.\n"},
 };
 
 const char* command_help(const std::string& name) {
@@ -112,7 +141,12 @@ struct Options {
 };
 
 // Options that take a value, besides the global ones.
-bool takes_value(const std::string& name) { return name == "--file" || name == "--save"; }
+bool takes_value(const std::string& name) {
+  for (const char* n : {"--file", "--save", "--type", "--object", "--command", "--select", "--table", "--calendar",
+                        "--list", "--out"})
+    if (name == n) return true;
+  return false;
+}
 
 std::optional<Options> parse(int argc, char** argv, std::string& error) {
   Options o;
@@ -289,6 +323,55 @@ int run_raw(const Options& o) {
   return finish(ctl_raw(o.target, std::move(plain), expect, o.json));
 }
 
+int run_build(const Options& o) {
+  std::string error;
+  if (!only_flags(o, {"--type", "--object", "--command", "--select", "--table", "--calendar", "--list", "--out"},
+                  error))
+    return usage_error(error);
+  if (!o.args.empty()) return usage_error("build takes options only");
+  auto out = flag_value(o, "--out");
+  if (!out || out->empty()) return usage_error("build needs --out PREFIX");
+  CtlBuild spec;
+  spec.type = flag_value(o, "--type").value_or("S");
+  if (spec.type.size() != 1) return usage_error("--type takes one letter");
+  spec.object = flag_value(o, "--object").value_or("");
+  spec.command = flag_value(o, "--command").value_or("");
+  int sources = 0;
+  for (auto [flag, kind] : {std::pair{"--table", CtlBuild::Data::Table}, {"--calendar", CtlBuild::Data::Calendar},
+                            {"--list", CtlBuild::Data::List}})
+    if (auto file = flag_value(o, flag)) {
+      spec.data = kind;
+      spec.source = *file;
+      ++sources;
+    }
+  if (sources > 1) return usage_error("--table, --calendar and --list exclude each other");
+  for (const auto& [name, value] : o.flags) {
+    if (name != "--select") continue;
+    std::istringstream words(value);
+    std::array<std::string, 3> s;
+    words >> s[0] >> s[1];
+    std::getline(words >> std::ws, s[2]);
+    if (s[0].empty() || s[1].empty()) return usage_error("--select takes 'NAME OP VALUE'");
+    spec.selections.push_back(std::move(s));
+  }
+  return finish(ctl_build_files(spec, *out, o.json));
+}
+
+int run_file_tool(const Options& o) {
+  std::string error;
+  if (!only_flags(o, {}, error)) return usage_error(error);
+  if (o.command == "csv-to-table") {
+    if (o.args.size() != 2) return usage_error("csv-to-table takes CSV and TABLE");
+    auto csv = read_all(o.args[0]);
+    if (!csv) return finish({kCtlFailed, "", "cannot read " + o.args[0]});
+    return finish(ctl_csv_to_table(*csv, o.args[1], o.json));
+  }
+  if (o.args.size() != 1) return usage_error(o.command + " takes one FILE");
+  if (o.command == "calendar") return finish(ctl_calendar_show(o.args[0], o.json));
+  if (o.json) return usage_error("table-to-csv has no JSON form");
+  return finish(ctl_table_to_csv(o.args[0]));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -312,6 +395,8 @@ int main(int argc, char** argv) {
 
   if (o.command == "decode") return run_decode(o);
   if (o.command == "raw") return run_raw(o);
+  if (o.command == "build") return run_build(o);
+  if (o.command == "table-to-csv" || o.command == "csv-to-table" || o.command == "calendar") return run_file_tool(o);
   if (o.command == "status") {
     if (!only_flags(o, {"--full"}, error)) return usage_error(error);
     if (!o.args.empty()) return usage_error("status takes no arguments");

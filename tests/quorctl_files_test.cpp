@@ -1,0 +1,133 @@
+// quorctl's data-file tools: CSV and table files, calendars printed, and
+// built requests read back by the daemon's own conversions.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "core_util.h"
+#include "ctl_files.h"
+#include "quorRDW.h"
+#include "quorcal.h"
+#include "quorlsfl.h"
+#include "quorpnfn.h"
+#include "quorsmc.h"
+
+using testutil::TempDir;
+using testutil::read_file;
+
+namespace {
+
+class CtlFiles : public ::testing::Test {
+ protected:
+  std::string path(const char* name) const { return (dir_.path() / name).string(); }
+  void write(const char* name, const std::string& bytes) const { std::ofstream(path(name), std::ios::binary) << bytes; }
+  TempDir dir_;
+};
+
+// CSV to a table file and back: quoting, empty values and trailing blanks
+// (which the table format drops).
+TEST_F(CtlFiles, CsvAndTableFiles) {
+  const std::string csv = "id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ";
+  EXPECT_EQ(ctl_csv_to_table(csv, path("t"), false).status, kCtlOk);
+  CtlOutcome back = ctl_table_to_csv(path("t"));
+  EXPECT_EQ(back.status, kCtlOk) << back.error;
+  EXPECT_EQ(back.out, "id,name,note\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,\"\",\"two\nlines\"\n3,x,\" y\"\n");
+
+  EXPECT_EQ(ctl_csv_to_table("a,b\n1\n", path("t"), false).error, "CSV row 2 has 1 values, the first has 2");
+  EXPECT_EQ(ctl_csv_parse("a,\"b\nc").error, "line 1: a double quote is never closed");
+  EXPECT_EQ(ctl_csv_parse("a,\"b\"c\n").error, "line 1: text after a closing double quote");
+  EXPECT_EQ(ctl_csv_to_table(std::string(260, 'v'), path("t"), false).status, kCtlUsage);
+  EXPECT_EQ(ctl_table_to_csv(path("none")).status, kCtlFailed);
+  write("damaged", std::string("\x05\x00\x01\x00", 4));
+  EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");
+}
+
+// A table too big for one buffer is built over several, whole rows in each; fed to the daemon's
+// own conversions in order, the buffers give the table and the selection
+// list back.
+TEST_F(CtlFiles, BuiltTableRequestsReadBack) {
+  std::string csv;
+  for (int i = 0; i < 3000; ++i) csv += std::to_string(i) + ",row " + std::to_string(i) + ",,end\n";
+  write("t.csv", csv);
+  CtlBuild spec;
+  spec.object = "PROBE";
+  spec.data = CtlBuild::Data::Table;
+  spec.source = path("t.csv");
+  spec.selections = {{"NAME", "=", "a b"}, {"SIZE", ">", "10"}};
+  CtlBuilt built = ctl_build_transaction(spec);
+  ASSERT_EQ(built.error, "");
+  ASSERT_GE(built.buffers.size(), 2u);
+
+  FileTransfer t;
+  t.path = path("t.rdw");
+  std::vector<char> record(kRecordSize);
+  for (std::size_t i = 0; i < built.buffers.size(); ++i) {
+    InBuf buf(built.buffers[i]);
+    TransactionHeader h;
+    ASSERT_TRUE(tran_header_read(buf, h));
+    EXPECT_EQ(h.continuation, i == 0 ? "N" : "Y");
+    EXPECT_EQ(quor_pnd_to_record(record, buf) > 0, i == 0) << "selection list only in the first buffer";
+    ASSERT_EQ(buffer_to_RDW(t, buf), 0) << i;
+    EXPECT_EQ(quor_trl_last(buf), i + 1 == built.buffers.size());
+  }
+  std::string expected;  // the empty column comes back quoted
+  for (int i = 0; i < 3000; ++i) expected += std::to_string(i) + ",row " + std::to_string(i) + ",\"\",end\n";
+  EXPECT_EQ(ctl_table_to_csv(path("t.rdw")).out, expected);
+  EXPECT_EQ(smc_get(record, smc::csl_count), "2");
+  EXPECT_EQ(smc_get(record, smc::slot(smc::csl_value, 0)), "a b");
+  EXPECT_EQ(smc_get(record, smc::slot(smc::csl_oper, 1)), ">");
+
+  ObjectHeader hdr;
+  ASSERT_TRUE(quor_hdr_read(built.buffers[0], hdr));
+  EXPECT_EQ(hdr.object.value_or(""), "PROBE");
+  EXPECT_EQ(hdr.filename.value_or(""), "Y");
+}
+
+// A calendar file printed, and built into a request whose segment writes
+// the same file again; a list built into a request gives the same lines.
+TEST_F(CtlFiles, CalendarsAndLists) {
+  FileTransfer t;
+  t.path = path("cal");
+  std::vector<char> source(BUFFER_MAX);
+  OutBuf out(source);
+  tran_header_put("S", "N", out);
+  std::size_t field = buf_begin_segment(out, kCalTag);
+  for (const char* item : {"PI=ab", "DS=desc", "RL=7", "AL=first", "AL=second"}) buf_add_item(out, item);
+  buf_end_segment(out, field);
+  quor_trl_put("N", out);
+  ASSERT_EQ(buffer_to_cal(t, InBuf(source.data(), out.pos)), 0);
+
+  EXPECT_EQ(ctl_calendar_show(path("cal"), false).out,
+            "PI: ab\nCU: \nUU: \nDS: desc\nRL: 7\nYN: 0\nFX: 0\nUT: 0\nDO: 0\ndata offset: 404\n"
+            "AL: first\nAL: second\n");
+  EXPECT_EQ(ctl_calendar_show(path("cal"), true).out,
+            "{\"PI\":\"ab\",\"CU\":\"\",\"UU\":\"\",\"DS\":\"desc\",\"RL\":\"7\",\"YN\":\"0\",\"FX\":\"0\",\"UT\":\"0\","
+            "\"DO\":\"0\",\"data_offset\":404,\"lines\":[\"first\\n\",\"second\\n\"]}\n");
+  write("short", "not a calendar");
+  EXPECT_EQ(ctl_calendar_show(path("short"), false).status, kCtlFailed);
+
+  CtlBuild spec;
+  spec.data = CtlBuild::Data::Calendar;
+  spec.source = path("cal");
+  CtlBuilt built = ctl_build_transaction(spec);
+  ASSERT_EQ(built.buffers.size(), 1u);
+  FileTransfer again;
+  again.path = path("again");
+  ASSERT_EQ(buffer_to_cal(again, built.buffers[0]), 0);
+  EXPECT_EQ(read_file(path("again")), read_file(path("cal")));
+
+  write("names", "alpha\n\nbeta\n");
+  spec.data = CtlBuild::Data::List;
+  spec.source = path("names");
+  built = ctl_build_transaction(spec);
+  ASSERT_EQ(built.buffers.size(), 1u);
+  FileTransfer list;
+  list.path = path("list");
+  ASSERT_EQ(buffer_to_list(list, "ZZZLST", built.buffers[0]), 0);
+  EXPECT_EQ(read_file(path("list")), "alpha\nbeta\n");
+
+  spec.source = path("missing");
+  EXPECT_EQ(ctl_build_transaction(spec).error, "cannot read " + path("missing"));
+}
+
+}  // namespace
