@@ -1,6 +1,9 @@
 #include "quorRDW.h"
 
 #include <algorithm>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <cstring>
 #include <new>
 #include <vector>
@@ -24,6 +27,19 @@ void debug(const char* text) {
 // The value of a column buffer.
 std::string_view column_text(const ColumnBuffer& column) {
   return std::string_view(column.data(), strnlen(column.data(), column.size()));
+}
+
+// buf_string, quicker for the short values tables are mostly made of: the
+// first 16 bytes are searched for the NUL in one step.
+std::optional<std::string_view> short_string(InBuf buf, std::size_t at) {
+#if defined(__SSE2__)
+  if (at + 16 <= buf.size()) {
+    __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(buf.data() + at));
+    int nuls = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128()));
+    if (nuls != 0) return std::string_view(buf.data() + at, static_cast<std::size_t>(__builtin_ctz(static_cast<unsigned>(nuls))));
+  }
+#endif
+  return buf_string(buf, at);
 }
 
 int write_failed(FileTransfer& transfer) {
@@ -67,7 +83,7 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
     return rc;
   }
   std::size_t at = *first + count_text->size() + 1;
-  auto next_item = [&] { return buf_string(buf, at); };
+  auto next_item = [&] { return short_string(buf, at); };
   auto is_value = [](const std::optional<std::string_view>& item) { return item && *item != kEndOfSegment; };
   const auto columns = static_cast<std::size_t>(transfer.column_count);
   // The row being built: values in the request buffer, or, for columns a
