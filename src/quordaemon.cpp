@@ -12,6 +12,7 @@
 #include "quordebug.h"
 #include "quorderr.h"
 #include "quorkids.h"
+#include "quorproc.h"
 #include "quorstats.h"
 #include "quorsweep.h"
 #include "quortupgm.h"
@@ -205,6 +206,21 @@ void quor_dispatch(DaemonLoop& loop) {
       trace_type("LOGININFO");
       if (quor_login_info(header, loop.conn.inquiry) == 1) fail_fatally(loop, 1);
       break;
+    case 'L':
+    case 'O':
+    case 'S':
+    case 'U':
+      trace_type("SMCDFLAG");
+      switch (quor_command_request(header, request_text(loop), loop.conn)) {
+        case 1:
+          fail_fatally(loop, 1);
+        case 3:
+          quor_error_reply(1, quor_capture_output(3), loop.conn);
+          break;
+        default:
+          break;
+      }
+      break;
     case 'K':
       trace_type("KILLALL");
       running = 0;
@@ -214,7 +230,6 @@ void quor_dispatch(DaemonLoop& loop) {
       running = 0;
       break;
     default:
-      // Includes the types whose handlers are not part of this build yet.
       if (quor_debug()) quor_msg_log(203, 0);
       break;
   }

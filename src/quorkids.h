@@ -12,9 +12,12 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
+#include <optional>
 #include <span>
 #include <string>
 
+#include "quorRDW.h"
+#include "quorenvd.h"
 #include "quorutl.h"
 
 struct UserEntry;
@@ -37,6 +40,8 @@ struct ChildEntry {
   void* shm_addr = nullptr; // where the daemon has it attached; none once handed over
   std::time_t created = 0;  // the transaction time-out counts from here
   pid_t agent_pid = 0;      // 0 never started, -1 start attempted, else the agent
+  std::optional<EnvBlock> env;  // the agent's two environment entries, when sent
+  FileTransfer transfer;        // inbound data spanning the transaction's buffers
   UserEntry* user = nullptr;  // not owned
   char type = 0;            // message type of the first buffer
 };

@@ -56,15 +56,26 @@ class Daemon {
     fs::copy(fs::path(QUOR_SOURCE_DIR) / "etc/messages", root / "messages",
              fs::copy_options::recursive | fs::copy_options::overwrite_existing);
     fs::copy_file(QUORUSERPGM_PATH, root / "quor/bin/quoruserpgm", fs::copy_options::overwrite_existing);
+    fs::copy_file(QUORPROBE_PATH, root / "quor/bin/quorprobe", fs::copy_options::overwrite_existing);
   }
 
   ~Daemon() { stop(); }
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  // Kills the daemon (and a detached daemon) and reaps it.
+  // Kills the daemon (and a detached daemon) and reaps it. Its own children
+  // (login programs, agents) go first, so that none outlives the test.
   void stop() {
     if (pid_ > 0 && !exited_) {
+      for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+        std::string stat = read_file(e.path() / "stat");
+        std::size_t paren = stat.rfind(')');
+        int ppid = 0;
+        char state = 0;
+        if (paren != std::string::npos && std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) == 2 &&
+            ppid == pid_)
+          kill(static_cast<pid_t>(std::stol(e.path().filename().string())), SIGKILL);
+      }
       kill(pid_, SIGKILL);
       waitpid(pid_, &status_, 0);
       exited_ = true;

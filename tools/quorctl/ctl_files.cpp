@@ -252,6 +252,14 @@ void begin_buffer(const CtlBuild& spec, bool first, OutBuf& out) {
   hdr.action = spec.command;
   if (spec.data != CtlBuild::Data::None) hdr.filename = "Y";
   quor_hdr_write(hdr, out);
+  if (first && (!spec.date_format.empty() || !spec.language.empty())) {
+    std::size_t field = buf_begin_segment(out, "ZZZENV");
+    for (auto [name, v] : {std::pair{"DAT", &spec.date_format}, {"LAN", &spec.language}}) {
+      buf_add_item(out, name);
+      buf_add_item(out, *v);
+    }
+    buf_end_segment(out, field);
+  }
   if (first && !spec.selections.empty()) {
     std::size_t field = buf_begin_segment(out, kPndTag);
     buf_add_item(out, std::to_string(spec.selections.size()));

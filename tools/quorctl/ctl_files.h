@@ -37,6 +37,8 @@ struct CtlBuild {
   std::string object;      // OBJ
   std::string command;     // CMD
   std::vector<std::array<std::string, 3>> selections;  // name, operator, value
+  std::string date_format;  // the agent's MOX_DATEFMT, when set
+  std::string language;     // chooses the agent's message directory, when set
   enum class Data { None, Table, Calendar, List } data = Data::None;
   std::string source;  // the CSV, calendar or list file
 };
@@ -48,7 +50,8 @@ struct CtlBuilt {
 
 // The request's buffers: each with a transaction header of this process
 // (continuation "Y" after the first), the object header (asking for a data
-// file when data goes with it), the selection list in the first, as much of
+// file when data goes with it), the environment (date format, language) and
+// the selection list in the first, as much of
 // the data segment as fits, and a trailer announcing whether more follow.
 CtlBuilt ctl_build_transaction(const CtlBuild& spec);
 

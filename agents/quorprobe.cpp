@@ -1,0 +1,128 @@
+// quorprobe: an agent for tests that records everything it was given.
+//
+//   quorprobe SEGMENT-ID
+//
+// Writes, into the directory named by QUORPROBE_DIR (which it inherits from
+// the daemon), for its own pid P:
+//
+//   P.segment  the whole shared-memory segment, as it found it
+//   P.data     the request's data file (record fileName), when there is one
+//   P.info     lines "name=value": argc, argv0, argv1, uid, euid, gid, egid,
+//              groups (comma-separated), MOX_DATEFMT, MO_MOXMESSAGE
+//
+// P.info is written last (under a temporary name, then renamed), so a test
+// that sees it finds the others complete. The segment and the data file are
+// removed afterwards, as every agent must.
+//
+// The request record's command says what to do then:
+//   EXIT<n>     exit with status n
+//   SLEEP<n>    sleep n seconds, then exit 0
+//   LOGININFO   report a login (LOGININFO) for the record's user name to the
+//               daemon, then wait for SIGTERM as the user's login process
+//   anything else: exit 0
+#include <grp.h>
+#include <signal.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "quorsmc.h"
+#include "quortev.h"
+#include "quortrl.h"
+#include "quorutl.h"
+#include "tev_client.h"
+
+namespace {
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool write_file(const std::string& path, const std::string& bytes) {
+  std::string temporary = path + ".tmp";
+  std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+  out << bytes;
+  out.close();
+  return out && std::rename(temporary.c_str(), path.c_str()) == 0;
+}
+
+std::string groups() {
+  std::vector<gid_t> list(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+  int n = getgroups(static_cast<int>(list.size()), list.data());
+  std::string text;
+  for (int i = 0; i < n; ++i) text += (i > 0 ? "," : "") + std::to_string(list[static_cast<std::size_t>(i)]);
+  return text;
+}
+
+// A LOGININFO request naming this process, its node, `account` and its group.
+int report_login(const std::string& account) {
+  std::array<char, BUFFER_MAX> buf{};
+  OutBuf out(buf);
+  TransactionHeader h;
+  tran_header_fill("I", "N", h);
+  h.user = account;
+  tran_header_write(h, out);
+  quor_trl_put("N", out);
+  std::size_t length = out.pos;
+  quor_wire_seal(buf, length);
+  TevClient client;
+  std::vector<std::uint8_t> payload(buf.begin(), buf.begin() + static_cast<long>(length));
+  return client.call(kServerName, payload, 0, false).rc == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const char* dir = std::getenv("QUORPROBE_DIR");
+  if (dir == nullptr || argc < 2) return 2;
+  const std::string base = std::string(dir) + "/" + std::to_string(getpid());
+  int id = std::atoi(argv[1]);
+  void* at = shmat(id, nullptr, SHM_RDONLY);
+  std::string segment;
+  if (at != reinterpret_cast<void*>(-1)) {
+    segment.assign(static_cast<const char*>(at), kShmSize);
+    shmdt(at);
+    shmctl(id, IPC_RMID, nullptr);
+  }
+  std::span<const char> record;
+  if (segment.size() == kShmSize) record = std::span<const char>(segment).subspan(kRecordOffset);
+  std::string data_file = record.empty() ? "" : std::string(smc_get(record, smc::fileName));
+  std::string command = record.empty() ? "" : std::string(smc_get(record, smc::command));
+
+  write_file(base + ".segment", segment);
+  if (!data_file.empty()) {
+    write_file(base + ".data", read_file(data_file));
+    std::remove(data_file.c_str());
+  }
+  std::ostringstream info;
+  info << "argc=" << argc << "\nargv0=" << argv[0] << "\nargv1=" << argv[1] << "\nuid=" << getuid()
+       << "\neuid=" << geteuid() << "\ngid=" << getgid() << "\negid=" << getegid() << "\ngroups=" << groups()
+       << "\nMOX_DATEFMT=" << (std::getenv("MOX_DATEFMT") ? std::getenv("MOX_DATEFMT") : "")
+       << "\nMO_MOXMESSAGE=" << (std::getenv("MO_MOXMESSAGE") ? std::getenv("MO_MOXMESSAGE") : "") << "\n";
+  write_file(base + ".info", info.str());
+
+  if (command.starts_with("EXIT")) return std::atoi(command.c_str() + 4);
+  if (command.starts_with("SLEEP")) {
+    sleep(static_cast<unsigned>(std::atoi(command.c_str() + 5)));
+    return 0;
+  }
+  if (command == "LOGININFO") {
+    if (report_login(std::string(smc_get(record, smc::username))) != 0) return 3;
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, nullptr);
+    int signo = 0;
+    sigwait(&term, &signo);
+  }
+  return 0;
+}

@@ -1,0 +1,260 @@
+// Command requests end to end: the real daemon, the real transport and a
+// real agent (quorprobe), which records what it was given.
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "ctl_files.h"
+#include "daemon_util.h"
+#include "momsg.h"
+#include "quorRDW.h"
+#include "quorsmc.h"
+
+using testutil::Daemon;
+using testutil::read_file;
+namespace fs = std::filesystem;
+
+namespace {
+
+#define REQUIRE_ROOT() \
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: agents are started under other accounts"
+
+// What one run of the probe agent recorded.
+struct Probe {
+  std::map<std::string, std::string> info;
+  std::string segment;
+  std::string data;
+  std::span<const char> record() const { return std::span<const char>(segment).subspan(kRecordOffset); }
+  std::string field(SmcField f) const { return std::string(smc_get(record(), f)); }
+};
+
+// A daemon whose agents can be watched: quorprobe writes into probe_dir().
+class Commands : public ::testing::Test {
+ protected:
+  void start(std::string config, std::string objects = "PROBE quorprobe\nLOGON quorprobe\n") {
+    daemon_ = std::make_unique<Daemon>(
+        [&](const fs::path& root) {
+          std::ofstream(root / "quor/etc/quor.config") << config;
+          std::ofstream(root / "quor/etc/quorobj.map") << objects;
+          // Agents run as "nobody": they must reach their files.
+          fs::permissions(root, fs::perms::others_exec, fs::perm_options::add);
+        },
+        std::vector<std::string>{}, true, std::map<std::string, std::string>{{"QUORPROBE_DIR", probe_dir()}});
+    ASSERT_TRUE(daemon_->wait_ready()) << daemon_->output();
+  }
+  void SetUp() override { fs::permissions(probes_.path(), fs::perms::all); }
+  std::string probe_dir() const { return probes_.str(); }
+
+  // Sends the buffers of `spec` in order; the replies to the last one.
+  TevCallResult send(const CtlBuild& spec, bool expect_reply) {
+    CtlBuilt built = ctl_build_transaction(spec);
+    EXPECT_EQ(built.error, "");
+    TevClient client;
+    TevCallResult last;
+    for (std::size_t i = 0; i < built.buffers.size(); ++i) {
+      std::vector<char>& b = built.buffers[i];
+      EXPECT_EQ(quor_wire_seal(b, b.size()), 0);
+      bool final = i + 1 == built.buffers.size();
+      last = client.call(kServerName, std::vector<std::uint8_t>(b.begin(), b.end()), final && expect_reply ? 5000 : 0,
+                         final && expect_reply);
+    }
+    return last;
+  }
+
+  // The next probe run to finish, or nothing within `steps` times 20 ms.
+  std::optional<Probe> next_probe(int steps = 250) {
+    for (int i = 0; i < steps; ++i) {
+      for (const auto& e : fs::directory_iterator(probe_dir())) {
+        if (e.path().extension() != ".info" || seen_.count(e.path().stem().string())) continue;
+        std::string pid = e.path().stem().string();
+        seen_.insert(pid);
+        Probe p;
+        std::istringstream lines(read_file(e.path()));
+        for (std::string line; std::getline(lines, line);)
+          if (std::size_t eq = line.find('='); eq != std::string::npos) p.info[line.substr(0, eq)] = line.substr(eq + 1);
+        p.segment = read_file(fs::path(probe_dir()) / (pid + ".segment"));
+        p.data = read_file(fs::path(probe_dir()) / (pid + ".data"));
+        return p;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return std::nullopt;
+  }
+
+  // The status report's count lines, after the sweep of that request.
+  std::string counts() {
+    std::vector<std::string> s = daemon_->status("B");
+    return s.size() >= 6 ? s[4] + s[5] : "";
+  }
+
+  static std::string error_text(const TevCallResult& r) {
+    if (r.replies.empty()) return "(no reply)";
+    std::vector<std::string> items = Daemon::reply_items(r.replies.back().payload, "ZZZRET");
+    return items.size() >= 4 ? items[1] + " " + items[3] : "(no return code)";
+  }
+
+  testutil::TempDir probes_;  // where the agents write, whatever their account
+  std::unique_ptr<Daemon> daemon_;
+  std::set<std::string> seen_;
+};
+
+// With logins not required, a service request carrying a selection list, a
+// table over several buffers and an environment runs its agent as the
+// default login account, with the segment id as its argument.
+TEST_F(Commands, AServiceRequestRunsItsAgentAsTheDefaultLogin) {
+  REQUIRE_ROOT();
+  const passwd* nobody = getpwnam("nobody");
+  if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  uid_t nobody_uid = nobody->pw_uid;
+  gid_t nobody_gid = nobody->pw_gid;
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n");
+
+  std::string csv;
+  for (int i = 0; i < 4000; ++i) csv += std::to_string(i) + ",name " + std::to_string(i) + "\n";
+  std::string csv_path = (daemon_->root().path() / "t.csv").string();
+  std::ofstream(csv_path) << csv;
+  CtlBuild spec;
+  spec.object = "PROBE";
+  spec.command = "LIST";
+  spec.selections = {{"NAME", "=", "abc"}};
+  spec.date_format = "DD.MM.YYYY";
+  spec.language = "english";
+  spec.data = CtlBuild::Data::Table;
+  spec.source = csv_path;
+  TevCallResult r = send(spec, false);
+  EXPECT_EQ(r.rc, 0);
+
+  std::optional<Probe> probe = next_probe();
+  ASSERT_TRUE(probe) << daemon_->output();
+  EXPECT_EQ(probe->info["uid"], std::to_string(nobody_uid));
+  EXPECT_EQ(probe->info["euid"], std::to_string(nobody_uid));
+  EXPECT_EQ(probe->info["gid"], std::to_string(nobody_gid));
+  EXPECT_EQ(probe->info["argc"], "2");
+  EXPECT_EQ(probe->info["argv0"], "quorprobe");
+  EXPECT_EQ(probe->info["MOX_DATEFMT"], "DD.MM.YYYY");
+  EXPECT_EQ(probe->info["MO_MOXMESSAGE"], daemon_->root().str() + "/messages/english");
+  ASSERT_EQ(probe->segment.size(), kShmSize);
+  EXPECT_EQ(probe->field(smc::username), "nobody");
+  EXPECT_EQ(probe->field(smc::object), "PROBE");
+  EXPECT_EQ(probe->field(smc::command), "LIST");
+  EXPECT_EQ(probe->field(smc::source), "MOQuor");
+  EXPECT_EQ(probe->field(smc::csl_count), "1");
+  EXPECT_EQ(probe->field(smc::slot(smc::csl_value, 0)), "abc");
+  EXPECT_EQ(std::string(probe->segment.data() + 1, 64).c_str(), std::string(mo_nodename())) << "daemon's identity";
+  EXPECT_EQ(std::string(probe->segment.data() + 174, 8).c_str(), std::string("UNIX1"));
+
+  // The table arrived whole in the data file.
+  std::string data_path = daemon_->root().str() + "/copy.rdw";
+  std::ofstream(data_path, std::ios::binary) << probe->data;
+  EXPECT_EQ(ctl_table_to_csv(data_path).out, csv);
+
+  // The sweep reaps the agent: nothing stays behind.
+  for (int i = 0; i < 50 && counts() != "    0 users logged into quor\n    0 transactions in progress.\n"; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
+}
+
+// With logins required, a request without a login is refused once its last
+// buffer has arrived, and no agent runs; a continuation nobody is waiting
+// for is refused at once.
+TEST_F(Commands, RequestsWithoutALoginOrATransactionAreRefused) {
+  REQUIRE_ROOT();
+  start("LOGIN_REQUIRED: 1\n");
+  std::string list_path = (daemon_->root().path() / "names").string();
+  std::string names;
+  for (int i = 0; i < 5000; ++i) names += "name number " + std::to_string(i) + "\n";
+  std::ofstream(list_path) << names;
+  CtlBuild spec;
+  spec.object = "PROBE";
+  spec.data = CtlBuild::Data::List;
+  spec.source = list_path;
+  spec.type = "S";
+  TevCallResult r = send(spec, true);
+  EXPECT_EQ(error_text(r), "1 " + std::string("The request's trailer does not announce more data."));
+
+  std::vector<char> plain(BUFFER_MAX);
+  OutBuf out(plain);
+  tran_header_put("S", "Y", out);
+  quor_trl_put("N", out);
+  plain.resize(out.pos);
+  quor_wire_seal(plain, plain.size());
+  {
+    TevClient client;  // one client per process at a time
+    r = client.call(kServerName, std::vector<std::uint8_t>(plain.begin(), plain.end()), 5000);
+  }
+  EXPECT_EQ(error_text(r).substr(0, 2), "1 ");
+  EXPECT_NE(daemon_->log().find("QUOR0118E"), std::string::npos);
+  EXPECT_FALSE(next_probe(15)) << "an agent ran";
+  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << "refusals left entries";
+}
+
+// An object missing from the map, or whose program cannot be executed, is
+// refused with an error reply and starts nothing.
+TEST_F(Commands, UnknownObjectsAndProgramsThatCannotRun) {
+  REQUIRE_ROOT();
+  start("LOGIN_REQUIRED: 0\n", "PROBE quorprobe\nBROKEN notrunnable\n");
+  std::ofstream(daemon_->root().path() / "quor/bin/notrunnable") << "#!/bin/sh\n";
+  fs::permissions(daemon_->root().path() / "quor/bin/notrunnable", fs::perms::owner_read | fs::perms::owner_write);
+  CtlBuild spec;
+  spec.object = "NOSUCH";
+  EXPECT_EQ(error_text(send(spec, true)).substr(0, 2), "1 ");
+  spec.object = "BROKEN";
+  EXPECT_EQ(error_text(send(spec, true)).substr(0, 2), "1 ");
+  EXPECT_NE(daemon_->log().find("QUOR0115E Object NOSUCH is not in the object map."), std::string::npos)
+      << daemon_->log();
+  EXPECT_NE(daemon_->log().find("QUOR0121E"), std::string::npos);
+  EXPECT_FALSE(next_probe(15)) << "an agent ran";
+  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
+}
+
+// A login through the logon agent (here the probe, reporting the login),
+// then a service request that runs as the logged-in account, then a logoff
+// that stops the login process and logs the user out.
+TEST_F(Commands, LoginServiceRequestAndLogoff) {
+  REQUIRE_ROOT();
+  const passwd* nobody = getpwnam("nobody");
+  if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  uid_t nobody_uid = nobody->pw_uid;
+  start("LOGIN_REQUIRED: 1\n");
+  testutil::EnvGuard user("MOX_QUORUSER", "nobody");  // the client's user name
+
+  CtlBuild login;
+  login.type = "L";
+  login.object = "LOGON";
+  login.command = "LOGININFO";
+  send(login, false);
+  std::optional<Probe> logon = next_probe();
+  ASSERT_TRUE(logon) << daemon_->output();
+  EXPECT_EQ(logon->info["uid"], "0") << "the logon agent runs as root";
+  for (int i = 0; i < 100 && counts().find("1 users") == std::string::npos; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::vector<std::string> full = daemon_->status("F");
+  EXPECT_NE(std::find(full.begin(), full.end(),
+                      "    User nobody from node " + std::string(mo_nodename()) + " logged in as nobody.\n"),
+            full.end())
+      << daemon_->output();
+
+  CtlBuild service;
+  service.object = "PROBE";
+  send(service, false);
+  std::optional<Probe> probe = next_probe();
+  ASSERT_TRUE(probe);
+  EXPECT_EQ(probe->info["uid"], std::to_string(nobody_uid));
+  EXPECT_EQ(probe->field(smc::username), "nobody");
+
+  CtlBuild logoff;
+  logoff.type = "O";
+  logoff.object = "PROBE";
+  send(logoff, false);
+  ASSERT_TRUE(next_probe());
+  for (int i = 0; i < 150 && counts() != "    0 users logged into quor\n    0 transactions in progress.\n"; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << daemon_->output();
+}
+
+}  // namespace
