@@ -9,6 +9,7 @@
 #include <set>
 #include <thread>
 
+#include "ctl_commands.h"
 #include "ctl_files.h"
 #include "daemon_util.h"
 #include "momsg.h"
@@ -255,6 +256,50 @@ TEST_F(Commands, LoginServiceRequestAndLogoff) {
   for (int i = 0; i < 150 && counts() != "    0 users logged into quor\n    0 transactions in progress.\n"; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << daemon_->output();
+}
+
+}  // namespace
+
+namespace {
+
+// A utility request runs its command as the account through the utility
+// agent, whose answer (split over several buffers when long) reaches the
+// client; a failing command gives its status; without a login the daemon's
+// refusal comes back instead.
+TEST_F(Commands, UtilityRequestsAnswerWithTheCommandsOutput) {
+  REQUIRE_ROOT();
+  const passwd* nobody = getpwnam("nobody");
+  if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  uid_t nobody_uid = nobody->pw_uid;
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "MOUTIL quorutil\n");
+  CtlTarget target;
+  target.timeout_ms = 10000;
+
+  CtlOutcome id = ctl_util(target, {"id -u; echo hello"}, false);
+  EXPECT_EQ(id.status, kCtlOk) << id.error << daemon_->output();
+  EXPECT_EQ(id.out, std::to_string(nobody_uid) + "\nhello\n");
+
+  CtlOutcome failing = ctl_util(target, {"echo partial; exit 3"}, true);
+  EXPECT_EQ(failing.status, kCtlDaemonError);
+  EXPECT_EQ(failing.out, "{\"rc\":3,\"message\":\"the commands ended with status 3\",\"output\":\"partial\\n\"}\n");
+
+  CtlOutcome many = ctl_util(target, {"seq 1 20000"}, false);
+  std::string expected;
+  for (int i = 1; i <= 20000; ++i) expected += std::to_string(i) + "\n";
+  EXPECT_EQ(many.status, kCtlOk) << many.error;
+  EXPECT_EQ(many.out, expected);
+  std::vector<std::string> left;
+  for (const auto& e : fs::directory_iterator(daemon_->root().path() / "tmp"))
+    if (e.path().filename() != "quordaemon.pid") left.push_back(e.path().filename());
+  EXPECT_EQ(left, std::vector<std::string>{}) << "command files left behind";
+}
+
+TEST_F(Commands, UtilityRequestsNeedALoginWhenLoginsAreRequired) {
+  REQUIRE_ROOT();
+  start("LOGIN_REQUIRED: 1\n", "MOUTIL quorutil\n");
+  CtlOutcome refused = ctl_util(CtlTarget{}, {"id"}, false);
+  EXPECT_EQ(refused.status, kCtlDaemonError);
+  EXPECT_EQ(refused.error, "RC 1: The request's trailer does not announce more data.");
 }
 
 }  // namespace

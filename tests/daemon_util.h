@@ -50,6 +50,9 @@ class Daemon {
     namespace fs = std::filesystem;
     for (auto dir : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log", "messages"})
       fs::create_directories(root / dir);
+    // As the transport and the system make them: anyone may register or
+    // make a temporary file there.
+    for (auto dir : {"tev", "tmp"}) fs::permissions(root / dir, fs::perms::all | fs::perms::sticky_bit);
     for (auto file : {"quor.config", "quorobj.map", "quorlang.map"})
       fs::copy_file(fs::path(QUOR_SOURCE_DIR) / "etc" / file, root / "quor/etc" / file,
                     fs::copy_options::overwrite_existing);
@@ -57,6 +60,7 @@ class Daemon {
              fs::copy_options::recursive | fs::copy_options::overwrite_existing);
     fs::copy_file(QUORUSERPGM_PATH, root / "quor/bin/quoruserpgm", fs::copy_options::overwrite_existing);
     fs::copy_file(QUORPROBE_PATH, root / "quor/bin/quorprobe", fs::copy_options::overwrite_existing);
+    fs::copy_file(QUORUTIL_PATH, root / "quor/bin/quorutil", fs::copy_options::overwrite_existing);
   }
 
   ~Daemon() { stop(); }

@@ -35,28 +35,44 @@ TevCallResult TevClient::call(std::string_view server, const std::vector<std::ui
     return result;
   }
   if (!expect_reply) return result;
+  collect(result, timeout_ms, conversation);
+  return result;
+}
 
+TevCallResult TevClient::wait_reply(int timeout_ms) {
+  TevCallResult result;
+  if (!registered_) {
+    result.rc = 1;
+    result.fb = fb_;
+    return result;
+  }
+  collect(result, timeout_ms, std::nullopt);
+  return result;
+}
+
+void TevClient::collect(TevCallResult& result, int timeout_ms, std::optional<std::uint32_t> conversation) {
   std::vector<std::uint8_t> buffer(kTevMaxPayload);
   for (;;) {
     TevIdentity sender;
     TevInquiry inquiry;
+    TevFeedback fb;
     if (TevRecvTimed(fb, id_, sender, buffer.data(), buffer.size(), inquiry, timeout_ms) != 0) {
       if (fb.FB_Src == kTevSrcRcvCnc) continue;
       result.rc = 1;
       result.fb = fb;
-      return result;
+      return;
     }
     std::uint8_t kind = fb.FB_InKind;
     std::uint32_t in_conversation = fb.FB_InConversId;
     if (kind == kTevKindConv) {
       TevFeedback answer_fb;
       TevAnswer(answer_fb, id_, sender, in_conversation, "OK");
-    } else if (in_conversation != conversation) {
+    } else if (conversation && in_conversation != *conversation) {
       continue;  // a late reply to an earlier request
     }
     result.replies.push_back(TevReply{kind, std::string(sender.app_name()),
                                       std::vector<std::uint8_t>(buffer.begin(),
                                                                 buffer.begin() + fb.FB_DataLen)});
-    if (kind == kTevKindData) return result;
+    if (kind == kTevKindData) return;
   }
 }

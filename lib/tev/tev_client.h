@@ -47,7 +47,14 @@ class TevClient {
   TevCallResult call(std::string_view server, const std::vector<std::uint8_t>& payload,
                      int timeout_ms, bool expect_reply = true);
 
+  // Collects what anyone sends to this client next (an agent answering a
+  // request on its own, or the daemon refusing it): CONV messages are
+  // answered and kept, and the wait ends at the first DATA message.
+  TevCallResult wait_reply(int timeout_ms);
+
  private:
+  void collect(TevCallResult& result, int timeout_ms, std::optional<std::uint32_t> conversation);
+
   TevIdentity id_;
   TevFeedback fb_;
   bool registered_ = false;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "ctl_files.h"
 #include "quortran.h"
 
 namespace {
@@ -220,6 +221,42 @@ CtlOutcome ctl_raw(const CtlTarget& target, std::vector<char> plain,
       o.error = buffer_name(i, n) + " has framing problems";
       break;
     }
+  return o;
+}
+
+CtlOutcome ctl_util(const CtlTarget& target, const std::vector<std::string>& commands, bool json,
+                    const std::function<void()>& waiting) {
+  CtlBuild spec;
+  spec.type = "U";
+  spec.object = "MOUTIL";
+  spec.data = CtlBuild::Data::Commands;
+  spec.commands = commands;
+  CtlBuilt built = ctl_build_transaction(spec);
+  if (!built.error.empty()) return failed(kCtlUsage, built.error);
+  CtlExchange ex = ctl_transaction(target, std::move(built.buffers), waiting);
+  if (!ex.ok()) return failed(status_of(ex.failure), ex.failure == CtlFailure::NoReply
+                                                         ? "no answer from the utility agent within " +
+                                                               std::to_string(target.timeout_ms / 1000) + " s"
+                                                         : ex.error);
+  if (std::string bad = check_replies(ex.replies); !bad.empty()) return failed(kCtlFailed, bad);
+  std::string error;
+  std::optional<ReturnCode> rc = find_return_code(ex.replies, error);
+  if (!error.empty()) return failed(kCtlFailed, error);
+  if (!rc) return failed(kCtlFailed, "the answer holds no return code (no ZZZRET segment)");
+
+  std::string output;
+  for (const CtlReply& r : ex.replies)
+    for (const CtlSegment& s : r.decoded.segments)
+      if (s.tag == "ZZZLST")
+        for (const std::string& line : s.strings) output += line;
+  CtlOutcome o;
+  o.out = json ? "{\"rc\":" + std::to_string(rc->rc) + ",\"message\":" + ctl_json_string(rc->message) +
+                     ",\"output\":" + ctl_json_string(output) + "}\n"
+               : output;
+  if (rc->rc != 0) {
+    o.status = kCtlDaemonError;
+    o.error = "RC " + std::to_string(rc->rc) + (rc->message.empty() ? "" : ": " + first_line(rc->message));
+  }
   return o;
 }
 

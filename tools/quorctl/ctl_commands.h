@@ -4,6 +4,7 @@
 // standard error.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -42,6 +43,12 @@ CtlOutcome ctl_notify(const CtlTarget& target, char type, bool json);
 // request's type is one the daemon never answers (C, T, K).
 CtlOutcome ctl_raw(const CtlTarget& target, std::vector<char> plain,
                    std::optional<bool> expect_reply, bool json);
+
+// util COMMAND...: a 'U' request whose command list is `commands`; prints
+// what the utility agent answers (the commands' output), and fails with the
+// agent's or the daemon's return code when it is not 0.
+CtlOutcome ctl_util(const CtlTarget& target, const std::vector<std::string>& commands, bool json,
+                    const std::function<void()>& waiting = {});
 
 enum class CtlRender { Human, Json, Text };
 

@@ -230,6 +230,11 @@ DataItems data_items(const CtlBuild& spec) {
       if (rc != 0) return data_error((rc == 7 ? "cannot open " : "not a calendar file: ") + spec.source);
       break;
     }
+    case CtlBuild::Data::Commands:
+      d.tag = "ZZZCMD";
+      for (const std::string& line : spec.commands)
+        if (!line.empty()) d.items.push_back(line);
+      break;
     case CtlBuild::Data::List: {
       std::string text;
       if (!read_file(spec.source, text)) return data_error("cannot read " + spec.source);
@@ -250,7 +255,7 @@ void begin_buffer(const CtlBuild& spec, bool first, OutBuf& out) {
   ObjectHeader hdr;
   hdr.object = spec.object;
   hdr.action = spec.command;
-  if (spec.data != CtlBuild::Data::None) hdr.filename = "Y";
+  if (spec.data != CtlBuild::Data::None && spec.data != CtlBuild::Data::Commands) hdr.filename = "Y";
   quor_hdr_write(hdr, out);
   if (first && (!spec.date_format.empty() || !spec.language.empty())) {
     std::size_t field = buf_begin_segment(out, "ZZZENV");

@@ -39,8 +39,9 @@ struct CtlBuild {
   std::vector<std::array<std::string, 3>> selections;  // name, operator, value
   std::string date_format;  // the agent's MOX_DATEFMT, when set
   std::string language;     // chooses the agent's message directory, when set
-  enum class Data { None, Table, Calendar, List } data = Data::None;
-  std::string source;  // the CSV, calendar or list file
+  enum class Data { None, Table, Calendar, List, Commands } data = Data::None;
+  std::string source;                  // the CSV, calendar or list file
+  std::vector<std::string> commands;   // Commands: the command lines ("ZZZCMD")
 };
 
 struct CtlBuilt {

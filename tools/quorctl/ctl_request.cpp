@@ -41,23 +41,11 @@ char ctl_request_type(const std::vector<char>& plain) {
   return values[0].front();
 }
 
-CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool expect_reply) {
+namespace {
+
+// The replies of a transport exchange, decoded, and its failure named.
+CtlExchange exchange_result(const CtlTarget& target, const TevCallResult& r) {
   CtlExchange ex;
-  if (quor_wire_seal(plain, plain.size()) != 0) {
-    ex.failure = CtlFailure::Request;
-    ex.error = "a request of " + std::to_string(plain.size()) + " bytes is outside 7.." +
-               std::to_string(BUFFER_MAX);
-    return ex;
-  }
-  TevClient client;
-  if (!client.ok()) {
-    ex.failure = CtlFailure::Register;
-    ex.error = "cannot register with the transport in " + tev_directory() + ": " +
-               client.feedback().FB_ErrorText;
-    return ex;
-  }
-  TevCallResult r = client.call(target.server, std::vector<std::uint8_t>(plain.begin(), plain.end()),
-                                target.timeout_ms, expect_reply);
   for (const TevReply& reply : r.replies) {
     CtlLoaded loaded = ctl_load(std::span<const char>(reinterpret_cast<const char*>(reply.payload.data()),
                                                       reply.payload.size()),
@@ -65,7 +53,6 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
     ex.replies.push_back(CtlReply{reply.kind == kTevKindConv, reply.sender, std::move(loaded.decoded)});
   }
   if (r.rc == 0) return ex;
-
   if (r.fb.FB_Src == kTevSrcNoRcvr) {
     ex.failure = CtlFailure::NotRunning;
     ex.error = "daemon not running (no receiver at " + target.server + ")";
@@ -81,4 +68,41 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
     ex.error = "transport error talking to " + target.server + ": " + r.fb.FB_ErrorText;
   }
   return ex;
+}
+
+CtlExchange failure(CtlFailure f, std::string error) {
+  CtlExchange ex;
+  ex.failure = f;
+  ex.error = std::move(error);
+  return ex;
+}
+
+}  // namespace
+
+CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool expect_reply) {
+  if (quor_wire_seal(plain, plain.size()) != 0)
+    return failure(CtlFailure::Request, "a request of " + std::to_string(plain.size()) + " bytes is outside 7.." +
+                                            std::to_string(BUFFER_MAX));
+  TevClient client;
+  if (!client.ok())
+    return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
+                                             client.feedback().FB_ErrorText);
+  return exchange_result(target, client.call(target.server, std::vector<std::uint8_t>(plain.begin(), plain.end()),
+                                             target.timeout_ms, expect_reply));
+}
+
+CtlExchange ctl_transaction(const CtlTarget& target, std::vector<std::vector<char>> buffers,
+                            const std::function<void()>& waiting) {
+  TevClient client;
+  if (!client.ok())
+    return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
+                                             client.feedback().FB_ErrorText);
+  for (std::vector<char>& plain : buffers) {
+    if (quor_wire_seal(plain, plain.size()) != 0) return failure(CtlFailure::Request, "a request buffer is too long");
+    TevCallResult sent =
+        client.call(target.server, std::vector<std::uint8_t>(plain.begin(), plain.end()), 0, false);
+    if (sent.rc != 0) return exchange_result(target, sent);
+  }
+  if (waiting) waiting();
+  return exchange_result(target, client.wait_reply(target.timeout_ms));
 }

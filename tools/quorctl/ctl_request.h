@@ -1,6 +1,7 @@
 // Building quorctl's requests and exchanging them with the daemon.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,3 +53,10 @@ struct CtlExchange {
 // target; with `expect_reply`, collects every reply buffer up to the final
 // one. Partial buffers are answered by the transport client as they come.
 CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool expect_reply);
+
+// A command request's buffers sent in order to the target, then the answer
+// awaited: the agent's (which comes on its own, from the agent) or the
+// daemon's refusal. `waiting`, when given, is called once all buffers are
+// out (to show progress).
+CtlExchange ctl_transaction(const CtlTarget& target, std::vector<std::vector<char>> buffers,
+                            const std::function<void()>& waiting = {});

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "ctl_commands.h"
 #include "ctl_files.h"
 #include "ctl_text.h"
@@ -31,6 +33,7 @@ constexpr const char* kUsage =
     "                                  print the segments of a message buffer\n"
     "  raw [FILE|-] [--file BUFFER] [--expect-reply|--no-reply] [--save OUT]\n"
     "                                  send a hand-made request, print the replies\n"
+    "  util COMMAND...                 run a command on the host (utility agent), print its output\n"
     "  table-to-csv TABLE              print a table file as CSV\n"
     "  csv-to-table CSV TABLE          write a table file from CSV ('-': standard input)\n"
     "  calendar FILE                   print a calendar file's header and lines\n"
@@ -101,6 +104,13 @@ constexpr CommandHelp kHelp[] = {
      "  trailer Y|N            trailer and ZZZEOD\n"
      "  eod                    ZZZEOD alone\n"
      "Escapes: \\n \\t \\r \\\\ \\0 \\xNN.\n"},
+    {"util",
+     "usage: quorctl util COMMAND...\n"
+     "Sends a utility request whose command is COMMAND (the words joined by\n"
+     "blanks, run by /bin/sh) and waits, up to the timeout, for the utility\n"
+     "agent's answer: prints the command's output and exits 3 with the return\n"
+     "code when the command failed or the daemon refused the request (for\n"
+     "example, when a login is required). JSON: {\"rc\",\"message\",\"output\"}.\n"},
     {"table-to-csv",
      "usage: quorctl table-to-csv TABLE\n"
      "Prints the rows of the table file TABLE as CSV, one row a line; a value\n"
@@ -396,6 +406,16 @@ int main(int argc, char** argv) {
   if (o.command == "decode") return run_decode(o);
   if (o.command == "raw") return run_raw(o);
   if (o.command == "build") return run_build(o);
+  if (o.command == "util") {
+    if (!only_flags(o, {}, error)) return usage_error(error);
+    if (o.args.empty()) return usage_error("util needs a COMMAND");
+    std::string line;
+    for (const std::string& a : o.args) line += (line.empty() ? "" : " ") + a;
+    auto waiting = [] {
+      if (isatty(2)) std::fputs("quorctl: request sent, waiting for the agent's answer...\n", stderr);
+    };
+    return finish(ctl_util(o.target, {line}, o.json, waiting));
+  }
   if (o.command == "table-to-csv" || o.command == "csv-to-table" || o.command == "calendar") return run_file_tool(o);
   if (o.command == "status") {
     if (!only_flags(o, {"--full"}, error)) return usage_error(error);
