@@ -22,7 +22,6 @@
 //   anything else: exit 0
 #include <grp.h>
 #include <signal.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,11 +31,7 @@
 #include <string>
 #include <vector>
 
-#include "quorsmc.h"
-#include "quortev.h"
-#include "quortrl.h"
-#include "quorutl.h"
-#include "tev_client.h"
+#include "agentlib.h"
 
 namespace {
 
@@ -63,36 +58,15 @@ std::string groups() {
   return text;
 }
 
-// A LOGININFO request naming this process, its node, `account` and its group.
-int report_login(const std::string& account) {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  TransactionHeader h;
-  tran_header_fill("I", "N", h);
-  h.user = account;
-  tran_header_write(h, out);
-  quor_trl_put("N", out);
-  std::size_t length = out.pos;
-  quor_wire_seal(buf, length);
-  TevClient client;
-  std::vector<std::uint8_t> payload(buf.begin(), buf.begin() + static_cast<long>(length));
-  return client.call(kServerName, payload, 0, false).rc == 0 ? 0 : 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   const char* dir = std::getenv("QUORPROBE_DIR");
   if (dir == nullptr || argc < 2) return 2;
   const std::string base = std::string(dir) + "/" + std::to_string(getpid());
-  int id = std::atoi(argv[1]);
-  void* at = shmat(id, nullptr, SHM_RDONLY);
-  std::string segment;
-  if (at != reinterpret_cast<void*>(-1)) {
-    segment.assign(static_cast<const char*>(at), kShmSize);
-    shmdt(at);
-    shmctl(id, IPC_RMID, nullptr);
-  }
+  AgentRequest request;
+  agent_take_request(std::atoi(argv[1]), request);
+  const std::string& segment = request.segment;
   std::span<const char> record;
   if (segment.size() == kShmSize) record = std::span<const char>(segment).subspan(kRecordOffset);
   std::string data_file = record.empty() ? "" : std::string(smc_get(record, smc::fileName));
@@ -116,7 +90,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "LOGININFO") {
-    if (report_login(std::string(smc_get(record, smc::username))) != 0) return 3;
+    if (agent_report_login(std::string(smc_get(record, smc::username)), std::to_string(getgid())) != 0) return 3;
     sigset_t term;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);

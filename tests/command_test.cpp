@@ -303,3 +303,49 @@ TEST_F(Commands, UtilityRequestsNeedALoginWhenLoginsAreRequired) {
 }
 
 }  // namespace
+
+namespace {
+
+// The whole flow with the sample agents: log in through the logon agent,
+// run a command as the account, log off; a login for an unknown account or
+// with a wrong password is refused and leaves nobody logged in.
+TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
+  REQUIRE_ROOT();
+  if (getpwnam("nobody") == nullptr || getpwnam("daemon") == nullptr) GTEST_SKIP() << "needs 'nobody' and 'daemon'";
+  start("LOGIN_REQUIRED: 1\n", "LOGON quorlogon\nMOUTIL quorutil\n");
+  const std::string none = "    0 users logged into quor\n    0 transactions in progress.\n";
+  auto settle = [&](const std::string& want) {
+    for (int i = 0; i < 150 && counts() != want; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return counts();
+  };
+  {
+    testutil::EnvGuard user("MOX_QUORUSER", "nosuchaccount");
+    CtlOutcome refused = ctl_login(CtlTarget{}, std::nullopt, false);
+    EXPECT_EQ(refused.status, kCtlDaemonError);
+    EXPECT_EQ(refused.error, "RC 1: login refused for nosuchaccount");
+  }
+  {
+    testutil::EnvGuard user("MOX_QUORUSER", "daemon");
+    CtlOutcome refused = ctl_login(CtlTarget{}, std::string("not the password"), false);
+    EXPECT_EQ(refused.error, "RC 1: login refused for daemon");
+  }
+  EXPECT_EQ(settle(none), none) << "refused logins stayed";
+
+  testutil::EnvGuard user("MOX_QUORUSER", "nobody");
+  CtlOutcome login = ctl_login(CtlTarget{}, std::nullopt, false);
+  EXPECT_EQ(login.status, kCtlOk) << login.error << daemon_->output();
+  EXPECT_EQ(login.out, "logged in\n");
+  std::vector<std::string> full = daemon_->status("F");
+  EXPECT_NE(std::find(full.begin(), full.end(),
+                      "    User nobody from node " + std::string(mo_nodename()) + " logged in as nobody.\n"),
+            full.end());
+  CtlOutcome who = ctl_util(CtlTarget{}, {"id -un"}, false);
+  EXPECT_EQ(who.out, "nobody\n") << who.error;
+
+  CtlOutcome logoff = ctl_logoff(CtlTarget{}, false);
+  EXPECT_EQ(logoff.status, kCtlOk) << logoff.error;
+  EXPECT_EQ(settle(none), none);
+  EXPECT_EQ(ctl_util(CtlTarget{}, {"id -un"}, false).error, "RC 1: The request's trailer does not announce more data.");
+}
+
+}  // namespace

@@ -61,6 +61,7 @@ class Daemon {
     fs::copy_file(QUORUSERPGM_PATH, root / "quor/bin/quoruserpgm", fs::copy_options::overwrite_existing);
     fs::copy_file(QUORPROBE_PATH, root / "quor/bin/quorprobe", fs::copy_options::overwrite_existing);
     fs::copy_file(QUORUTIL_PATH, root / "quor/bin/quorutil", fs::copy_options::overwrite_existing);
+    fs::copy_file(QUORLOGON_PATH, root / "quor/bin/quorlogon", fs::copy_options::overwrite_existing);
   }
 
   ~Daemon() { stop(); }

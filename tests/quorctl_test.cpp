@@ -404,15 +404,20 @@ TEST_F(QuorctlExchange, RawShowsEveryBufferAndWhatWentWrong) {
 // line on standard error; no daemon is exit status 4.
 TEST(QuorctlTool, HelpUsageErrorsAndNoDaemon) {
   EXPECT_THAT(quorctl({"--help"}),
-              Outcome(0, StartsWith("usage: quorctl [--server NAME] [--timeout SECONDS] [--json] COMMAND"), ""));
-  for (const char* c : {"status", "refresh", "cleanup", "terminate", "killall", "decode", "raw"})
+              Outcome(0, StartsWith("usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND"),
+                      ""));
+  for (const char* c : {"status", "refresh", "cleanup", "terminate", "killall", "decode", "raw", "login", "logoff",
+                        "util", "table-to-csv", "csv-to-table", "calendar", "build"})
     EXPECT_THAT(quorctl({c, "--help"}), Outcome(0, StartsWith(std::string("usage: quorctl ") + c), ""));
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {}, {"frob"}, {"status", "--bogus"}, {"status", "extra"}, {"--timeout", "x", "status"},
            {"--timeout", "0", "status"}, {"--timeout", "nan", "status"}, {"--timeout"}, {"--json=yes", "status"},
            {"refresh", "a", "b"}, {"cleanup", "now"}, {"terminate", "--full"}, {"decode"},
            {"decode", "--wire", "--plain", "f"}, {"--json", "decode", "--text", "f"},
-           {"raw", "--no-reply", "--expect-reply"}, {"raw", "--wire"}, {"raw", "--file", "a", "b"}})
+           {"raw", "--no-reply", "--expect-reply"}, {"raw", "--wire"}, {"raw", "--file", "a", "b"},
+           {"util"}, {"login", "x"}, {"logoff", "x"}, {"--user", "", "login"}, {"build"}, {"build", "--type", "SS", "--out", "p"},
+           {"build", "--table", "a", "--list", "b", "--out", "p"}, {"build", "--select", "A", "--out", "p"},
+           {"calendar"}, {"csv-to-table", "a"}, {"--json", "table-to-csv", "t"}})
     EXPECT_THAT(quorctl(args), Outcome(kCtlUsage, "", MatchesRegex("quorctl: [^\n]+\n")));
   EXPECT_THAT(quorctl({"raw", "-"}, "header B\nitem A B\n"),
               Outcome(kCtlUsage, "", "quorctl: standard input: line 2: item outside a segment\n"));

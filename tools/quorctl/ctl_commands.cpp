@@ -224,18 +224,13 @@ CtlOutcome ctl_raw(const CtlTarget& target, std::vector<char> plain,
   return o;
 }
 
-CtlOutcome ctl_util(const CtlTarget& target, const std::vector<std::string>& commands, bool json,
-                    const std::function<void()>& waiting) {
-  CtlBuild spec;
-  spec.type = "U";
-  spec.object = "MOUTIL";
-  spec.data = CtlBuild::Data::Commands;
-  spec.commands = commands;
+CtlOutcome ctl_agent_request(const CtlTarget& target, const CtlBuild& spec, bool json,
+                             const std::function<void()>& waiting) {
   CtlBuilt built = ctl_build_transaction(spec);
   if (!built.error.empty()) return failed(kCtlUsage, built.error);
   CtlExchange ex = ctl_transaction(target, std::move(built.buffers), waiting);
   if (!ex.ok()) return failed(status_of(ex.failure), ex.failure == CtlFailure::NoReply
-                                                         ? "no answer from the utility agent within " +
+                                                         ? "no answer from the agent within " +
                                                                std::to_string(target.timeout_ms / 1000) + " s"
                                                          : ex.error);
   if (std::string bad = check_replies(ex.replies); !bad.empty()) return failed(kCtlFailed, bad);
@@ -257,6 +252,38 @@ CtlOutcome ctl_util(const CtlTarget& target, const std::vector<std::string>& com
     o.status = kCtlDaemonError;
     o.error = "RC " + std::to_string(rc->rc) + (rc->message.empty() ? "" : ": " + first_line(rc->message));
   }
+  return o;
+}
+
+CtlOutcome ctl_util(const CtlTarget& target, const std::vector<std::string>& commands, bool json,
+                    const std::function<void()>& waiting) {
+  CtlBuild spec;
+  spec.type = "U";
+  spec.object = "MOUTIL";
+  spec.data = CtlBuild::Data::Commands;
+  spec.commands = commands;
+  return ctl_agent_request(target, spec, json, waiting);
+}
+
+CtlOutcome ctl_login(const CtlTarget& target, const std::optional<std::string>& password, bool json,
+                     const std::function<void()>& waiting) {
+  CtlBuild spec;
+  spec.type = "L";
+  spec.object = "LOGON";
+  spec.command = "LOGIN";
+  if (password) spec.selections.push_back({"PASSWORD", "=", *password});
+  CtlOutcome o = ctl_agent_request(target, spec, json, waiting);
+  if (o.status == kCtlOk && !json) o.out = "logged in\n";
+  return o;
+}
+
+CtlOutcome ctl_logoff(const CtlTarget& target, bool json, const std::function<void()>& waiting) {
+  CtlBuild spec;
+  spec.type = "O";
+  spec.object = "LOGON";
+  spec.command = "LOGOFF";
+  CtlOutcome o = ctl_agent_request(target, spec, json, waiting);
+  if (o.status == kCtlOk && !json) o.out = "logged off\n";
   return o;
 }
 

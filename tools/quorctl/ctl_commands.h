@@ -44,6 +44,21 @@ CtlOutcome ctl_notify(const CtlTarget& target, char type, bool json);
 CtlOutcome ctl_raw(const CtlTarget& target, std::vector<char> plain,
                    std::optional<bool> expect_reply, bool json);
 
+struct CtlBuild;
+
+// A command request built from `spec`, sent, and the agent's answer (or the
+// daemon's refusal) awaited: the output lines it carries, and its return
+// code (not 0: kCtlDaemonError).
+CtlOutcome ctl_agent_request(const CtlTarget& target, const CtlBuild& spec, bool json,
+                             const std::function<void()>& waiting = {});
+
+// login: an 'L' request for object LOGON (with the password as the
+// selection entry PASSWORD when given); logoff: an 'O' request. The client
+// user is MOX_QUORUSER, or the login name of the caller.
+CtlOutcome ctl_login(const CtlTarget& target, const std::optional<std::string>& password, bool json,
+                     const std::function<void()>& waiting = {});
+CtlOutcome ctl_logoff(const CtlTarget& target, bool json, const std::function<void()>& waiting = {});
+
 // util COMMAND...: a 'U' request whose command list is `commands`; prints
 // what the utility agent answers (the commands' output), and fails with the
 // agent's or the daemon's return code when it is not 0.

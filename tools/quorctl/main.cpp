@@ -21,7 +21,7 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: quorctl [--server NAME] [--timeout SECONDS] [--json] COMMAND [ARGS]\n"
+    "usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND [ARGS]\n"
     "\n"
     "commands:\n"
     "  status [--full]                 the daemon's brief (or full) status report\n"
@@ -33,6 +33,8 @@ constexpr const char* kUsage =
     "                                  print the segments of a message buffer\n"
     "  raw [FILE|-] [--file BUFFER] [--expect-reply|--no-reply] [--save OUT]\n"
     "                                  send a hand-made request, print the replies\n"
+    "  login [--password-stdin]        log in (through the logon agent)\n"
+    "  logoff                          log off\n"
     "  util COMMAND...                 run a command on the host (utility agent), print its output\n"
     "  table-to-csv TABLE              print a table file as CSV\n"
     "  csv-to-table CSV TABLE          write a table file from CSV ('-': standard input)\n"
@@ -43,6 +45,8 @@ constexpr const char* kUsage =
     "options:\n"
     "  --server NAME      the daemon's transport name (default MO_QUORUNIX_SERVER)\n"
     "  --timeout SECONDS  wait this long for each reply buffer (default 10)\n"
+    "  --user NAME        the client user name of requests (default MOX_QUORUSER,\n"
+    "                     else the caller's login name)\n"
     "  --json             machine-readable output\n"
     "\n"
     "The transport directory is TEV_DIR (default /tmp/tev). Exit status: 0 done,\n"
@@ -104,6 +108,15 @@ constexpr CommandHelp kHelp[] = {
      "  trailer Y|N            trailer and ZZZEOD\n"
      "  eod                    ZZZEOD alone\n"
      "Escapes: \\n \\t \\r \\\\ \\0 \\xNN.\n"},
+    {"login",
+     "usage: quorctl login [--password-stdin]\n"
+     "Logs the client user in: a login request for the object LOGON, whose agent\n"
+     "accepts the user when the account exists (and, with --password-stdin, when\n"
+     "the system accepts the password read from the first line of standard\n"
+     "input). Waits for the agent's answer; exits 3 when the login is refused.\n"},
+    {"logoff",
+     "usage: quorctl logoff\n"
+     "Logs the client user off: the daemon stops the user's login process.\n"},
     {"util",
      "usage: quorctl util COMMAND...\n"
      "Sends a utility request whose command is COMMAND (the words joined by\n"
@@ -146,6 +159,7 @@ struct Options {
   bool json = false;
   bool help = false;
   std::string command;
+  std::string user;                                         // --user
   std::vector<std::string> args;                            // positional
   std::vector<std::pair<std::string, std::string>> flags;   // command options, with any value
 };
@@ -181,7 +195,7 @@ std::optional<Options> parse(int argc, char** argv, std::string& error) {
       value = a.substr(eq + 1);
       has_value = true;
     }
-    bool needs_value = name == "--server" || name == "--timeout" || takes_value(name);
+    bool needs_value = name == "--server" || name == "--timeout" || name == "--user" || takes_value(name);
     if (needs_value && !has_value) {
       if (i + 1 >= argc) {
         error = name + " needs a value";
@@ -197,6 +211,12 @@ std::optional<Options> parse(int argc, char** argv, std::string& error) {
       o.help = true;
     } else if (name == "--json") {
       o.json = true;
+    } else if (name == "--user") {
+      if (value.empty()) {
+        error = "--user needs a name";
+        return std::nullopt;
+      }
+      o.user = value;
     } else if (name == "--server") {
       if (value.empty()) {
         error = "--server needs a name";
@@ -406,14 +426,30 @@ int main(int argc, char** argv) {
   if (o.command == "decode") return run_decode(o);
   if (o.command == "raw") return run_raw(o);
   if (o.command == "build") return run_build(o);
+  if (!o.user.empty()) setenv("MOX_QUORUSER", o.user.c_str(), 1);
+  auto waiting = [] {
+    if (isatty(2)) std::fputs("quorctl: request sent, waiting for the agent's answer...\n", stderr);
+  };
+  if (o.command == "login") {
+    if (!only_flags(o, {"--password-stdin"}, error)) return usage_error(error);
+    if (!o.args.empty()) return usage_error("login takes no arguments");
+    std::optional<std::string> password;
+    if (has_flag(o, "--password-stdin")) {
+      std::string line;
+      std::getline(std::cin, line);
+      password = line;
+    }
+    return finish(ctl_login(o.target, password, o.json, waiting));
+  }
+  if (o.command == "logoff") {
+    if (!only_flags(o, {}, error) || !o.args.empty()) return usage_error(error.empty() ? "logoff takes no arguments" : error);
+    return finish(ctl_logoff(o.target, o.json, waiting));
+  }
   if (o.command == "util") {
     if (!only_flags(o, {}, error)) return usage_error(error);
     if (o.args.empty()) return usage_error("util needs a COMMAND");
     std::string line;
     for (const std::string& a : o.args) line += (line.empty() ? "" : " ") + a;
-    auto waiting = [] {
-      if (isatty(2)) std::fputs("quorctl: request sent, waiting for the agent's answer...\n", stderr);
-    };
     return finish(ctl_util(o.target, {line}, o.json, waiting));
   }
   if (o.command == "table-to-csv" || o.command == "csv-to-table" || o.command == "calendar") return run_file_tool(o);

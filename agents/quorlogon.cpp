@@ -1,0 +1,97 @@
+// quorlogon: the sample logon agent (object "LOGON").
+//
+//   quorlogon SEGMENT-ID
+//
+// Started as root for a login request ('L'). The user to log in is the
+// record's user name (the client's); the request may carry a password as
+// the selection entry "PASSWORD". The user is accepted when the account
+// exists and, if a password came, the system's PAM stack (service
+// "quorlogon") accepts it for that account. An accepted user is reported to
+// the daemon with a LOGININFO request, the client is answered "RC 0", and
+// the agent stays as the user's login process until it is sent SIGTERM
+// (logoff, idle time-out, daemon stop). A refused user gets "RC 1" with the
+// reason, and the agent exits 1, which logs the user out again.
+//
+// With the command "LOGOFF" (a logoff request, 'O'), it only answers the
+// client: the daemon stops the login process itself.
+#include <security/pam_appl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "agentlib.h"
+
+namespace {
+
+// Answers PAM's password prompts with the password from the request.
+int converse(int count, const pam_message** messages, pam_response** responses, void* data) {
+  auto* replies = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
+  if (replies == nullptr) return PAM_BUF_ERR;
+  for (int i = 0; i < count; ++i)
+    if (messages[i]->msg_style == PAM_PROMPT_ECHO_OFF || messages[i]->msg_style == PAM_PROMPT_ECHO_ON)
+      replies[i].resp = strdup(static_cast<const char*>(data));
+  *responses = replies;
+  return PAM_SUCCESS;
+}
+
+bool password_accepted(const std::string& account, const std::string& password) {
+  pam_conv conversation{converse, const_cast<char*>(password.c_str())};
+  pam_handle_t* pam = nullptr;
+  if (pam_start("quorlogon", account.c_str(), &conversation, &pam) != PAM_SUCCESS) return false;
+  int rc = pam_authenticate(pam, PAM_DISALLOW_NULL_AUTHTOK);
+  if (rc == PAM_SUCCESS) rc = pam_acct_mgmt(pam, 0);
+  pam_end(pam, rc);
+  return rc == PAM_SUCCESS;
+}
+
+// Waits for SIGTERM, taken synchronously.
+void hold_session() {
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  sigprocmask(SIG_BLOCK, &term, nullptr);
+  int signo = 0;
+  while (sigwait(&term, &signo) != 0 || signo != SIGTERM) {
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  openlog("quorlogon", LOG_PID, LOG_AUTH);
+  AgentRequest request;
+  if (argc < 2) return 2;
+  if (!agent_take_request(std::atoi(argv[1]), request)) return 1;
+  AgentAnswer answer;
+  if (!answer.open(request, "QUORLOGON")) return 1;
+  std::string account = request.field(smc::username);
+  std::string client = request.field(smc::node);
+
+  if (request.field(smc::command) == "LOGOFF") {
+    answer.send("", 0, "logged off");
+    return 0;
+  }
+  const passwd* pw = getpwnam(account.c_str());
+  bool known = pw != nullptr;
+  std::string gid = known ? std::to_string(pw->pw_gid) : "";  // before PAM reuses the entry
+  std::string password = request.selection("PASSWORD");
+  if (!known || (!password.empty() && !password_accepted(account, password))) {
+    syslog(LOG_NOTICE, "login of %s from %s refused", account.c_str(), client.c_str());
+    answer.send("", 1, "login refused for " + account);
+    return 1;
+  }
+  if (agent_report_login(account, gid) != 0) {
+    answer.send("", 1, "cannot report the login to the daemon");
+    return 1;
+  }
+  syslog(LOG_INFO, "login of %s from %s accepted", account.c_str(), client.c_str());
+  answer.send("", 0, "logged in as " + account);
+  hold_session();
+  syslog(LOG_INFO, "session of %s from %s ended", account.c_str(), client.c_str());
+  return 0;
+}
