@@ -409,6 +409,8 @@ int main(int argc, char** argv) {
   auto parsed = parse(argc, argv, error);
   if (!parsed) return usage_error(error);
   const Options& o = *parsed;
+  // Every request this process builds names this client user.
+  if (!o.user.empty()) setenv("MOX_QUORUSER", o.user.c_str(), 1);
   if (o.command.empty()) {
     if (o.help) {
       std::fputs(kUsage, stdout);
@@ -426,7 +428,6 @@ int main(int argc, char** argv) {
   if (o.command == "decode") return run_decode(o);
   if (o.command == "raw") return run_raw(o);
   if (o.command == "build") return run_build(o);
-  if (!o.user.empty()) setenv("MOX_QUORUSER", o.user.c_str(), 1);
   auto waiting = [] {
     if (isatty(2)) std::fputs("quorctl: request sent, waiting for the agent's answer...\n", stderr);
   };
