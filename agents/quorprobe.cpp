@@ -19,6 +19,7 @@
 //   SLEEP<n>    sleep n seconds, then exit 0
 //   LOGININFO   report a login (LOGININFO) for the record's user name to the
 //               daemon, then wait for SIGTERM as the user's login process
+//   ANSWER      answer the client with the P.info lines (RC 0)
 //   anything else: exit 0
 #include <grp.h>
 #include <signal.h>
@@ -84,6 +85,10 @@ int main(int argc, char** argv) {
        << "\nMO_MOXMESSAGE=" << (std::getenv("MO_MOXMESSAGE") ? std::getenv("MO_MOXMESSAGE") : "") << "\n";
   write_file(base + ".info", info.str());
 
+  if (command == "ANSWER") {
+    AgentAnswer answer;
+    return answer.open(request, "QUORPROBE") && answer.send(info.str(), 0, "probe") == 0 ? 0 : 3;
+  }
   if (command.starts_with("EXIT")) return std::atoi(command.c_str() + 4);
   if (command.starts_with("SLEEP")) {
     sleep(static_cast<unsigned>(std::atoi(command.c_str() + 5)));

@@ -349,3 +349,37 @@ TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
 }
 
 }  // namespace
+
+namespace {
+
+// A service request with every option quorctl run offers reaches the agent,
+// whose answer comes back to the client.
+TEST_F(Commands, ServiceRequestsAnsweredByTheirAgent) {
+  REQUIRE_ROOT();
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n");
+  std::string csv_path = daemon_->root().str() + "/t.csv";
+  std::ofstream(csv_path) << "a,b\nc,d\n";
+  CtlBuild spec;
+  spec.object = "PROBE";
+  spec.command = "ANSWER";
+  spec.format = "P";
+  spec.date_format = "YYYY-MM-DD";
+  spec.language = "english";
+  spec.selections = {{"K", "<", "9"}};
+  spec.data = CtlBuild::Data::Table;
+  spec.source = csv_path;
+  CtlOutcome answer = ctl_agent_request(CtlTarget{}, spec, false);
+  EXPECT_EQ(answer.status, kCtlOk) << answer.error << daemon_->output();
+  EXPECT_NE(answer.out.find("argv0=quorprobe\n"), std::string::npos) << answer.out;
+  EXPECT_NE(answer.out.find("MOX_DATEFMT=YYYY-MM-DD\n"), std::string::npos) << answer.out;
+  std::optional<Probe> probe = next_probe();
+  ASSERT_TRUE(probe);
+  EXPECT_EQ(probe->record()[smc::format.offset], 64);
+  EXPECT_EQ(probe->field(smc::slot(smc::csl_name, 0)), "K");
+  std::string data_path = daemon_->root().str() + "/copy.rdw";
+  std::ofstream(data_path, std::ios::binary) << probe->data;
+  EXPECT_EQ(ctl_table_to_csv(data_path).out, "a,b\nc,d\n");
+}
+
+}  // namespace

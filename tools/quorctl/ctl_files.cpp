@@ -255,6 +255,7 @@ void begin_buffer(const CtlBuild& spec, bool first, OutBuf& out) {
   ObjectHeader hdr;
   hdr.object = spec.object;
   hdr.action = spec.command;
+  if (!spec.format.empty()) hdr.data_format = spec.format;
   if (spec.data != CtlBuild::Data::None && spec.data != CtlBuild::Data::Commands) hdr.filename = "Y";
   quor_hdr_write(hdr, out);
   if (first && (!spec.date_format.empty() || !spec.language.empty())) {

@@ -36,6 +36,7 @@ struct CtlBuild {
   std::string type = "S";  // message type
   std::string object;      // OBJ
   std::string command;     // CMD
+  std::string format;      // FMT ("P": packed)
   std::vector<std::array<std::string, 3>> selections;  // name, operator, value
   std::string date_format;  // the agent's MOX_DATEFMT, when set
   std::string language;     // chooses the agent's message directory, when set

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <optional>
@@ -36,6 +37,7 @@ constexpr const char* kUsage =
     "  login [--password-stdin]        log in (through the logon agent)\n"
     "  logoff                          log off\n"
     "  util COMMAND...                 run a command on the host (utility agent), print its output\n"
+    "  run OBJECT COMMAND [OPTIONS]    send a service request to an object's agent, print its answer\n"
     "  table-to-csv TABLE              print a table file as CSV\n"
     "  csv-to-table CSV TABLE          write a table file from CSV ('-': standard input)\n"
     "  calendar FILE                   print a calendar file's header and lines\n"
@@ -117,6 +119,14 @@ constexpr CommandHelp kHelp[] = {
     {"logoff",
      "usage: quorctl logoff\n"
      "Logs the client user off: the daemon stops the user's login process.\n"},
+    {"run",
+     "usage: quorctl run OBJECT COMMAND [--table FILE.csv | --calendar FILE | --list FILE]\n"
+     "                   [--select 'NAME OP VALUE']... [--format F] [--date-format F]\n"
+     "                   [--language L]\n"
+     "Sends a service request ('S') for OBJECT with COMMAND, carrying the data\n"
+     "and selection list given, over as many buffers as it needs, and waits up\n"
+     "to the timeout for the agent's answer: prints its list lines and exits 3\n"
+     "when its return code (or the daemon's refusal) is not 0.\n"},
     {"util",
      "usage: quorctl util COMMAND...\n"
      "Sends a utility request whose command is COMMAND (the words joined by\n"
@@ -167,7 +177,7 @@ struct Options {
 // Options that take a value, besides the global ones.
 bool takes_value(const std::string& name) {
   for (const char* n : {"--file", "--save", "--type", "--object", "--command", "--select", "--table", "--calendar",
-                        "--list", "--out"})
+                        "--list", "--out", "--format", "--date-format", "--language"})
     if (name == n) return true;
   return false;
 }
@@ -353,9 +363,43 @@ int run_raw(const Options& o) {
   return finish(ctl_raw(o.target, std::move(plain), expect, o.json));
 }
 
+// The data and selection options shared by build and run; a usage error
+// in `error`.
+bool request_options(const Options& o, CtlBuild& spec, std::string& error) {
+  int sources = 0;
+  for (auto [flag, kind] : {std::pair{"--table", CtlBuild::Data::Table}, {"--calendar", CtlBuild::Data::Calendar},
+                            {"--list", CtlBuild::Data::List}})
+    if (auto file = flag_value(o, flag)) {
+      spec.data = kind;
+      spec.source = *file;
+      ++sources;
+    }
+  if (sources > 1) {
+    error = "--table, --calendar and --list exclude each other";
+    return false;
+  }
+  for (const auto& [name, value] : o.flags) {
+    if (name != "--select") continue;
+    std::istringstream words(value);
+    std::array<std::string, 3> s;
+    words >> s[0] >> s[1];
+    std::getline(words >> std::ws, s[2]);
+    if (s[0].empty() || s[1].empty()) {
+      error = "--select takes 'NAME OP VALUE'";
+      return false;
+    }
+    spec.selections.push_back(std::move(s));
+  }
+  spec.format = flag_value(o, "--format").value_or("");
+  spec.date_format = flag_value(o, "--date-format").value_or("");
+  spec.language = flag_value(o, "--language").value_or("");
+  return true;
+}
+
 int run_build(const Options& o) {
   std::string error;
-  if (!only_flags(o, {"--type", "--object", "--command", "--select", "--table", "--calendar", "--list", "--out"},
+  if (!only_flags(o, {"--type", "--object", "--command", "--select", "--table", "--calendar", "--list", "--out",
+                      "--format", "--date-format", "--language"},
                   error))
     return usage_error(error);
   if (!o.args.empty()) return usage_error("build takes options only");
@@ -366,25 +410,21 @@ int run_build(const Options& o) {
   if (spec.type.size() != 1) return usage_error("--type takes one letter");
   spec.object = flag_value(o, "--object").value_or("");
   spec.command = flag_value(o, "--command").value_or("");
-  int sources = 0;
-  for (auto [flag, kind] : {std::pair{"--table", CtlBuild::Data::Table}, {"--calendar", CtlBuild::Data::Calendar},
-                            {"--list", CtlBuild::Data::List}})
-    if (auto file = flag_value(o, flag)) {
-      spec.data = kind;
-      spec.source = *file;
-      ++sources;
-    }
-  if (sources > 1) return usage_error("--table, --calendar and --list exclude each other");
-  for (const auto& [name, value] : o.flags) {
-    if (name != "--select") continue;
-    std::istringstream words(value);
-    std::array<std::string, 3> s;
-    words >> s[0] >> s[1];
-    std::getline(words >> std::ws, s[2]);
-    if (s[0].empty() || s[1].empty()) return usage_error("--select takes 'NAME OP VALUE'");
-    spec.selections.push_back(std::move(s));
-  }
+  if (!request_options(o, spec, error)) return usage_error(error);
   return finish(ctl_build_files(spec, *out, o.json));
+}
+
+int run_run(const Options& o, const std::function<void()>& waiting) {
+  std::string error;
+  if (!only_flags(o, {"--select", "--table", "--calendar", "--list", "--format", "--date-format", "--language"},
+                  error))
+    return usage_error(error);
+  if (o.args.size() != 2) return usage_error("run takes OBJECT and COMMAND");
+  CtlBuild spec;
+  spec.object = o.args[0];
+  spec.command = o.args[1];
+  if (!request_options(o, spec, error)) return usage_error(error);
+  return finish(ctl_agent_request(o.target, spec, o.json, waiting));
 }
 
 int run_file_tool(const Options& o) {
@@ -446,6 +486,7 @@ int main(int argc, char** argv) {
     if (!only_flags(o, {}, error) || !o.args.empty()) return usage_error(error.empty() ? "logoff takes no arguments" : error);
     return finish(ctl_logoff(o.target, o.json, waiting));
   }
+  if (o.command == "run") return run_run(o, waiting);
   if (o.command == "util") {
     if (!only_flags(o, {}, error)) return usage_error(error);
     if (o.args.empty()) return usage_error("util needs a COMMAND");
