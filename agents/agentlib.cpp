@@ -10,6 +10,7 @@
 #include <array>
 #include <cstring>
 
+#include "quoraccount.h"
 #include "quorlsfl.h"
 #include "quortrl.h"
 #include "quorutl.h"
@@ -33,10 +34,8 @@ bool agent_take_request(int id, AgentRequest& request) {
 }
 
 bool agent_become(const std::string& account) {
-  const passwd* pw = getpwnam(account.c_str());
-  if (pw == nullptr) return false;
-  if (initgroups(pw->pw_name, pw->pw_gid) != 0 || setgid(pw->pw_gid) != 0 || setuid(pw->pw_uid) != 0) return false;
-  return pw->pw_uid == 0 || setuid(0) != 0;
+  std::optional<Account> identity = quor_account(account);
+  return identity && quor_account_become(*identity);
 }
 
 bool AgentAnswer::open(const AgentRequest& request, std::string_view name) {

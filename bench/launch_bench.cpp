@@ -53,7 +53,7 @@ std::vector<std::uint8_t> service_request() {
   OutBuf out(buf);
   tran_header_put("S", "N", out);
   ObjectHeader hdr;
-  hdr.object = "NULL";
+  hdr.object = std::getenv("LAUNCH_OBJECT") ? std::getenv("LAUNCH_OBJECT") : "NULL";
   hdr.action = "RUN";
   quor_hdr_write(hdr, out);
   quor_trl_put("N", out);
@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
   fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
   for (auto d : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log"}) fs::create_directories(root / d);
   std::ofstream(root / "quor/etc/quor.config") << "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n";
-  std::ofstream(root / "quor/etc/quorobj.map") << "NULL quornull\n";
+  std::ofstream(root / "quor/etc/quorobj.map") << "NULL quornull\nLOGON quornull\n";
   std::ofstream(root / "quor/etc/quorlang.map") << "DEFAULT english\n";
   fs::copy_file(QUORNULL_PATH, root / "quor/bin/quornull");
   fs::copy_file(QUORUSERPGM_PATH, root / "quor/bin/quoruserpgm");

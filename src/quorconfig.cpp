@@ -1,4 +1,5 @@
 #include "quorconfig.h"
+#include "quoraccount.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -286,6 +287,7 @@ const ObjectMapEntry* quor_objmap_find(std::string_view name) {
 }
 
 int quor_refresh(ConnRecord& conn, InBuf request) {
+  quor_accounts_forget();  // accounts may have changed too
   std::optional<std::string_view> path;
   if (std::optional<std::size_t> at = buf_find_segment(request, "ZZZFIL")) path = buf_string(request, *at);
   int rc = quor_config_load(quor_objmap(), quor_config(), path);

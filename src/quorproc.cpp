@@ -14,6 +14,7 @@
 
 #include "momsg.h"
 #include "quorRDW.h"
+#include "quoraccount.h"
 #include "quorcal.h"
 #include "quorconfig.h"
 #include "quordebug.h"
@@ -190,27 +191,26 @@ std::string_view basename_of(std::string_view path) {
 // In the agent's child process: the segment and the data file go to the
 // account, which then becomes the process's identity (groups, group, user).
 // False when any step fails; the child must then not run the agent.
-bool become_account(const passwd& account, int shm_id, std::span<const char> record) {
-  if (quor_debug())
-    quor_trace("Setting uid to %d for user %s\n", static_cast<int>(account.pw_uid), account.pw_name);
+bool become_account(const Account& account, int shm_id, std::span<const char> record) {
+  if (quor_debug()) quor_trace("Setting uid to %d for user %s\n", static_cast<int>(account.uid), account.name.c_str());
   shmid_ds ds{};
   if (shmctl(shm_id, IPC_STAT, &ds) != 0) return false;
-  ds.shm_perm.uid = account.pw_uid;
+  ds.shm_perm.uid = account.uid;
   ds.shm_perm.gid = getgid();
   ds.shm_perm.mode = 0600;
   if (shmctl(shm_id, IPC_SET, &ds) != 0) return false;
   std::string data_file(smc_get(record, smc::fileName));
-  if (!data_file.empty() && chown(data_file.c_str(), account.pw_uid, account.pw_gid) != 0 && errno != ENOENT)
+  if (!data_file.empty() && chown(data_file.c_str(), account.uid, account.gid) != 0 && errno != ENOENT)
     return false;
-  if (initgroups(account.pw_name, account.pw_gid) != 0 || setgid(account.pw_gid) != 0) return false;
-  int rc = setuid(account.pw_uid);
-  if (quor_debug()) quor_trace("setuid returned status = %d, errno = %d\n", rc, rc == 0 ? 0 : errno);
-  // A process that could take root back has not really changed identity.
-  return rc == 0 && (account.pw_uid == 0 || setuid(0) != 0);
+  bool became = quor_account_become(account);
+  if (quor_debug()) quor_trace("setuid returned status = %d, errno = %d\n", became ? 0 : -1, became ? 0 : errno);
+  return became;
 }
 
+// The account is looked up by the daemon before the fork (and remembered);
+// nothing in `account` means there is none.
 [[noreturn]] void run_agent(const ChildEntry& entry, const std::string& program, const std::string& id,
-                            bool change_uid, const std::string& username, std::span<const char> record) {
+                            bool change_uid, const std::optional<Account>& account, std::span<const char> record) {
   if (entry.env) {
     for (const std::string* e : {&entry.env->date_format, &entry.env->message}) {
       if (e->empty()) continue;
@@ -221,8 +221,7 @@ bool become_account(const passwd& account, int shm_id, std::span<const char> rec
   if (change_uid) {
     // No account, or any failed step of the change: the agent does not run,
     // rather than run as root on somebody's behalf.
-    const passwd* account = getpwnam(username.c_str());
-    if (account == nullptr || !become_account(*account, entry.shm_id, record)) {
+    if (!account || !become_account(*account, entry.shm_id, record)) {
       shmctl(entry.shm_id, IPC_RMID, nullptr);
       _exit(99);
     }
@@ -270,13 +269,14 @@ int quor_agent_start(ChildEntry& entry) {
   std::vector<char> record_copy(record.begin(), record.end());
   shmdt(entry.shm_addr);
   entry.shm_addr = nullptr;
+  std::optional<Account> account = change_uid ? quor_account(username) : std::nullopt;
   std::fflush(nullptr);
   pid_t pid = fork();
   if (pid < 0) {
     quor_msg_log(122, 2, quor_program_name());
     return 3;
   }
-  if (pid == 0) run_agent(entry, program->program_path, id, change_uid, username, record_copy);
+  if (pid == 0) run_agent(entry, program->program_path, id, change_uid, account, record_copy);
 
   entry.agent_pid = pid;
   if (entry.type == 'L') {

@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 
+#include "quoraccount.h"
 #include "quorconfig.h"
 #include "quordebug.h"
 #include "quorderr.h"
@@ -20,15 +21,6 @@ std::string quor_login_program() { return quor_install_root() + "/quor/bin/quoru
 
 namespace {
 
-// Takes on the account's identity; false when any step fails.
-bool become(const passwd& account) {
-  if (initgroups(account.pw_name, account.pw_gid) != 0) return false;
-  if (setgid(account.pw_gid) != 0) return false;
-  if (setuid(account.pw_uid) != 0) return false;
-  // A process that could take root back has not really changed identity.
-  return account.pw_uid == 0 || setuid(0) != 0;
-}
-
 // Runs in the forked child; returns only when the program could not be
 // started.
 void exec_login(const std::string& login_name, const std::string& client, int flag) {
@@ -37,7 +29,8 @@ void exec_login(const std::string& login_name, const std::string& client, int fl
     quor_trace("exec login, user = %s, client = %s, pwentry = %.8lx\n", login_name.c_str(), client.c_str(),
                static_cast<unsigned long>(reinterpret_cast<std::uintptr_t>(account)));
   if (account == nullptr) return;
-  if (!become(*account)) return;
+  std::optional<Account> identity = quor_account(login_name);
+  if (!identity || !quor_account_become(*identity)) return;
   std::string path = quor_login_program();
   if (quor_debug()) quor_trace("exec pathname = ^%s^\n", path.c_str());
   execl(path.c_str(), "quoruserpgm", login_name.c_str(), client.c_str(), flag != 0 ? "1" : "0",

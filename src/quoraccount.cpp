@@ -1,0 +1,60 @@
+#include "quoraccount.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <map>
+
+namespace {
+
+struct Remembered {
+  Account account;
+  std::time_t until = 0;
+};
+
+std::map<std::string, Remembered>& remembered() {
+  static std::map<std::string, Remembered> accounts;
+  return accounts;
+}
+
+std::optional<Account> look_up(const std::string& name) {
+  const passwd* pw = getpwnam(name.c_str());
+  if (pw == nullptr) return std::nullopt;
+  Account a{pw->pw_name, pw->pw_uid, pw->pw_gid, {}};
+  int count = 32;
+  for (;;) {
+    a.groups.resize(static_cast<std::size_t>(count));
+    int n = count;
+    if (getgrouplist(a.name.c_str(), a.gid, a.groups.data(), &n) >= 0) {
+      a.groups.resize(static_cast<std::size_t>(n));
+      return a;
+    }
+    if (n <= count) return std::nullopt;
+    count = n;
+  }
+}
+
+}  // namespace
+
+std::optional<Account> quor_account(const std::string& name) {
+  std::time_t now = std::time(nullptr);
+  auto& accounts = remembered();
+  if (auto it = accounts.find(name); it != accounts.end() && now < it->second.until) return it->second.account;
+  std::optional<Account> found = look_up(name);
+  if (found)
+    accounts[name] = Remembered{*found, now + kAccountLifetime};
+  else
+    accounts.erase(name);
+  return found;
+}
+
+void quor_accounts_forget() { remembered().clear(); }
+
+bool quor_account_become(const Account& account) {
+  if (setgroups(account.groups.size(), account.groups.data()) != 0) return false;
+  if (setgid(account.gid) != 0 || setuid(account.uid) != 0) return false;
+  // A process that could take root back has not really changed identity.
+  return account.uid == 0 || setuid(0) != 0;
+}
