@@ -7,6 +7,7 @@
 
 #include "core_util.h"
 #include "momsg.h"
+#include "quoraccount.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
@@ -219,6 +220,29 @@ TEST_F(LoginReport, ASecondReportReplacesTheLoginProcess) {
   EXPECT_EQ(ann.login_name, "changed");
   EXPECT_NE(ann.login_pid, second);
   EXPECT_NE(waitpid(second, nullptr, WNOHANG), 0) << "the other account's process is still running";
+}
+
+}  // namespace
+
+namespace {
+
+// An account's identity as agents and login programs take it on: looked
+// up with its groups, and, in a child process, taken on for good.
+TEST(Accounts, LookedUpAndTakenOn) {
+  EXPECT_FALSE(quor_account("no such account here"));
+  std::optional<Account> nobody = quor_account("nobody");
+  if (!nobody) GTEST_SKIP() << "no account 'nobody'";
+  EXPECT_NE(std::find(nobody->groups.begin(), nobody->groups.end(), nobody->gid), nobody->groups.end());
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
+  testutil::Child child([&] {
+    if (!quor_account_become(*nobody)) return 1;
+    if (getuid() != nobody->uid || geteuid() != nobody->uid || getgid() != nobody->gid) return 2;
+    gid_t groups[64];
+    int n = getgroups(64, groups);
+    if (n != static_cast<int>(nobody->groups.size())) return 3;
+    return setuid(0) == 0 ? 4 : 0;
+  });
+  EXPECT_EQ(child.wait(), 0);
 }
 
 }  // namespace
