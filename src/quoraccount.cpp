@@ -2,6 +2,7 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -57,4 +58,11 @@ bool quor_account_become(const Account& account) {
   if (setgid(account.gid) != 0 || setuid(account.uid) != 0) return false;
   // A process that could take root back has not really changed identity.
   return account.uid == 0 || setuid(0) != 0;
+}
+
+bool quor_account_become_here(const Account& account) {
+  if (syscall(SYS_setgroups, account.groups.size(), account.groups.data()) != 0) return false;
+  if (syscall(SYS_setresgid, account.gid, account.gid, account.gid) != 0) return false;
+  if (syscall(SYS_setresuid, account.uid, account.uid, account.uid) != 0) return false;
+  return account.uid == 0 || syscall(SYS_setuid, 0) != 0;
 }

@@ -33,3 +33,8 @@ void quor_accounts_forget();
 // group, user. False when any step fails, or when root could be taken back
 // afterwards.
 bool quor_account_become(const Account& account);
+
+// The same for a child that shares the daemon's memory until it execs
+// (vfork): bare system calls that change only the calling process, no
+// allocation, no library state.
+bool quor_account_become_here(const Account& account);

@@ -22,6 +22,7 @@
 #include "quorlsfl.h"
 #include "quorpnfn.h"
 #include "quorsmc.h"
+#include "quorspawn.h"
 #include "quortrl.h"
 #include "quorusers.h"
 
@@ -188,49 +189,16 @@ std::string_view basename_of(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-// In the agent's child process: the segment and the data file go to the
-// account, which then becomes the process's identity (groups, group, user).
-// False when any step fails; the child must then not run the agent.
-bool become_account(const Account& account, int shm_id, std::span<const char> record) {
-  if (quor_debug()) quor_trace("Setting uid to %d for user %s\n", static_cast<int>(account.uid), account.name.c_str());
-  shmid_ds ds{};
-  if (shmctl(shm_id, IPC_STAT, &ds) != 0) return false;
-  ds.shm_perm.uid = account.uid;
-  ds.shm_perm.gid = getgid();
-  ds.shm_perm.mode = 0600;
-  if (shmctl(shm_id, IPC_SET, &ds) != 0) return false;
-  std::string data_file(smc_get(record, smc::fileName));
-  if (!data_file.empty() && chown(data_file.c_str(), account.uid, account.gid) != 0 && errno != ENOENT)
-    return false;
-  bool became = quor_account_become(account);
-  if (quor_debug()) quor_trace("setuid returned status = %d, errno = %d\n", became ? 0 : -1, became ? 0 : errno);
-  return became;
-}
-
-// The account is looked up by the daemon before the fork (and remembered);
-// nothing in `account` means there is none.
-[[noreturn]] void run_agent(const ChildEntry& entry, const std::string& program, const std::string& id,
-                            bool change_uid, const std::optional<Account>& account, std::span<const char> record) {
-  if (entry.env) {
-    for (const std::string* e : {&entry.env->date_format, &entry.env->message}) {
-      if (e->empty()) continue;
-      if (quor_debug()) quor_trace("adding to env - ^%s^\n", e->c_str());
-      putenv(const_cast<char*>(e->c_str()));  // the child's own copy, kept until exec
-    }
+// The environment entries the client asked for, as "NAME=value".
+std::vector<std::string> agent_environment(const ChildEntry& entry) {
+  std::vector<std::string> env;
+  if (!entry.env) return env;
+  for (const std::string* e : {&entry.env->date_format, &entry.env->message}) {
+    if (e->empty()) continue;
+    if (quor_debug()) quor_trace("adding to env - ^%s^\n", e->c_str());
+    env.push_back(*e);
   }
-  if (change_uid) {
-    // No account, or any failed step of the change: the agent does not run,
-    // rather than run as root on somebody's behalf.
-    if (!account || !become_account(*account, entry.shm_id, record)) {
-      shmctl(entry.shm_id, IPC_RMID, nullptr);
-      _exit(99);
-    }
-  }
-  std::string arg0(basename_of(program));
-  execl(program.c_str(), arg0.c_str(), id.c_str(), static_cast<char*>(nullptr));
-  shmctl(entry.shm_id, IPC_RMID, nullptr);
-  quor_msg_log(121, 2, quor_program_name());
-  _exit(99);
+  return env;
 }
 
 }  // namespace
@@ -264,19 +232,37 @@ int quor_agent_start(ChildEntry& entry) {
     quor_msg_log(121, 2, quor_program_name());
     return 3;
   }
+  // Looked up (and remembered) here, so that the child only makes the
+  // system calls. An agent that needs an account that does not exist is not
+  // started: never run as root on somebody's behalf.
+  std::optional<Account> account = change_uid ? quor_account(username) : std::nullopt;
+  if (change_uid && !account) {
+    quor_msg_log(301, 2, "object " + object + ", account " + username);
+    return 3;
+  }
+  SpawnRequest spawn{program->program_path, {}, agent_environment(entry), account ? &*account : nullptr,
+                     entry.shm_id, std::string(smc_get(record, smc::fileName))};
+  spawn.args = {std::string(basename_of(spawn.program)), std::to_string(static_cast<long>(entry.shm_id))};
+  if (account && quor_debug())
+    quor_trace("Setting uid to %d for user %s\n", static_cast<int>(account->uid), username.c_str());
+
   // The segment passes to the agent: the daemon lets go of it first.
-  std::string id = std::to_string(static_cast<long>(entry.shm_id));
-  std::vector<char> record_copy(record.begin(), record.end());
   shmdt(entry.shm_addr);
   entry.shm_addr = nullptr;
-  std::optional<Account> account = change_uid ? quor_account(username) : std::nullopt;
-  std::fflush(nullptr);
-  pid_t pid = fork();
+  SpawnResult started = quor_spawn(spawn);
+  pid_t pid = started.pid;
   if (pid < 0) {
     quor_msg_log(122, 2, quor_program_name());
     return 3;
   }
-  if (pid == 0) run_agent(entry, program->program_path, id, change_uid, account, record_copy);
+  if (account && quor_debug())
+    quor_trace("setuid returned status = %d, errno = %d\n", started.failure == SpawnResult::kIdentity ? -1 : 0,
+               started.failure == SpawnResult::kIdentity ? started.err : 0);
+  // A child that failed has removed the segment and ended with status 99;
+  // the sweep drops the entry.
+  if (started.failure == SpawnResult::kIdentity)
+    quor_msg_log(301, 2, "object " + object + ", account " + username + ": " + std::strerror(started.err));
+  if (started.failure == SpawnResult::kExec) quor_msg_log(121, 2, quor_program_name());
 
   entry.agent_pid = pid;
   if (entry.type == 'L') {

@@ -1,0 +1,44 @@
+// Starting an agent program from the daemon.
+//
+// The daemon starts agents with vfork and exec: the child borrows the
+// daemon's memory until it execs, so no page tables are copied and nothing
+// is copied on write, which makes a start roughly as cheap as the exec
+// itself. The price is that the child may only make system calls: the
+// argument vector, the environment and the account are all made ready
+// before the vfork, and the child tells the daemon how far it got through
+// the memory they share, not through the log or any library state.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "quoraccount.h"
+
+struct SpawnRequest {
+  std::string program;                 // path of the program to execute
+  std::vector<std::string> args;       // its argument vector, argv[0] included
+  std::vector<std::string> env;        // "NAME=value" entries added to the daemon's environment, replacing
+                                       // any entry of the same name
+  const Account* account = nullptr;    // identity to take on before the exec; none keeps the daemon's
+  int shm_id = -1;                     // segment handed to the account before the change (owner uid, the
+                                       // daemon's group, mode 0600); removed by the child when it fails
+  std::string data_file;               // a file handed to the account too, when it exists
+};
+
+struct SpawnResult {
+  enum Failure { kNone, kIdentity, kExec };
+  pid_t pid = -1;           // the child, which ends with status 99 when it failed; -1 when vfork failed
+  Failure failure = kNone;  // how far the child got: known as soon as quor_spawn returns
+  int err = 0;              // errno of the step that failed
+};
+
+// Exit status of a child that could not take on the account or exec.
+inline constexpr int kSpawnFailedStatus = 99;
+
+SpawnResult quor_spawn(const SpawnRequest& request);
+
+// The environment `base` with `added` entries put in as putenv would:
+// an entry whose name is already there takes its place.
+std::vector<const char*> quor_spawn_environment(char* const* base, const std::vector<std::string>& added);
