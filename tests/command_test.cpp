@@ -258,6 +258,29 @@ TEST_F(Commands, LoginServiceRequestAndLogoff) {
   EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << daemon_->output();
 }
 
+// A login reported for an account this host does not have: requests under
+// it are refused with an error reply, and nothing starts as anyone else.
+TEST_F(Commands, RequestsUnderAnAccountThatDoesNotExistStartNothing) {
+  REQUIRE_ROOT();
+  start("LOGIN_REQUIRED: 1\n");
+  testutil::EnvGuard user("MOX_QUORUSER", "nosuchaccount");
+  CtlBuild login;
+  login.type = "L";
+  login.object = "LOGON";
+  login.command = "LOGININFO";
+  send(login, false);
+  ASSERT_TRUE(next_probe()) << daemon_->output();
+  for (int i = 0; i < 100 && counts().find("1 users") == std::string::npos; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+
+  CtlBuild service;
+  service.object = "PROBE";
+  EXPECT_EQ(error_text(send(service, true)).substr(0, 2), "1 ");
+  EXPECT_NE(daemon_->log().find("QUOR0301E"), std::string::npos) << daemon_->log();
+  EXPECT_FALSE(next_probe(15)) << "an agent ran";
+  EXPECT_EQ(counts(), "    1 users logged into quor\n    0 transactions in progress.\n");
+}
+
 }  // namespace
 
 namespace {
