@@ -1,6 +1,6 @@
 // Soak: a long run of mixed requests with agents against the real daemon,
 // watching what must not grow: its memory, its open files, its child
-// table and the shared-memory segments on the host.
+// table and the shared-memory segments it created.
 //
 // Run as root (the daemon starts agents as "nobody"); not part of CI:
 //   build/bench/soak_bench [REQUESTS]
@@ -64,12 +64,14 @@ long open_files(pid_t pid) {
   return n;
 }
 
-long segments() {
+// Segments the daemon created that still exist; other programs' segments on
+// the host come and go and must not count.
+long segments(pid_t daemon) {
   shmid_ds ds{};
   int highest = shmctl(0, SHM_INFO, &ds);
   long n = 0;
   for (int i = 0; i <= highest; ++i)
-    if (shmctl(i, SHM_STAT, &ds) >= 0) ++n;
+    if (shmctl(i, SHM_STAT, &ds) >= 0 && ds.shm_cpid == daemon) ++n;
   return n;
 }
 
@@ -110,7 +112,6 @@ int main(int argc, char** argv) {
   unsetenv("MOXQUORDEBUG");
   unsetenv("MOXQUORSPIN");
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  long segments_before = segments();
   pid_t starter = fork();
   if (starter == 0) {
     execl(QUORDAEMON_PATH, QUORDAEMON_PATH, static_cast<char*>(nullptr));
@@ -136,7 +137,7 @@ int main(int argc, char** argv) {
     auto report = [&](long done) {
       std::printf("%9ld %10s %10s %6ld %13s %9ld\n", done, proc_field(daemon, "VmRSS:").c_str(),
                   proc_field(daemon, "VmHWM:").c_str(), open_files(daemon), transactions(client).c_str(),
-                  segments() - segments_before);
+                  segments(daemon));
       std::fflush(stdout);
     };
     report(0);
