@@ -281,6 +281,29 @@ TEST_F(Commands, RequestsUnderAnAccountThatDoesNotExistStartNothing) {
   EXPECT_EQ(counts(), "    1 users logged into quor\n    0 transactions in progress.\n");
 }
 
+// A logoff from a client that never logged in still runs its agent (as the
+// default login) and stops nothing else: the default login program goes on.
+TEST_F(Commands, ALogoffWithoutALoginStopsNothing) {
+  REQUIRE_ROOT();
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n");
+  auto children = [&] {
+    std::string pid = std::to_string(daemon_->pid());
+    return read_file("/proc/" + pid + "/task/" + pid + "/children");
+  };
+  std::string login = children();
+  ASSERT_NE(login, "") << "no default login program";
+  login = login.substr(0, login.find(' '));
+  CtlBuild logoff;
+  logoff.type = "O";
+  logoff.object = "PROBE";
+  send(logoff, false);
+  ASSERT_TRUE(next_probe()) << daemon_->output();
+  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
+  std::string stat = read_file("/proc/" + login + "/stat");
+  EXPECT_EQ(stat.substr(stat.rfind(')') + 2, 1), "S") << "the default login program was stopped: " << stat;
+}
+
 }  // namespace
 
 namespace {
