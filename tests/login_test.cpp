@@ -222,10 +222,6 @@ TEST_F(LoginReport, ASecondReportReplacesTheLoginProcess) {
   EXPECT_NE(waitpid(second, nullptr, WNOHANG), 0) << "the other account's process is still running";
 }
 
-}  // namespace
-
-namespace {
-
 // An account's identity as agents and login programs take it on: looked
 // up with its groups, and, in a child process, taken on for good.
 TEST(Accounts, LookedUpAndTakenOn) {

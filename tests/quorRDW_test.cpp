@@ -19,16 +19,6 @@ void write_bytes(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
 }
 
-// Writes `rows` with the record writer.
-void write_table(const std::string& path, const Rows& rows) {
-  FilePtr f = rdw_open(path, 'W');
-  ASSERT_TRUE(f);
-  for (const auto& row : rows) {
-    std::vector<std::string_view> values(row.begin(), row.end());
-    ASSERT_EQ(rdw_write_record(f.get(), values), 0);
-  }
-}
-
 // Reads every record back: the rows, and the status of each read.
 Rows read_table(const std::string& path, std::vector<int>* statuses = nullptr) {
   FilePtr f = rdw_open(path, 'R');
@@ -45,33 +35,6 @@ Rows read_table(const std::string& path, std::vector<int>* statuses = nullptr) {
   return rows;
 }
 
-// Request buffers carrying `rows` in "ZZZRDW" segments of `columns` values
-// per row, as many buffers as they need (or `per_buffer` rows each), the
-// last with more-data "N". A buffer's items may be given raw with `raw`.
-std::vector<std::vector<char>> table_requests(const Rows& rows, std::size_t columns, std::size_t per_buffer = 0) {
-  std::vector<std::vector<char>> buffers;
-  std::size_t next = 0;
-  do {
-    std::vector<char> buf(BUFFER_MAX);
-    OutBuf out(buf);
-    tran_header_put("S", buffers.empty() ? "N" : "Y", out);
-    std::size_t field = buf_begin_segment(out, kRdwTag);
-    buf_add_item(out, std::to_string(columns));
-    std::size_t in_this = 0;
-    for (; next < rows.size() && (per_buffer == 0 || in_this < per_buffer); ++next, ++in_this) {
-      std::size_t need = 0;
-      for (const auto& v : rows[next]) need += v.size() + 1;
-      if (out.pos + need + 64 > BUFFER_MAX) break;
-      for (const auto& v : rows[next]) buf_add_item(out, v);
-    }
-    buf_end_segment(out, field);
-    quor_trl_put(next < rows.size() ? "Y" : "N", out);
-    buf.resize(out.pos);
-    buffers.push_back(std::move(buf));
-  } while (next < rows.size());
-  return buffers;
-}
-
 // A request whose "ZZZRDW" segment holds exactly `items` (count first), and
 // a trailer with `more` unless it is empty.
 std::vector<char> raw_request(const std::vector<std::string>& items, std::string_view more = "N") {
@@ -86,6 +49,22 @@ std::vector<char> raw_request(const std::vector<std::string>& items, std::string
   return buf;
 }
 
+// Request buffers carrying `rows` of `columns` values, as many buffers as
+// they need, the last with more-data "N".
+std::vector<std::vector<char>> table_requests(const Rows& rows, std::size_t columns) {
+  std::vector<std::vector<char>> buffers;
+  for (std::size_t next = 0; next < rows.size();) {
+    std::vector<std::string> items = {std::to_string(columns)};
+    for (std::size_t bytes = 0; next < rows.size() && bytes < BUFFER_MAX - 1024; ++next)
+      for (const auto& v : rows[next]) {
+        items.push_back(v);
+        bytes += v.size() + 1;
+      }
+    buffers.push_back(raw_request(items, next < rows.size() ? "Y" : "N"));
+  }
+  return buffers;
+}
+
 class TableFiles : public ForkedServer {
  protected:
   std::string path(const char* name = "t.rdw") const { return (dir_.path() / name).string(); }
@@ -97,7 +76,15 @@ class TableFiles : public ForkedServer {
 };
 
 TEST_F(TableFiles, RecordBytesAndReadingBack) {
-  write_table(path(), {{"a", "bb", ""}, {"abc   ", "   ", "x"}});
+  {
+    FilePtr f = rdw_open(path(), 'W');
+    ASSERT_TRUE(f);
+    const std::vector<std::string_view> rows[] = {{"a", "bb", ""}, {"abc   ", "   ", "x"}};
+    for (const auto& row : rows) ASSERT_EQ(rdw_write_record(f.get(), row), 0);
+    // A record too long for its 16-bit length word is refused, not wrapped.
+    std::vector<std::string> wide(300, std::string(259, 'w'));
+    EXPECT_EQ(rdw_write_record(f.get(), std::vector<std::string_view>(wide.begin(), wide.end())), 1);
+  }
   std::string bytes = read_file(path());
   const char expected[] = {0x0C, 0, 0x01, 0, 'a', 0x02, 0, 'b', 'b', 0x01, 0, 0, 0x0C, 0};
   ASSERT_GE(bytes.size(), sizeof expected);
@@ -109,11 +96,6 @@ TEST_F(TableFiles, RecordBytesAndReadingBack) {
   write_bytes(path("empty"), "");
   FilePtr empty = rdw_open(path("empty"), 'R');
   EXPECT_EQ(rdw_count_columns(empty.get()), 0);
-  // A record too long for its 16-bit length word is refused, not wrapped.
-  std::vector<std::string> wide(300, std::string(259, 'w'));
-  FilePtr f = rdw_open(path("wide"), 'W');
-  std::vector<std::string_view> values(wide.begin(), wide.end());
-  EXPECT_EQ(rdw_write_record(f.get(), values), 1);
   EXPECT_EQ(rdw_open("", 'R'), nullptr);
 }
 
@@ -158,11 +140,9 @@ TEST_F(TableFiles, RowsFromOneBuffer) {
 
   // No segment: nothing touched.
   FileTransfer none = transfer("none.rdw");
-  std::vector<char> plain(BUFFER_MAX);
-  OutBuf out(plain);
-  tran_header_put("S", "N", out);
-  quor_trl_put("N", out);
-  EXPECT_EQ(buffer_to_RDW(none, InBuf(plain.data(), out.pos)), 4);
+  std::size_t length = 0;
+  auto plain = testutil::make_request("S", length);
+  EXPECT_EQ(buffer_to_RDW(none, InBuf(plain.data(), length)), 4);
   EXPECT_FALSE(std::filesystem::exists(path("none.rdw")));
 }
 

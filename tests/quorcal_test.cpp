@@ -41,8 +41,6 @@ std::vector<std::string> items_of(const Served& served, std::string_view tag) {
   return items;
 }
 
-std::string calendar_header(const std::string& file) { return file.substr(0, 404); }
-
 std::int32_t int_at(const std::string& bytes, std::size_t offset) {
   std::int32_t v = 0;
   std::memcpy(&v, bytes.data() + offset, 4);
@@ -169,7 +167,7 @@ TEST_F(Transfers, CalendarOutboundAndBackIn) {
 
   FileTransfer again = transfer("again");
   ASSERT_EQ(buffer_to_cal(again, request(kCalTag, items)), 0);
-  EXPECT_EQ(calendar_header(read_file(path("again"))), calendar_header(read_file(path())));
+  EXPECT_EQ(read_file(path("again")).substr(0, 404), read_file(path()).substr(0, 404));  // the header
 
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("none"), out, BUFFER_MAX, server_); }).status, 7);
   write_bytes(path("short"), std::string(100, 'h'));

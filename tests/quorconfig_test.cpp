@@ -55,13 +55,10 @@ TEST(ConfigLine, KeysValuesAndNumbers) {
     int rc;
   };
   const Case cases[] = {
-      {"LOGIN_TIMEOUT: 2\n", 0},          {"LOGIN_TIMEOUT: 2m\n", 3},
-      {"LOGIN_TIMEOUT: -1\n", 3},         {"LOGIN_TIMEOUT: 40000000\n", 3},
-      {"TRANSACTION_TIMEOUT: -1\n", 3},   {"TRANSACTION_TIMEOUT: 99999999999\n", 3},
-      {"LOGIN_REQUIRED: -1\n", 0},        {"LOGIN_REQUIRED: +0\n", 0},
-      {"LOGIN_REQUIRED:\n", 3},           {"LOGIN_REQUIRED 1\n", 3},
-      {"LOGIN_REQUIRED: 1\t\n", 3},       {"UNKNOWN_KEY: 1\n", 3},
-      {"\n", 3},                          {"OBJECT_MAP_FILE_X: /p\n", 0},
+      {"LOGIN_TIMEOUT: 2m\n", 3},         {"LOGIN_TIMEOUT: -1\n", 3},       {"LOGIN_TIMEOUT: 40000000\n", 3},
+      {"LOGIN_REQUIRED: -1\n", 0},        {"LOGIN_REQUIRED: +0\n", 0},      {"LOGIN_REQUIRED:\n", 3},
+      {"LOGIN_REQUIRED 1\n", 3},          {"LOGIN_REQUIRED: 1\t\n", 3},     {"UNKNOWN_KEY: 1\n", 3},
+      {"\n", 3},                          {"TRANSACTION_TIMEOUT: -1\n", 3}, {"TRANSACTION_TIMEOUT: 99999999999\n", 3},
       {"TRANSACTION_TIMEOUT:    15\n", 0}, {"TRANSACTION_TIMEOUT: 15 seconds\n", 0},
   };
   for (const Case& c : cases) {
@@ -144,31 +141,30 @@ TEST_F(ConfigFiles, AFailedLoadLeavesTheRunningConfigurationInForce) {
     int rc;
     const char* message;
   };
-  auto path = [&](const char* name) { return root() + "/" + name; };
+  auto path = [&](const char* name) { return root() + "/quor/etc/" + name; };
+  auto remove = [&](const char* name) { return [=] { std::filesystem::remove(path(name)); }; };
+  auto make_dir = [&](const char* name) {
+    return [=] {
+      std::filesystem::remove(path(name));
+      std::filesystem::create_directory(path(name));
+    };
+  };
   const Case cases[] = {
-      {"missing configuration", [&] { std::filesystem::remove(path("quor/etc/quor.config")); }, 3,
-       "QUOR0109E"},
-      {"configuration is a directory", [&] {
-         std::filesystem::remove(path("quor/etc/quor.config"));
-         std::filesystem::create_directory(path("quor/etc/quor.config"));
-       }, 3, "QUOR0108E"},
-      {"unknown default login user", [&] {
-         write("quor/etc/quor.config", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-x\n");
-       }, 3, "QUOR0137E"},
-      {"missing object map", [&] { std::filesystem::remove(path("quor/etc/quorobj.map")); }, 3, "QUOR0112E"},
-      {"object map of comments", [&] { write("quor/etc/quorobj.map", "# only\n  # comments\n"); }, 3,
-       "QUOR0114E"},
-      {"missing language map", [&] { std::filesystem::remove(path("quor/etc/quorlang.map")); }, 7, nullptr},
-      {"language map is a directory", [&] {
-         std::filesystem::remove(path("quor/etc/quorlang.map"));
-         std::filesystem::create_directory(path("quor/etc/quorlang.map"));
-       }, 5, "QUOR0108E"},
+      {"missing configuration", remove("quor.config"), 3, "QUOR0109E"},
+      {"configuration is a directory", make_dir("quor.config"), 3, "QUOR0108E"},
+      {"unknown default login user",
+       [&] { write("quor/etc/quor.config", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-x\n"); }, 3,
+       "QUOR0137E"},
+      {"missing object map", remove("quorobj.map"), 3, "QUOR0112E"},
+      {"object map of comments", [&] { write("quor/etc/quorobj.map", "# only\n  # comments\n"); }, 3, "QUOR0114E"},
+      {"missing language map", remove("quorlang.map"), 7, nullptr},
+      {"language map is a directory", make_dir("quorlang.map"), 5, "QUOR0108E"},
   };
   for (const Case& c : cases) {
     SetUp();
-    std::filesystem::remove_all(path("quor/etc/quor.config"));
+    std::filesystem::remove_all(path("quor.config"));
     write("quor/etc/quor.config", "TRANSACTION_TIMEOUT: 99\n");
-    std::filesystem::remove_all(path("quor/etc/quorlang.map"));
+    std::filesystem::remove_all(path("quorlang.map"));
     write("quor/etc/quorlang.map", "DEFAULT english\n");
     c.damage();
     EXPECT_EQ(quor_config_load(quor_objmap(), quor_config(), std::nullopt), c.rc) << c.what;
@@ -213,9 +209,9 @@ TEST_F(ConfigFiles, LanguageMapAndEnvironmentEntries) {
   EXPECT_EQ(map.default_index, 2);
   EXPECT_NE(log().find("QUOR0131E Line 4 of the language map"), std::string::npos) << log();
 
-  auto entries = [](std::string date, std::string language) {
+  auto entries = [](std::string date, std::string language, const LanguageMap* languages = nullptr) {
     EnvBlock env{std::move(date), std::move(language)};
-    EXPECT_EQ(quor_env_build(env), 0);
+    EXPECT_EQ(quor_env_build(env, languages), 0);
     return env;
   };
   EXPECT_EQ(entries("DD.MM.YY", "french").message, "MO_MOXMESSAGE=/opt/msg/fr");
@@ -226,14 +222,9 @@ TEST_F(ConfigFiles, LanguageMapAndEnvironmentEntries) {
 
   // Without a DEFAULT line the first entry serves unknown languages; an
   // empty map leaves only the messages directory itself.
-  LanguageMap no_default{"", {"english", "french"}, {"en", "/fr"}, 2, 0};
-  EnvBlock env{"", "german"};
-  quor_env_build(env, &no_default);
-  EXPECT_EQ(env.message, "MO_MOXMESSAGE=" + root() + "/messages/en");
-  LanguageMap empty;
-  env = EnvBlock{"", "german"};
-  quor_env_build(env, &empty);
-  EXPECT_EQ(env.message, "MO_MOXMESSAGE=" + root() + "/messages");
+  LanguageMap no_default{"", {"english", "french"}, {"en", "/fr"}, 2, 0}, empty;
+  EXPECT_EQ(entries("", "german", &no_default).message, "MO_MOXMESSAGE=" + root() + "/messages/en");
+  EXPECT_EQ(entries("", "german", &empty).message, "MO_MOXMESSAGE=" + root() + "/messages");
 }
 
 TEST_F(ConfigFiles, EnvironmentSegmentOfARequest) {

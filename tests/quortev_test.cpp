@@ -16,29 +16,19 @@ using testutil::EnvGuard;
 using testutil::TempDir;
 
 TEST(Framing, SealWritesThePrefixAndEncodesTheBodyWithTheLengthAsSeed) {
-  for (std::size_t total : {7u, 42u, 256u, 300u, 32767u}) {
-    std::vector<char> buf(total, 'q');
-    ASSERT_EQ(quor_wire_seal(buf, total), 0) << total;
-    char expect[32];
-    std::snprintf(expect, sizeof expect, "%5zu", total);
-    EXPECT_EQ(std::string(buf.data(), 6), std::string(expect, 6));
-    std::vector<char> body(total - 6, 'q');
-    body_encode(static_cast<int>(total % 256), std::span<char>(body));
-    EXPECT_EQ(std::string(buf.data() + 6, total - 6), std::string(body.data(), body.size()));
+  const struct {
+    std::size_t total;
+    const char* prefix;  // with its NUL
+    int seed;
+  } cases[] = {{7, "    7", 7}, {42, "   42", 42}, {256, "  256", 0}, {300, "  300", 44}, {32767, "32767", 255}};
+  for (const auto& c : cases) {
+    std::vector<char> buf(c.total, 'q');
+    ASSERT_EQ(quor_wire_seal(buf, c.total), 0) << c.total;
+    EXPECT_EQ(std::string(buf.data(), 6), std::string(c.prefix, 6));
+    std::vector<char> body(c.total - 6, 'q');
+    body_encode(c.seed, std::span<char>(body));
+    EXPECT_EQ(std::string(buf.data() + 6, c.total - 6), std::string(body.data(), body.size())) << c.total;
   }
-  // 256 bytes are scrambled with seed 0 and 300 with seed 44.
-  std::vector<char> b256(256, 'A'), b300(300, 'A');
-  quor_wire_seal(b256, 256);
-  quor_wire_seal(b300, 300);
-  std::vector<char> e0(250, 'A'), e44(294, 'A');
-  body_encode(0, std::span<char>(e0));
-  body_encode(44, std::span<char>(e44));
-  EXPECT_EQ(std::string(b256.data() + 6, 250), std::string(e0.data(), 250));
-  EXPECT_EQ(std::string(b300.data() + 6, 294), std::string(e44.data(), 294));
-
-  std::vector<char> b42(42, 0);
-  quor_wire_seal(b42, 42);
-  EXPECT_EQ(std::string(b42.data(), 6), std::string("   42\0", 6));
 }
 
 TEST(Framing, SealRefusesLengthsOutsideTheMessageRange) {
@@ -79,9 +69,9 @@ TEST(Adapter, SendAndReceiveThroughTheRealTransport) {
   ASSERT_EQ(quor_tev_register(client.local, client.fb, "ADAPTER.CLI"), 0);
   EXPECT_EQ(server.local.app_name(), "ADAPTER.SRV");
 
-  std::array<char, BUFFER_MAX> out{};
   std::size_t length = 0;
-  out = testutil::make_request("B", length);
+  auto out = testutil::make_request("B", length);
+  const auto plain = out;
   client.remote = server.local;
   ASSERT_EQ(quor_tev_send(client, out, length), 0);
 
@@ -90,8 +80,6 @@ TEST(Adapter, SendAndReceiveThroughTheRealTransport) {
   EXPECT_EQ(server.remote.app_name(), "ADAPTER.CLI");
   EXPECT_TRUE(server.inquiry.valid);
   EXPECT_EQ(server.inquiry.pid, getpid());
-  std::size_t again = 0;
-  auto plain = testutil::make_request("B", again);
   EXPECT_EQ(std::string(in.data() + 6, length - 6), std::string(plain.data() + 6, length - 6));
 
   // A send to a name nobody holds fails with the transport's reason.
@@ -104,14 +92,11 @@ TEST(Adapter, SendAndReceiveThroughTheRealTransport) {
   EXPECT_EQ(quor_tev_deregister(server.local, server.fb), 0);
 }
 
-TEST(Diagnostics, DumpShowsTheBytesUpToOneZeroAfterTheLast) {
+TEST(Diagnostics, DumpShowsTheBytesUpToOneZeroAfterTheLastGroupedByFour) {
   TempDir dir;
   EnvGuard dump("MOXQUORDUMP", dir.str());  // no trailing slash
   tev_dump_reset();
-  std::array<char, 40> buf{};
-  buf[0] = 'a';
-  buf[1] = 'b';
-  buf[2] = 'c';
+  std::array<char, 40> buf{'a', 'b', 'c'};
   tev_dump_buffer(buf, "tevBuffer");
   std::string text = testutil::read_file(dir.path() / "quordump.out");
   std::regex expected(
@@ -130,6 +115,15 @@ TEST(Diagnostics, DumpShowsTheBytesUpToOneZeroAfterTheLast) {
   // An all-zero buffer shows two bytes.
   EXPECT_NE(text.find("  0000 "), std::string::npos);
 
+  // A full run of 16 bytes is grouped by four, the rest on a line of its own.
+  std::array<char, 18> run{};
+  for (std::size_t i = 0; i < run.size(); ++i) run[i] = static_cast<char>('A' + i);
+  run[5] = '\n';
+  tev_dump_buffer(run, "run");
+  text = testutil::read_file(dir.path() / "quordump.out");
+  EXPECT_NE(text.find("  41424344 450A4748 494A4B4C 4D4E4F50  *ABCDE.GHIJKLMNOP*\n"), std::string::npos) << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex("  5152 {33}\\*QR {14}\\*\n"))) << text;
+
   // A new process (here: after a reset) empties the file on its first dump.
   tev_dump_reset();
   tev_dump_buffer(zeros, "third");
@@ -137,31 +131,21 @@ TEST(Diagnostics, DumpShowsTheBytesUpToOneZeroAfterTheLast) {
   EXPECT_EQ(text.find("tevBuffer"), std::string::npos);
 }
 
-TEST(Diagnostics, DumpOfAFullRunGroupsBytesByFour) {
-  TempDir dir;
-  EnvGuard dump("MOXQUORDUMP", dir.str());
-  tev_dump_reset();
-  std::array<char, 18> buf{};
-  for (int i = 0; i < 18; ++i) buf[static_cast<std::size_t>(i)] = static_cast<char>('A' + i);
-  buf[5] = '\n';
-  tev_dump_buffer(buf, "x");
-  std::string text = testutil::read_file(dir.path() / "quordump.out");
-  EXPECT_NE(text.find("  41424344 450A4748 494A4B4C 4D4E4F50  *ABCDE.GHIJKLMNOP*\n"),
-            std::string::npos)
-      << text;
-  EXPECT_TRUE(std::regex_search(text, std::regex("  5152 {33}\\*QR {14}\\*\n"))) << text;
-}
-
 namespace {
-std::string explain(int prc, int src, int drc) {
+// What `print` writes to a stream, as text.
+template <class Print>
+std::string printed(Print print) {
   char* data = nullptr;
   std::size_t size = 0;
   std::FILE* f = open_memstream(&data, &size);
-  tev_explain_codes(prc, src, drc, f);
+  print(f);
   std::fclose(f);
   std::string s(data, size);
   std::free(data);
   return s;
+}
+std::string explain(int prc, int src, int drc) {
+  return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
 }
 }  // namespace
 
@@ -184,13 +168,7 @@ TEST(Diagnostics, FeedbackDumpListsEveryField) {
   fb.FB_ErrorText = "No receiver online";
   fb.FB_Remote_Id.set_system_id("hostA");
   fb.FB_Remote_Id.set_app_name("MO_QUORUNIX_SERVER");
-  char* data = nullptr;
-  std::size_t size = 0;
-  std::FILE* f = open_memstream(&data, &size);
-  tev_dump_feedback("    TevInit failed", fb, f);
-  std::fclose(f);
-  std::string s(data, size);
-  std::free(data);
+  std::string s = printed([&](std::FILE* f) { tev_dump_feedback("    TevInit failed", fb, f); });
   EXPECT_EQ(s.rfind("    TevInit failed\tContents of  feedback-block at ", 0), 0u) << s;
   EXPECT_NE(s.find("\tFB_Prc:                   8\n"), std::string::npos);
   EXPECT_NE(s.find("\tFB_ErrorText:             No receiver online\n"), std::string::npos);

@@ -29,15 +29,11 @@ void write(const fs::path& p, const std::string& text) { std::ofstream(p, std::i
 
 fs::path pid_file(const Daemon& d) { return d.root().path() / "tmp/quordaemon.pid"; }
 
-// Runs the daemon binary to its end in `root` (debug mode, so it does not
-// detach) and returns its exit status.
-int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::string> args,
-               bool with_root = true) {
+// Runs the daemon binary to its end in `root` (none when empty; debug mode,
+// so it does not detach) and returns its exit status.
+int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::string> args) {
   testutil::Child child([&] {
-    if (with_root)
-      setenv("MOXGLBL0000", root.c_str(), 1);
-    else
-      unsetenv("MOXGLBL0000");
+    root.empty() ? unsetenv("MOXGLBL0000") : setenv("MOXGLBL0000", root.c_str(), 1);
     setenv("TEV_DIR", tev_dir.c_str(), 1);
     setenv("MOXQUORDEBUG", "1", 1);
     int devnull = open("/dev/null", O_WRONLY);
@@ -73,11 +69,28 @@ std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
   return {ret[1], ret[3]};
 }
 
-bool skip_unless_root() { return geteuid() != 0; }
-#define REQUIRE_ROOT()                                                                   \
-  if (skip_unless_root()) GTEST_SKIP() << "needs root: the daemon detaches only as root"
+#define REQUIRE_ROOT() \
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: the daemon detaches only as root"
 
-TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21) {
+// Whether `done` holds within two seconds, polling.
+template <class F>
+bool eventually(F done) {
+  for (int i = 0; i < 100; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
+    if (done()) return true;
+  return false;
+}
+
+// Sends TERMINATE and returns the daemon's exit status.
+int terminate(Daemon& d) {
+  TevClient client;
+  client.call(kServerName, Daemon::request("T"), 0, false);
+  return d.wait_exit();
+}
+
+// A second daemon stops with status 1 while the first is alive: with
+// message 21 in the same installation (the pid file is left alone), with
+// message 20 from another installation that wants the same server name.
+TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21Or20) {
   Daemon d;
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::string recorded = read_file(pid_file(d));
@@ -86,6 +99,12 @@ TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21) {
   EXPECT_EQ(run_to_end(d.root().path(), d.tev_dir(), {}), 1);
   EXPECT_NE(d.log().find("QUOR0021S"), std::string::npos) << d.log();
   EXPECT_EQ(read_file(pid_file(d)), recorded);
+
+  TempDir other;
+  Daemon::install(other.path());
+  EXPECT_EQ(run_to_end(other.path(), d.tev_dir(), {}), 1);
+  std::string log = read_file(other.path() / "quor/log/quordaemon.log");
+  EXPECT_NE(log.find("QUOR0020S"), std::string::npos) << log;
   EXPECT_TRUE(d.alive());
 }
 
@@ -106,7 +125,7 @@ TEST(StartUp, CommandLine) {
   EXPECT_NE(log.find("QUOR0019S"), std::string::npos) << log;
   EXPECT_TRUE(fs::exists(root.path() / "tmp/quordaemon.pid"));
   // Without an installation root nothing is started.
-  EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}, /*with_root=*/false), 1);
+  EXPECT_EQ(run_to_end({}, root.path() / "tev", {}), 1);
   // Nor without a place for the pid file.
   fs::remove_all(root.path() / "tmp");
   EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}), 1);
@@ -147,58 +166,40 @@ TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
   Daemon d({}, /*debug=*/true, {{"MOXQUORSPIN", "1"}});
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::string expected = "quordaemon waiting in spin loop, pid=" + std::to_string(d.pid()) + "\n";
-  for (int i = 0; i < 100 && d.output().find(expected) == std::string::npos; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_NE(d.output().find(expected), std::string::npos) << d.output();
+  EXPECT_TRUE(eventually([&] { return d.output().find(expected) != std::string::npos; })) << d.output();
   TevClient client;
   EXPECT_NE(client.call(kServerName, Daemon::request("B"), 300).rc, 0) << "answered while spinning";
 }
 
-TEST(Shutdown, TerminateExitsZeroAndRemovesThePidFile) {
-  Daemon d;
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  ASSERT_TRUE(fs::exists(pid_file(d)));
-  TevClient client;
-  client.call(kServerName, Daemon::request("T"), 0, false);
-  EXPECT_EQ(d.wait_exit(), 0) << d.output();
-  EXPECT_FALSE(fs::exists(pid_file(d)));
-  EXPECT_NE(d.log().find("QUOR0401I"), std::string::npos);
-}
-
-TEST(Signals, TerminationSignalsEndAWaitingDaemonInOrder) {
+// Hang-up, interrupt and SIGUSR2 change nothing; SIGTERM and SIGQUIT end a
+// waiting daemon at once and in order.
+TEST(Signals, HangupAndInterruptChangeNothingTerminationSignalsEndTheDaemonInOrder) {
   REQUIRE_ROOT();
   for (int signo : {SIGTERM, SIGQUIT}) {
     Daemon d({}, /*debug=*/false);
     ASSERT_TRUE(d.wait_ready()) << d.log();
     // Standard error is captured in an unpredictable file under TMPDIR.
-    int captures = 0;
-    for (const auto& e : fs::directory_iterator(d.root().path() / "tmp"))
-      captures += e.path().filename().string().rfind("DMN", 0) == 0;
-    EXPECT_EQ(captures, 1);
+    auto captures = [&] {
+      int n = 0;
+      for (const auto& e : fs::directory_iterator(d.root().path() / "tmp"))
+        n += e.path().filename().string().rfind("DMN", 0) == 0;
+      return n;
+    };
+    EXPECT_EQ(captures(), 1);
+    for (int ignored : {SIGHUP, SIGINT, SIGUSR2}) ASSERT_EQ(kill(d.pid(), ignored), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(d.alive()) << strsignal(signo);
+    EXPECT_EQ(d.status("B").size(), 6u);
+    EXPECT_EQ(d.log().find("QUOR0008S"), std::string::npos) << d.log();
 
     auto sent = std::chrono::steady_clock::now();
     ASSERT_EQ(kill(d.pid(), signo), 0);
-    while (d.log().find("QUOR0401I") == std::string::npos &&
-           std::chrono::steady_clock::now() - sent < std::chrono::seconds(5))
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    auto took = std::chrono::steady_clock::now() - sent;
-    EXPECT_LT(took, std::chrono::milliseconds(1800)) << strsignal(signo);
     EXPECT_EQ(d.wait_exit(), 0) << d.log();
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(1800)) << strsignal(signo);
+    EXPECT_NE(d.log().find("QUOR0401I"), std::string::npos) << d.log();
     EXPECT_FALSE(fs::exists(pid_file(d)));
-    for (const auto& e : fs::directory_iterator(d.root().path() / "tmp"))
-      EXPECT_NE(e.path().filename().string().rfind("DMN", 0), 0u) << "capture file left behind";
+    EXPECT_EQ(captures(), 0) << "capture file left behind";
   }
-}
-
-TEST(Signals, HangupAndInterruptChangeNothing) {
-  REQUIRE_ROOT();
-  Daemon d({}, /*debug=*/false);
-  ASSERT_TRUE(d.wait_ready()) << d.log();
-  for (int signo : {SIGHUP, SIGINT, SIGUSR2}) ASSERT_EQ(kill(d.pid(), signo), 0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_TRUE(d.alive());
-  EXPECT_EQ(d.status("B").size(), 6u);
-  EXPECT_EQ(d.log().find("QUOR0008S"), std::string::npos) << d.log();
 }
 
 TEST(Signals, AFatalSignalLogsAndExitsWithItsNumberLeavingThePidFile) {
@@ -215,10 +216,9 @@ TEST(Signals, AFatalSignalLogsAndExitsWithItsNumberLeavingThePidFile) {
 TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {
   Daemon d;
   ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::string default_path = d.root().str() + "/quor/etc/quor.config";
   std::vector<std::string> before = d.status("B");
   ASSERT_EQ(before.size(), 6u);
-  EXPECT_EQ(before[2], "    Config path is " + default_path + "\n");
+  EXPECT_EQ(before[2], "    Config path is " + d.root().str() + "/quor/etc/quor.config\n");
 
   auto [rc, text] = refresh(d.root().str() + "/missing.config");
   EXPECT_EQ(rc, "3");
@@ -231,9 +231,7 @@ TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // a later load time
   std::string alt = d.root().str() + "/alt.config";
   write(alt, "TRANSACTION_TIMEOUT: 9\n");
-  auto good = refresh(alt);
-  EXPECT_EQ(good.first, "0");
-  EXPECT_EQ(good.second, "The configuration was reloaded.");
+  EXPECT_EQ(refresh(alt), (std::pair<std::string, std::string>{"0", "The configuration was reloaded."}));
   std::vector<std::string> after = d.status("B");
   EXPECT_EQ(after[2], "    Config path is " + alt + "\n");
   EXPECT_NE(after[3], before[3]);
@@ -248,25 +246,18 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<std::string> before = d.status("B");
   fs::path dir = d.root().path();
-  struct Case {
-    const char* what;
-    std::string config;
-    std::string objmap;
-    std::string rc;
-  };
-  const Case cases[] = {
-      {"configuration", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-q\n", "LIST lister\n", "3"},
-      {"object map", "OBJECT_MAP_FILE: " + (dir / "empty.map").string() + "\n", "", "3"},
-      {"language map", "LANGUAGE_MAP_FILE: " + (dir / "absent.map").string() + "\n", "", "7"},
-  };
   write(dir / "empty.map", "# nothing\n");
-  for (const Case& c : cases) {
-    write(dir / "next.config", c.config);
-    EXPECT_EQ(refresh((dir / "next.config").string()).first, c.rc) << c.what;
+  for (auto [what, config, rc] : {
+           std::tuple<const char*, std::string, const char*>{
+               "configuration", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-q\n", "3"},
+           {"object map", "OBJECT_MAP_FILE: " + (dir / "empty.map").string() + "\n", "3"},
+           {"language map", "LANGUAGE_MAP_FILE: " + (dir / "absent.map").string() + "\n", "7"}}) {
+    write(dir / "next.config", config);
+    EXPECT_EQ(refresh((dir / "next.config").string()).first, rc) << what;
     std::vector<std::string> now = d.status("B");
-    ASSERT_EQ(now.size(), 6u) << c.what;
-    EXPECT_EQ(now[2], before[2]) << c.what;
-    EXPECT_EQ(now[3], before[3]) << c.what;
+    ASSERT_EQ(now.size(), 6u) << what;
+    EXPECT_EQ(now[2], before[2]) << what;
+    EXPECT_EQ(now[3], before[3]) << what;
   }
   EXPECT_TRUE(d.alive());
 }
@@ -288,6 +279,24 @@ std::vector<pid_t> children_of(pid_t parent, std::string_view name, bool zombies
   return found;
 }
 
+// The daemon's running login programs, once there are any.
+std::vector<pid_t> login_programs(const Daemon& d) {
+  std::vector<pid_t> found;
+  eventually([&] { return !(found = children_of(d.pid(), "quoruserpgm")).empty(); });
+  return found;
+}
+
+// Lets "nobody", the account of the restored users' login programs, reach
+// the installation in `root` (a user whose program could not start would be
+// swept out), and saves `users` there as the daemon's table.
+void save_users(const fs::path& root, std::initializer_list<UserEntry> users) {
+  fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
+  testutil::EnvGuard env("MOXGLBL0000", root.string());
+  for (const UserEntry& u : users) quor_user_new() = u;
+  ASSERT_EQ(quor_users_save(), 0);
+  quor_users().clear();
+}
+
 // The login program of the default login user runs while logins are not
 // required and is stopped at shutdown.
 TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
@@ -302,22 +311,13 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
       },
       {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
-
-  auto login_programs = [&] { return children_of(d.pid(), "quoruserpgm"); };
-  std::vector<pid_t> running;
-  for (int i = 0; i < 100 && running.empty(); ++i) {
-    running = login_programs();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  std::vector<pid_t> running = login_programs(d);
   ASSERT_EQ(running.size(), 1u) << d.output();
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
   EXPECT_NE(status.find("Uid:\t" + std::to_string(account->pw_uid) + "\t"), std::string::npos) << status;
   EXPECT_NE(status.find("Gid:\t" + std::to_string(account->pw_gid) + "\t"), std::string::npos) << status;
-
-  TevClient client;
-  client.call(kServerName, Daemon::request("T"), 0, false);
-  EXPECT_EQ(d.wait_exit(), 0) << d.output();
-  EXPECT_TRUE(login_programs().empty());
+  EXPECT_EQ(terminate(d), 0) << d.output();
+  EXPECT_TRUE(children_of(d.pid(), "quoruserpgm").empty());
 }
 
 TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
@@ -341,16 +341,11 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
 
   EXPECT_EQ(start({"no-such-user-q", "pc7", "0"})->wait(), 1);
   EXPECT_EQ(start({name})->wait(), 1);
-  if (getuid() != 0) return;
   // Started as root for another account, it holds nothing.
-  if (getpwnam("nobody") != nullptr) {
+  if (getuid() == 0 && getpwnam("nobody") != nullptr) {
     EXPECT_EQ(start({"nobody", "pc7", "0"})->wait(), 1);
   }
 }
-
-}  // namespace
-
-namespace {
 
 // A sealed BRIEFSTATUS request that claims to come from `user` on `node`.
 std::vector<std::uint8_t> status_request_from(const std::string& user, const std::string& node) {
@@ -367,16 +362,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   Daemon d(
       [&](const fs::path& root) {
         write(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
-        // Each restored user gets a login program, which the account must be
-        // able to reach; a user whose program ended would be swept out.
-        fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-        testutil::EnvGuard env("MOXGLBL0000", root.string());
-        for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
-          UserEntry& e = quor_user_new();
-          e = UserEntry{user, node, "nobody", "65534", before, 0};
-        }
-        ASSERT_EQ(quor_users_save(), 0);
-        quor_users().clear();
+        save_users(root, {{"ann", "far", "nobody", "65534", before, 0}, {"bob", local, "nobody", "65534", before, 0}});
       },
       {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
@@ -385,11 +371,12 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   EXPECT_EQ(full[4], "    2 users logged into quor\n") << d.output();
   EXPECT_NE(std::find(full.begin(), full.end(), "    User ann from node far logged in as nobody.\n"), full.end());
 
-  TevClient client;
-  for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}})
-    ASSERT_EQ(client.call(kServerName, status_request_from(user, node), 5000).rc, 0);
-  client.call(kServerName, Daemon::request("T"), 0, false);
-  ASSERT_EQ(d.wait_exit(), 0) << d.output();
+  {
+    TevClient client;  // one client per process at a time
+    for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}})
+      ASSERT_EQ(client.call(kServerName, status_request_from(user, node), 5000).rc, 0);
+  }
+  ASSERT_EQ(terminate(d), 0) << d.output();
 
   // The saved table, read back: ann's activity is fresh, bob's unchanged.
   testutil::EnvGuard env("MOXGLBL0000", d.root().str());
@@ -398,58 +385,36 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   for (const UserEntry& e : quor_users()) activity[e.user_name] = e.last_activity;
   quor_users_stop_all();  // loading started a login program for each
   quor_users().clear();
-  while (waitpid(-1, nullptr, WNOHANG) > 0) {
-  }
+  while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
   ASSERT_EQ(activity.size(), 2u);
   EXPECT_GE(activity["ann"], before + 100);
   EXPECT_EQ(activity["bob"], before);
 }
-
-}  // namespace
-
-namespace {
 
 // CLEANUP is answered with nothing and does the sweep at once: a restored
 // user whose login program ended is logged out and the program reaped
 // before any other request comes.
 TEST(Cleanup, ReapsAnEndedLoginProgramAndLogsItsUserOut) {
   REQUIRE_ROOT();  // the login program runs as "nobody"
-  Daemon d(
-      [](const fs::path& root) {
-        fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-        testutil::EnvGuard env("MOXGLBL0000", root.string());
-        quor_user_new() = UserEntry{"ann", "far", "nobody", "65534", std::time(nullptr), 0};
-        ASSERT_EQ(quor_users_save(), 0);
-        quor_users().clear();
-      },
-      {});
+  Daemon d([](const fs::path& root) { save_users(root, {{"ann", "far", "nobody", "65534", std::time(nullptr), 0}}); },
+           {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::vector<pid_t> programs;
-  for (int i = 0; i < 100 && programs.empty(); ++i) {
-    programs = children_of(d.pid(), "quoruserpgm");
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  std::vector<pid_t> programs = login_programs(d);
   ASSERT_EQ(programs.size(), 1u) << d.output();
   kill(programs[0], SIGKILL);
-  for (int i = 0; i < 100 && children_of(d.pid(), "quoruserpgm", true).empty(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ASSERT_EQ(children_of(d.pid(), "quoruserpgm", true), programs) << "the killed program is not a zombie";
+  auto zombies = [&] { return children_of(d.pid(), "quoruserpgm", true); };
+  ASSERT_TRUE(eventually([&] { return zombies() == programs; })) << "the killed program is not a zombie";
 
   {
     TevClient client;  // one client per process at a time
-    TevCallResult r = client.call(kServerName, Daemon::request("C"), 300);
-    EXPECT_TRUE(r.replies.empty()) << "CLEANUP was answered";
+    EXPECT_TRUE(client.call(kServerName, Daemon::request("C"), 300).replies.empty()) << "CLEANUP was answered";
   }
-  for (int i = 0; i < 100 && !children_of(d.pid(), "quoruserpgm", true).empty(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_TRUE(children_of(d.pid(), "quoruserpgm", true).empty()) << "CLEANUP left the zombie";
+  EXPECT_TRUE(eventually([&] { return zombies().empty(); })) << "CLEANUP left the zombie";
   std::vector<std::string> brief = d.status("B");
   ASSERT_GE(brief.size(), 5u) << d.output();
   EXPECT_EQ(brief[4], "    0 users logged into quor\n");
   EXPECT_NE(d.output().find("message type CLEANUP"), std::string::npos) << d.output();
-  TevClient client;
-  client.call(kServerName, Daemon::request("T"), 0, false);
-  EXPECT_EQ(d.wait_exit(), 0) << d.output();
+  EXPECT_EQ(terminate(d), 0) << d.output();
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "core_util.h"
@@ -19,21 +20,10 @@ namespace {
 
 int g_term_fd = -1;  // where a counting child reports each SIGTERM
 
-void count_term(int) {
-  char c = 't';
-  (void)!write(g_term_fd, &c, 1);
-}
-
 // Blocks until `pid` has ended, leaving it to be reaped.
 void wait_ended(pid_t pid) {
   siginfo_t info{};
   waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
-}
-
-// `pid` has ended but nobody has reaped it.
-bool zombie(pid_t pid) {
-  siginfo_t info{};
-  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
 }
 
 // `pid` is still one of our children, running or not yet reaped.
@@ -42,13 +32,11 @@ bool ours(pid_t pid) {
   return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
-// Bytes that arrive on `fd` within `ms` milliseconds, up to `most`.
-int bytes_within(int fd, int most, int ms) {
-  int n = 0;
+// Whether a byte arrives on `fd` within `ms` milliseconds (it is read).
+bool byte_within(int fd, int ms) {
   char c;
   pollfd readable{fd, POLLIN, 0};
-  while (n < most && poll(&readable, 1, ms) == 1 && read(fd, &c, 1) == 1) ++n;
-  return n;
+  return poll(&readable, 1, ms) == 1 && read(fd, &c, 1) == 1;
 }
 
 class Sweep : public ::testing::Test {
@@ -86,27 +74,23 @@ class Sweep : public ::testing::Test {
       return 0;
     });
   }
-  // A child that handles SIGTERM with `handler` (it writes to the pipe
-  // given in g_term_fd) and then waits for signals; it is ready when this
-  // returns. Returns the pid and the reading end of the pipe.
-  std::pair<pid_t, int> handling_term(void (*handler)(int)) {
+  // A child that survives SIGTERM and writes a byte for each one; it is
+  // ready when this returns. Returns the pid and the reading end of the pipe.
+  std::pair<pid_t, int> counting() {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
-    pid_t pid = start([fds, handler] {
+    pid_t pid = start([fds] {
       g_term_fd = fds[1];
-      signal(SIGTERM, handler);
-      char ready = 'r';
-      (void)!write(fds[1], &ready, 1);
+      signal(SIGTERM, [](int) { (void)!write(g_term_fd, "t", 1); });
+      (void)!write(fds[1], "r", 1);
       for (;;) pause();
       return 0;
     });
     close(fds[1]);
     pipes_.push_back(fds[0]);
-    EXPECT_EQ(bytes_within(fds[0], 1, 5000), 1);
+    EXPECT_TRUE(byte_within(fds[0], 5000));
     return {pid, fds[0]};
   }
-  // A child that survives SIGTERM and writes a byte for each one.
-  std::pair<pid_t, int> counting() { return handling_term(count_term); }
 
   static ChildEntry& agent(pid_t pid, int kind, std::uint32_t flags = kChildRunning, UserEntry* user = nullptr) {
     ChildEntry& e = quor_child_new();
@@ -117,22 +101,13 @@ class Sweep : public ::testing::Test {
     return e;
   }
   static UserEntry& user(std::string name, std::time_t activity = 0, pid_t login = 0) {
-    UserEntry& u = quor_user_new();
-    u.user_name = std::move(name);
-    u.node_name = "far";
-    u.last_activity = activity;
-    u.login_pid = login;
-    return u;
+    return quor_user_new() = UserEntry{std::move(name), "far", "", "", activity, login};
   }
   static bool has_user(const std::string& name) {
-    for (const UserEntry& u : quor_users())
-      if (u.user_name == name) return true;
-    return false;
+    return std::ranges::any_of(quor_users(), [&](const UserEntry& u) { return u.user_name == name; });
   }
   static bool has_agent(pid_t pid) {
-    for (const ChildEntry& c : quor_children())
-      if (c.agent_pid == pid) return true;
-    return false;
+    return std::ranges::any_of(quor_children(), [&](const ChildEntry& c) { return c.agent_pid == pid; });
   }
 
   std::vector<pid_t> started_;
@@ -160,12 +135,9 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsUser) {
   ASSERT_EQ(quor_child_count(), 1);
   EXPECT_EQ(quor_children().front().agent_pid, ok);
   EXPECT_EQ(quor_children().front().flags, kChildKept);
-  EXPECT_TRUE(has_user("ok"));
-  EXPECT_TRUE(has_user("no_keep"));
-  EXPECT_TRUE(has_user("service"));
-  EXPECT_FALSE(has_user("failed"));
-  EXPECT_FALSE(has_user("killed"));
-  EXPECT_FALSE(has_user("leaving"));
+  for (auto [name, stays] : {std::pair{"ok", true}, {"no_keep", true}, {"service", true}, {"failed", false},
+                             {"killed", false}, {"leaving", false}})
+    EXPECT_EQ(has_user(name), stays) << name;
   EXPECT_FALSE(ours(login)) << "the logged-off user's login program was not stopped and reaped";
   for (pid_t pid : {ok, failed, killed, no_keep, logoff, service}) EXPECT_FALSE(ours(pid)) << pid;
 
@@ -190,7 +162,7 @@ TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
   quor_garbage_collect(0);
 
   EXPECT_TRUE(has_agent(unmarked));
-  EXPECT_TRUE(zombie(unmarked)) << "an unmarked agent was reaped";
+  EXPECT_TRUE(ours(unmarked)) << "an unmarked agent was reaped";
   EXPECT_FALSE(has_agent(marked));
   EXPECT_FALSE(ours(marked));
   EXPECT_FALSE(has_agent(-1));
@@ -201,48 +173,40 @@ TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
 }
 
 // An agent older than the transaction time-out gets SIGTERM on every sweep
-// until it ends; a young one, an exempt one (0x40) and every agent under a
-// time-out of 0 never do.
+// until it ends; a young one, an exempt one (0x40), a kept login agent (it
+// was reaped, so its pid is no longer ours to signal) and every agent under
+// a time-out of 0 never do.
 TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   quor_config().transaction_timeout = 5;
   auto [overdue, overdue_terms] = counting();
   auto [young, young_terms] = counting();
   auto [exempt, exempt_terms] = counting();
+  auto [kept, kept_terms] = counting();
   agent(overdue, 1).created -= 6;
   agent(young, 1).created -= 2;
   agent(exempt, 1, kChildRunning | kChildNoTimeout).created -= 100;
+  agent(kept, 2, kChildKept, &user("waiting")).created -= 100;
 
   for (int sweep = 1; sweep <= 3; ++sweep) {
     quor_garbage_collect(0);
-    EXPECT_EQ(bytes_within(overdue_terms, 1, 5000), 1) << "sweep " << sweep;
+    EXPECT_TRUE(byte_within(overdue_terms, 5000)) << "sweep " << sweep;
   }
-  EXPECT_EQ(bytes_within(young_terms, 1, 200), 0);
-  EXPECT_EQ(bytes_within(exempt_terms, 1, 0), 0);
-  EXPECT_EQ(quor_child_count(), 3) << "a signalled agent stays until it has ended";
+  EXPECT_FALSE(byte_within(young_terms, 200));
+  EXPECT_FALSE(byte_within(exempt_terms, 0));
+  EXPECT_FALSE(byte_within(kept_terms, 0));
+  EXPECT_EQ(quor_child_count(), 4) << "a signalled agent stays until it has ended";
 
   quor_config().transaction_timeout = 0;
   for (ChildEntry& c : quor_children()) c.created -= 1000;
   quor_garbage_collect(0);
-  EXPECT_EQ(bytes_within(overdue_terms, 1, 200), 0);
-  EXPECT_EQ(bytes_within(young_terms, 1, 0), 0);
+  EXPECT_FALSE(byte_within(overdue_terms, 200));
+  EXPECT_FALSE(byte_within(young_terms, 0));
 
   kill(overdue, SIGKILL);
   wait_ended(overdue);
   quor_garbage_collect(0);
   EXPECT_FALSE(has_agent(overdue));
   EXPECT_FALSE(ours(overdue));
-}
-
-// A login agent that ended cleanly has been reaped: its pid is no longer
-// ours to signal, however old the entry gets.
-TEST_F(Sweep, AKeptEntryIsNeverSignalled) {
-  quor_config().transaction_timeout = 1;
-  auto [pid, terms] = counting();
-  ChildEntry& kept = agent(pid, 2, kChildKept, &user("waiting"));
-  kept.created -= 100;
-  quor_garbage_collect(0);
-  EXPECT_EQ(bytes_within(terms, 1, 200), 0);
-  EXPECT_EQ(quor_child_count(), 1);
 }
 
 // Users whose login program ended are logged out, and the transactions that
@@ -266,18 +230,13 @@ TEST_F(Sweep, LoginProgramsAndIdleUsers) {
 
   quor_garbage_collect(0);
 
-  EXPECT_FALSE(has_user("gone"));
+  for (auto [name, stays] : {std::pair{"gone", false}, {"running", true}, {"idle", false}, {"also idle", false},
+                             {"recent", true}, {"pending", true}})
+    EXPECT_EQ(has_user(name), stays) << name;
   EXPECT_EQ(transaction.user, nullptr);
-  EXPECT_FALSE(ours(ended));
-  EXPECT_TRUE(has_user("running"));
-  EXPECT_FALSE(has_user("idle"));
-  EXPECT_FALSE(has_user("also idle"));
-  EXPECT_FALSE(ours(idle_program)) << "an idle user's login program was not stopped";
-  EXPECT_FALSE(ours(other_idle_program));
-  EXPECT_TRUE(has_user("recent"));
-  EXPECT_TRUE(has_user("pending"));
+  for (pid_t pid : {ended, idle_program, other_idle_program, default_login})
+    EXPECT_FALSE(ours(pid)) << "login program " << pid << " was not stopped and reaped";
   EXPECT_EQ(quor_config().default_login_child, 0);
-  EXPECT_FALSE(ours(default_login));
 
   // Without a time-out nobody is idle; with logins required there is no
   // default login program to look after.
@@ -321,12 +280,10 @@ TEST_F(Sweep, AThousandAgentsLeaveNothingBehind) {
     int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
     ASSERT_NE(shm, -1) << "segment " << i;
     segments.push_back(shm);
-    if (i % 2 == 0) {
-      ChildEntry& e = agent(-1, 0, kChildContinuing);
-      e.shm_id = shm;
-      continue;
-    }
-    agent(start([shm] { return shmctl(shm, IPC_RMID, nullptr) == 0 ? 0 : 1; }), 1).shm_id = shm;
+    if (i % 2 == 0)
+      agent(-1, 0, kChildContinuing).shm_id = shm;
+    else
+      agent(start([shm] { return shmctl(shm, IPC_RMID, nullptr) == 0 ? 0 : 1; }), 1).shm_id = shm;
   }
   for (const ChildEntry& c : quor_children())
     if (c.agent_pid > 0) wait_ended(c.agent_pid);

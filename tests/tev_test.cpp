@@ -45,23 +45,24 @@ class Transport : public ::testing::Test {
  protected:
   std::filesystem::path socket_of(std::string_view name) { return dir_.path() / std::string(name); }
 
+  sockaddr_un address(std::string_view name) {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    socket_of(name).string().copy(a.sun_path, sizeof a.sun_path - 1);
+    return a;
+  }
+
   // Sends `bytes` as one raw datagram to `to`, from a socket bound at
   // `from_name` inside the transport directory (or unbound when empty).
   void send_raw(std::string_view to, const std::vector<std::uint8_t>& bytes,
                 std::string_view from_name = {}) {
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(fd, 0);
+    sockaddr_un from = address(from_name), dest = address(to);
     if (!from_name.empty()) {
-      sockaddr_un a{};
-      a.sun_family = AF_UNIX;
-      socket_of(from_name).string().copy(a.sun_path, sizeof a.sun_path - 1);
-      ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+      ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from), 0);
     }
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    socket_of(to).string().copy(addr.sun_path, sizeof addr.sun_path - 1);
-    ASSERT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&addr),
-                     sizeof addr),
+    ASSERT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&dest), sizeof dest),
               static_cast<ssize_t>(bytes.size()));
     close(fd);
     if (!from_name.empty()) unlink(socket_of(from_name).c_str());
@@ -191,35 +192,30 @@ TEST_F(Transport, DataCarriesConversationIdSenderAndCredentials) {
 TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
   Reg r("VICTIM");
   ASSERT_EQ(r.rc, 0);
-  std::vector<std::uint8_t> good = datagram(kTevKindData, 1, "SPOOF", "ok");
-  auto bad_magic = good;
-  bad_magic[0] = 'X';
-  auto bad_kind = good;
-  bad_kind[4] = 9;
-  auto bad_reserved = good;
-  bad_reserved[6] = 1;
-  auto short_size = good;
-  short_size.pop_back();
-  auto long_answer = datagram(kTevKindAnswer, 1, "SPOOF", "more than ten bytes");
-  std::vector<std::uint8_t> oversize = datagram(kTevKindData, 1, "SPOOF", std::string(600, 'x'));
-
-  send_raw("VICTIM", {});                      // empty
-  send_raw("VICTIM", bad_magic, "SPOOF");
-  send_raw("VICTIM", bad_kind, "SPOOF");
-  send_raw("VICTIM", bad_reserved, "SPOOF");
-  send_raw("VICTIM", short_size, "SPOOF");
-  send_raw("VICTIM", long_answer, "SPOOF");
-  send_raw("VICTIM", oversize, "SPOOF");       // larger than the 512-byte buffer below
-  send_raw("VICTIM", good, "OTHER");           // claims SPOOF, sent from OTHER
-  send_raw("VICTIM", good);                    // unnamed sender
-  send_raw("VICTIM", good, "SPOOF");           // the only acceptable one
+  const std::vector<std::uint8_t> good = datagram(kTevKindData, 1, "SPOOF", "ok");
+  auto with = [&](std::size_t at, std::uint8_t value) {
+    auto d = good;
+    d[at] = value;
+    return d;
+  };
+  // Empty; bad magic, kind, reserved byte; short of its size; an over-long
+  // answer; larger than the 512-byte buffer below; from another socket than
+  // the sender it claims; from an unnamed socket.
+  const std::pair<std::vector<std::uint8_t>, const char*> dropped[] = {
+      {{}, ""}, {with(0, 'X'), "SPOOF"}, {with(4, 9), "SPOOF"}, {with(6, 1), "SPOOF"},
+      {{good.begin(), good.end() - 1}, "SPOOF"},
+      {datagram(kTevKindAnswer, 1, "SPOOF", "more than ten bytes"), "SPOOF"},
+      {datagram(kTevKindData, 1, "SPOOF", std::string(600, 'x')), "SPOOF"},
+      {good, "OTHER"}, {good, ""}};
+  for (const auto& [bytes, from] : dropped) send_raw("VICTIM", bytes, from);
+  send_raw("VICTIM", good, "SPOOF");  // the only acceptable one
   TevIdentity from;
   EXPECT_EQ(recv_text(r, 2000, &from), "ok");
   EXPECT_EQ(from.app_name(), "SPOOF");
-  EXPECT_EQ(r.fb.FB_Dropped, 9u);
+  EXPECT_EQ(r.fb.FB_Dropped, std::size(dropped));
 }
 
-TEST_F(Transport, ConversationAnsweredByAnotherProcess) {
+TEST_F(Transport, ConversationAnsweredByAnotherProcessOrTimedOut) {
   Reg server("CONV.SRV");
   ASSERT_EQ(server.rc, 0);
   testutil::Child peer([] {
@@ -249,28 +245,20 @@ TEST_F(Transport, ConversationAnsweredByAnotherProcess) {
   EXPECT_EQ(peer.wait(), 0);
   EXPECT_EQ(recv_text(server, 0), "queued");
   EXPECT_EQ(server.fb.FB_InConversId, 5u);
-}
 
-TEST_F(Transport, ConversationWithoutAnAnswerTimesOut) {
-  Reg server("SILENT.SRV"), mute("SILENT.CLI");
-  ASSERT_EQ(server.rc, 0);
-  char answer[10];
-  EXPECT_NE(Tev_Conv(server.fb, server.id, named("SILENT.CLI"), "x", 1, answer, sizeof answer,
+  // A registered peer that never answers.
+  EXPECT_NE(Tev_Conv(server.fb, server.id, named("CONV.OTHER"), "x", 1, answer, sizeof answer,
                      kTevModeNormal, 1),
             0);
   EXPECT_EQ(server.fb.FB_Prc, kTevPrcLogicErr);
   EXPECT_EQ(server.fb.FB_Src, kTevSrcRtmOut);
 }
 
-namespace {
-void on_alarm(int) {}
-}  // namespace
-
 TEST_F(Transport, ASignalEndsABlockedReceive) {
   Reg r("SIGNALLED");
   ASSERT_EQ(r.rc, 0);
   struct sigaction sa {};
-  sa.sa_handler = on_alarm;  // no SA_RESTART
+  sa.sa_handler = [](int) {};  // no SA_RESTART
   struct sigaction old {};
   sigaction(SIGALRM, &sa, &old);
   alarm(1);
