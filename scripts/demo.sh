@@ -17,13 +17,22 @@ cmake --build build -j"$(nproc)" --target quordaemon quorctl quoruserpgm quorlog
 root=$(mktemp -d /tmp/quor-demo.XXXXXX)
 chmod 755 "$root"  # agents running as other accounts answer through $root/tev
 daemon_pid=""
+# On an early end the daemon is asked to stop as usual, so that it stops the
+# login processes it started; killed only if it does not answer. In debug
+# mode it installs no signal handlers, and a signal would leave them running.
 cleanup() {
-  [ -n "$daemon_pid" ] && kill "$daemon_pid" 2>/dev/null && wait "$daemon_pid" 2>/dev/null
+  if [ -n "$daemon_pid" ]; then
+    build/tools/quorctl/quorctl --timeout 5 terminate >/dev/null 2>&1 || true
+    for _ in $(seq 50); do kill -0 "$daemon_pid" 2>/dev/null || break; sleep 0.1; done
+    kill "$daemon_pid" 2>/dev/null || true
+    wait "$daemon_pid" 2>/dev/null || true
+  fi
   [ -n "${QUOR_DEMO_KEEP:-}" ] || rm -rf "$root"
 }
 trap cleanup EXIT
 
 mkdir -p "$root/quor/etc" "$root/quor/bin" "$root/quor/log" "$root/quor/messages" "$root/tmp" "$root/tev"
+chmod 1777 "$root/tev"  # like /tmp: agents running as other accounts register there to answer
 cp etc/quor.config etc/quorobj.map etc/quorlang.map "$root/quor/etc/"
 cp -r etc/messages "$root/"
 cp build/agents/quoruserpgm build/agents/quorlogon build/agents/quorutil build/agents/quorprobe "$root/quor/bin/"
@@ -60,12 +69,10 @@ if [ "$(id -u)" -eq 0 ] && getent passwd nobody >/dev/null; then
   echo "== quorctl status --full (the session, and its login process)"
   "$quorctl" status --full
   echo
-  echo "== a table from CSV sent to the probe agent, which runs as nobody"
   printf 'id,name\n1,first\n2,second\n' >"$root/t.csv"
-  "$quorctl" --user nobody build --object PROBE --select 'NAME = first' --table "$root/t.csv" --out "$root/req"
-  "$quorctl" raw --file "$root/req.1" --no-reply
-  for _ in $(seq 100); do ls "$root"/probe/*.info >/dev/null 2>&1 && break; sleep 0.05; done
-  cat "$root"/probe/*.info
+  echo "== quorctl --user nobody run PROBE ANSWER --select 'NAME = first' --table t.csv"
+  echo "   (a table from CSV to the probe agent, which runs as nobody and answers with what it got)"
+  "$quorctl" --user nobody run PROBE ANSWER --select 'NAME = first' --table "$root/t.csv"
   printf '%s\n' "-- the table as the agent received it:"
   cp "$root"/probe/*.data "$root/received.rdw" && "$quorctl" table-to-csv "$root/received.rdw"
   echo

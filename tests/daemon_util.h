@@ -68,19 +68,25 @@ class Daemon {
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  // Kills the daemon (and a detached daemon) and reaps it. Its own children
-  // (login programs, agents) go first, so that none outlives the test.
+  // Kills the daemon (and a detached daemon) and reaps it. Its children
+  // (login programs, agents) go first, so that none outlives the test, and
+  // so do the programs of this installation that a daemon which crashed or
+  // was killed left behind.
   void stop() {
-    if (pid_ > 0 && !exited_) {
-      for (const auto& e : std::filesystem::directory_iterator("/proc")) {
-        std::string stat = read_file(e.path() / "stat");
-        std::size_t paren = stat.rfind(')');
-        int ppid = 0;
-        char state = 0;
-        if (paren != std::string::npos && std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) == 2 &&
-            ppid == pid_)
-          kill(static_cast<pid_t>(std::stol(e.path().filename().string())), SIGKILL);
-      }
+    bool running = pid_ > 0 && !exited_;
+    std::string programs = (root_.path() / "quor/bin/").string();
+    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+      std::string stat = read_file(e.path() / "stat");
+      std::size_t paren = stat.rfind(')');
+      int ppid = 0;
+      char state = 0;
+      if (paren == std::string::npos || std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) != 2) continue;
+      std::error_code ec;
+      std::string exe = std::filesystem::read_symlink(e.path() / "exe", ec).string();
+      if ((running && ppid == pid_) || exe.rfind(programs, 0) == 0)
+        kill(static_cast<pid_t>(std::stol(e.path().filename().string())), SIGKILL);
+    }
+    if (running) {
       kill(pid_, SIGKILL);
       waitpid(pid_, &status_, 0);
       exited_ = true;
