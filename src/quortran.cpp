@@ -114,7 +114,9 @@ std::optional<std::size_t> buf_find_segment(InBuf buf, std::string_view tag) {
     long length = buf_segment_length(buf, mark);
     if (length < 1) return std::nullopt;
     std::size_t length_field = mark + kLengthMark.size() + 1;
-    if (*current == tag) return length_field + 6;
+    // Items start after the five-digit length field and its NUL; a buffer
+    // that ends before that (a shorter field at its very end) holds none.
+    if (*current == tag) return length_field + 6 <= buf.size() ? std::optional(length_field + 6) : std::nullopt;
     at = length_field + static_cast<std::size_t>(length);
   }
 }

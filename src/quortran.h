@@ -100,8 +100,8 @@ std::optional<std::string_view> buf_string(InBuf buf, std::size_t at);
 long buf_segment_length(InBuf buf, std::size_t at);
 
 // Offset of the first item name of the first segment tagged `tag`, scanning
-// from offset 6. Stops (nothing found) at "ZZZEOD" or at the first segment
-// that is not well framed.
+// from offset 6. Stops (nothing found) at "ZZZEOD", at the first segment
+// that is not well framed, or when the buffer ends before the offset.
 std::optional<std::size_t> buf_find_segment(InBuf buf, std::string_view tag);
 
 // Reads the items of one segment, from `first` up to "ZZZEOS" or "ZZZEOD":

@@ -135,6 +135,9 @@ TEST(SegmentReader, ABadlyFramedSegmentHidesEverythingAfterIt) {
   // Without ZZZEOD the later segment is still found.
   auto buf = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   13", "ZZZEOS"}) + good_ret);
   EXPECT_TRUE(buf_find_segment(buf, "ZZZRET"));
+  // A short length field at the very end: items would start past the end.
+  auto cut = with_prefix(nul_join({"ZZZRET", "ZZZLEN", "5"}));
+  EXPECT_FALSE(buf_find_segment(cut, "ZZZRET"));
 }
 
 TEST(SegmentReader, SegmentLengthField) {
