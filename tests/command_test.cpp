@@ -299,7 +299,9 @@ TEST_F(Commands, ALogoffWithoutALoginStopsNothing) {
   logoff.object = "PROBE";
   send(logoff, false);
   ASSERT_TRUE(next_probe()) << daemon_->output();
-  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
+  const std::string none = "    0 users logged into quor\n    0 transactions in progress.\n";
+  for (int i = 0; i < 100 && counts() != none; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(counts(), none);
   std::string stat = read_file("/proc/" + login + "/stat");
   EXPECT_EQ(stat.substr(stat.rfind(')') + 2, 1), "S") << "the default login program was stopped: " << stat;
 }
