@@ -23,10 +23,17 @@ ChildEntry& quor_child_new() {
   return entry;
 }
 
+void quor_child_remove_files(ChildEntry& entry) {
+  entry.transfer.reset();
+  for (const std::string& path : entry.files) unlink(path.c_str());
+  entry.files.clear();
+}
+
 ChildTable::iterator quor_child_erase(ChildTable::iterator at) {
   if (at->agent_pid < 1) {
     if (at->shm_addr != nullptr) shmdt(at->shm_addr);
     if (at->shm_id != -1) shmctl(at->shm_id, IPC_RMID, nullptr);
+    quor_child_remove_files(*at);
   }
   return quor_children().erase(at);
 }

@@ -15,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "quorRDW.h"
 #include "quorenvd.h"
@@ -42,6 +43,7 @@ struct ChildEntry {
   pid_t agent_pid = 0;      // 0 never started, -1 start attempted, else the agent
   std::optional<EnvBlock> env;  // the agent's two environment entries, when sent
   FileTransfer transfer;        // inbound data spanning the transaction's buffers
+  std::vector<std::string> files;  // data and command files made for the agent
   UserEntry* user = nullptr;  // not owned
   char type = 0;            // message type of the first buffer
 };
@@ -54,9 +56,13 @@ ChildTable& quor_children();
 // A new entry at the front (flags exactly 0x01, created now).
 ChildEntry& quor_child_new();
 
-// Removes `entry`. A segment that no agent ever received is removed from
-// the system; one handed to an agent belongs to the agent. 0, or 3 for none.
+// Removes `entry`. A segment and files that no agent ever received are
+// removed from the system; those handed to an agent belong to the agent.
+// 0, or 3 for none.
 int quor_child_remove(ChildEntry* entry);
+
+// Removes the files made for the entry's agent (one that will never run).
+void quor_child_remove_files(ChildEntry& entry);
 
 // quor_child_remove for an entry known by its place; returns the next place.
 ChildTable::iterator quor_child_erase(ChildTable::iterator at);

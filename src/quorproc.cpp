@@ -81,7 +81,8 @@ int first_buffer(ChildEntry& entry, const TransactionHeader& header, InBuf buf, 
     return 3;
   }
   std::span<char> record = record_of(entry);
-  quor_smc_fill(record, header, hdr);
+  if (std::string data_file = quor_smc_fill(record, header, hdr); !data_file.empty())
+    entry.files.push_back(std::move(data_file));
   put_short_field(segment, kShmOsType, header.ostype);
   put_short_field(segment, kShmOpText, value(hdr.op_text));
   if (entry.type != 'L') {
@@ -113,6 +114,7 @@ int utility_commands(ChildEntry& entry, const TransactionHeader& header, InBuf b
     close(fd);
     smc_put(record, smc::slot(smc::csl_value, 0), path);
     entry.transfer.path = path;
+    entry.files.push_back(path);
   }
   std::string_view object = smc_get(record, smc::object), command = smc_get(record, smc::command);
   int code = object == "FILEVERSION" && (command == "RESTORE" || command == "BACKUP" || command == "ARCHIVE")
@@ -169,8 +171,13 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
     if (int rc = first_buffer(*entry, header, buf, conn); rc != 0) return rc;
 
   quor_pnd_to_record(record_of(*entry), buf);
+  // A transfer that failed ends the transaction: its later buffers would
+  // find nothing waiting, so the entry, its segment and files go now.
   int code = entry->type == 'U' ? utility_commands(*entry, header, buf) : request_data(*entry, header, buf);
-  if (code != 0) return code;
+  if (code != 0) {
+    quor_child_remove(entry);
+    return code;
+  }
   if (!quor_trl_last(buf)) {
     entry->flags |= kChildContinuing;
     return 0;
@@ -259,7 +266,8 @@ int quor_agent_start(ChildEntry& entry) {
     quor_trace("setuid returned status = %d, errno = %d\n", started.failure == SpawnResult::kIdentity ? -1 : 0,
                started.failure == SpawnResult::kIdentity ? started.err : 0);
   // A child that failed has removed the segment and ended with status 99;
-  // the sweep drops the entry.
+  // the sweep drops the entry. The files it never took over go now.
+  if (started.failure != SpawnResult::kNone) quor_child_remove_files(entry);
   if (started.failure == SpawnResult::kIdentity)
     quor_msg_log(301, 2, "object " + object + ", account " + username + ": " + std::strerror(started.err));
   if (started.failure == SpawnResult::kExec) quor_msg_log(121, 2, quor_program_name());

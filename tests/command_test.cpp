@@ -11,6 +11,7 @@
 
 #include "ctl_commands.h"
 #include "ctl_files.h"
+#include "ctl_text.h"
 #include "daemon_util.h"
 #include "momsg.h"
 #include "quorRDW.h"
@@ -194,23 +195,42 @@ TEST_F(Commands, RequestsWithoutALoginOrATransactionAreRefused) {
   EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << "refusals left entries";
 }
 
-// An object missing from the map, or whose program cannot be executed, is
-// refused with an error reply and starts nothing.
-TEST_F(Commands, UnknownObjectsAndProgramsThatCannotRun) {
+// An object missing from the map, a program that cannot be executed, or a
+// damaged table is refused with an error reply and starts nothing; the
+// transaction's segment and data file go with it.
+TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
   REQUIRE_ROOT();
-  start("LOGIN_REQUIRED: 0\n", "PROBE quorprobe\nBROKEN notrunnable\n");
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "PROBE quorprobe\nBROKEN notrunnable\n");
   std::ofstream(daemon_->root().path() / "quor/bin/notrunnable") << "#!/bin/sh\n";
   fs::permissions(daemon_->root().path() / "quor/bin/notrunnable", fs::perms::owner_read | fs::perms::owner_write);
+  std::string csv_path = daemon_->root().str() + "/t.csv";
+  std::ofstream(csv_path) << "a,b\n";
   CtlBuild spec;
+  spec.data = CtlBuild::Data::Table;
+  spec.source = csv_path;
   spec.object = "NOSUCH";
   EXPECT_EQ(error_text(send(spec, true)).substr(0, 2), "1 ");
   spec.object = "BROKEN";
   EXPECT_EQ(error_text(send(spec, true)).substr(0, 2), "1 ");
+  std::vector<char> damaged =
+      ctl_parse_text("header S\nsegment ZZZHDR\nitem OBJ PROBE\nitem FN Y\nend\nsegment ZZZRDW\nstring 0\nend\n"
+                     "trailer N\n").bytes;
+  ASSERT_EQ(quor_wire_seal(damaged, damaged.size()), 0);
+  {
+    TevClient client;
+    EXPECT_EQ(error_text(client.call(kServerName, std::vector<std::uint8_t>(damaged.begin(), damaged.end()), 5000)),
+              "1 The request failed on the host. See the host's message log for details.");
+  }
   EXPECT_NE(daemon_->log().find("QUOR0115E Object NOSUCH is not in the object map."), std::string::npos)
       << daemon_->log();
   EXPECT_NE(daemon_->log().find("QUOR0121E"), std::string::npos);
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
   EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
+  std::vector<std::string> left;
+  for (const auto& e : fs::directory_iterator(daemon_->root().path() / "tmp"))
+    if (e.path().filename() != "quordaemon.pid") left.push_back(e.path().filename());
+  EXPECT_EQ(left, std::vector<std::string>{}) << "data files left behind";
 }
 
 // A login through the logon agent (here the probe, reporting the login),
