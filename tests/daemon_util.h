@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,6 +91,14 @@ class Daemon {
       kill(pid_, SIGKILL);
       waitpid(pid_, &status_, 0);
       exited_ = true;
+    }
+    // Segments the daemon made that nobody removed (a killed agent's, or a
+    // daemon's that crashed) go too.
+    shmid_ds ds{};
+    int highest = pid_ > 0 ? shmctl(0, SHM_INFO, &ds) : -1;
+    for (int i = 0; i <= highest; ++i) {
+      int id = shmctl(i, SHM_STAT, &ds);
+      if (id >= 0 && ds.shm_cpid == pid_) shmctl(id, IPC_RMID, nullptr);
     }
   }
 
