@@ -53,16 +53,13 @@ std::optional<Account> quor_account(const std::string& name) {
 
 void quor_accounts_forget() { remembered().clear(); }
 
+// Bare system calls: they change only the calling process and touch no
+// library state, so a vfork child may make them too. The process is
+// single-threaded, so nothing else needs to follow the change.
 bool quor_account_become(const Account& account) {
-  if (setgroups(account.groups.size(), account.groups.data()) != 0) return false;
-  if (setgid(account.gid) != 0 || setuid(account.uid) != 0) return false;
-  // A process that could take root back has not really changed identity.
-  return account.uid == 0 || setuid(0) != 0;
-}
-
-bool quor_account_become_here(const Account& account) {
   if (syscall(SYS_setgroups, account.groups.size(), account.groups.data()) != 0) return false;
   if (syscall(SYS_setresgid, account.gid, account.gid, account.gid) != 0) return false;
   if (syscall(SYS_setresuid, account.uid, account.uid, account.uid) != 0) return false;
+  // A process that could take root back has not really changed identity.
   return account.uid == 0 || syscall(SYS_setuid, 0) != 0;
 }

@@ -29,12 +29,8 @@ std::optional<Account> quor_account(const std::string& name);
 // Drops every remembered account.
 void quor_accounts_forget();
 
-// Takes on the account's identity in this process: supplementary groups,
-// group, user. False when any step fails, or when root could be taken back
-// afterwards.
+// Takes on the account's identity in this single-threaded process:
+// supplementary groups, group, user (real, effective and saved). False when
+// any step fails, or when root could be taken back afterwards. Makes only
+// system calls, so a vfork child may use it.
 bool quor_account_become(const Account& account);
-
-// The same for a child that shares the daemon's memory until it execs
-// (vfork): bare system calls that change only the calling process, no
-// allocation, no library state.
-bool quor_account_become_here(const Account& account);

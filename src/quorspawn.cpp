@@ -47,7 +47,7 @@ bool take_on_account(const SpawnRequest& request) {
   if (!request.data_file.empty() && chown(request.data_file.c_str(), account.uid, account.gid) != 0 &&
       errno != ENOENT)
     return false;
-  return quor_account_become_here(account);
+  return quor_account_become(account);
 }
 
 [[noreturn]] void child_failed(const SpawnRequest& request, ChildReport& report, SpawnResult::Failure step) {
