@@ -20,7 +20,7 @@ void send_raw(const Daemon& d, const std::vector<std::uint8_t>& bytes) {
   ASSERT_GE(fd, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::string path = (d.tev_dir() / std::string(kServerName)).string();
+  std::string path = (d.server_socket()).string();
   path.copy(addr.sun_path, sizeof addr.sun_path - 1);
   (void)sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   close(fd);
@@ -51,7 +51,7 @@ TEST(Daemon, ServesNothingToEmptyAndUnknownTypesAndStopsOnTerminate) {
   for (const char* line : {"QUOR0400I", "QUOR0202T", "QUOR0203T", "message type TERMINATE", "QUOR0401I"})
     EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
   for (const char* line : {"QUOR0400I", "QUOR0401I"}) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
-  EXPECT_FALSE(std::filesystem::exists(d.tev_dir() / std::string(kServerName)));
+  EXPECT_FALSE(std::filesystem::exists(d.server_socket()));
   EXPECT_FALSE(std::filesystem::exists(pid_file));
 }
 

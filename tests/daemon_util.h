@@ -147,7 +147,7 @@ class Daemon {
   // alive() and wait_exit() are about it rather than the parent that started
   // it (which is ended instead of sleeping out its five seconds).
   bool wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    auto socket = tev_dir_ / std::string(kServerName);
+    auto socket = server_socket();
     for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
       if (std::filesystem::exists(socket)) return debug_ || follow_detached();
       if (!alive()) return false;
@@ -206,6 +206,10 @@ class Daemon {
   static std::vector<std::uint8_t> request(std::string_view type) { return sealed_request(type); }
 
   std::filesystem::path tev_dir() const { return tev_dir_; }
+  // Where the daemon's socket is: names registered by root live in root/.
+  std::filesystem::path server_socket() const {
+    return (geteuid() == 0 ? tev_dir_ / "root" : tev_dir_) / std::string(kServerName);
+  }
 
  private:
   TempDir root_;

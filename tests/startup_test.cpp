@@ -159,7 +159,7 @@ TEST(StartUp, AConfigurationThatCannotBeLoadedStopsStartUp) {
   EXPECT_EQ(d.wait_exit(), 1);
   EXPECT_NE(d.log().find("QUOR0114E"), std::string::npos) << d.log();
   EXPECT_NE(d.log().find("QUOR0016S"), std::string::npos) << d.log();
-  EXPECT_FALSE(fs::exists(d.tev_dir() / std::string(kServerName)));
+  EXPECT_FALSE(fs::exists(d.server_socket()));
 }
 
 TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
@@ -210,7 +210,7 @@ TEST(Signals, AFatalSignalLogsAndExitsWithItsNumberLeavingThePidFile) {
   EXPECT_EQ(d.wait_exit(), SIGSEGV) << d.log();
   EXPECT_NE(d.log().find("QUOR0017S Stopping after fatal signal 11."), std::string::npos) << d.log();
   EXPECT_TRUE(fs::exists(pid_file(d)));
-  EXPECT_FALSE(fs::exists(d.tev_dir() / std::string(kServerName)));
+  EXPECT_FALSE(fs::exists(d.server_socket()));
 }
 
 TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {

@@ -43,29 +43,36 @@ struct Reg {
 
 class Transport : public ::testing::Test {
  protected:
-  std::filesystem::path socket_of(std::string_view name) { return dir_.path() / std::string(name); }
+  // Where this process's registration of `name` lives: root's names are in
+  // root/, everybody else's in the directory itself.
+  std::filesystem::path socket_of(std::string_view name) {
+    return (geteuid() == 0 ? dir_.path() / "root" : dir_.path()) / std::string(name);
+  }
 
-  sockaddr_un address(std::string_view name) {
+  static sockaddr_un address(const std::filesystem::path& path) {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    socket_of(name).string().copy(a.sun_path, sizeof a.sun_path - 1);
+    path.string().copy(a.sun_path, sizeof a.sun_path - 1);
     return a;
   }
 
-  // Sends `bytes` as one raw datagram to `to`, from a socket bound at
-  // `from_name` inside the transport directory (or unbound when empty).
+  // Sends `bytes` as one raw datagram to the registration `to`, from a
+  // socket bound at `from_name` inside the transport directory, or at that
+  // absolute path, or unbound when empty.
   void send_raw(std::string_view to, const std::vector<std::uint8_t>& bytes,
                 std::string_view from_name = {}) {
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(fd, 0);
-    sockaddr_un from = address(from_name), dest = address(to);
+    std::filesystem::path from_path =
+        from_name.starts_with('/') ? std::filesystem::path(from_name) : dir_.path() / std::string(from_name);
+    sockaddr_un from = address(from_path), dest = address(socket_of(to));
     if (!from_name.empty()) {
       ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from), 0);
     }
     ASSERT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&dest), sizeof dest),
               static_cast<ssize_t>(bytes.size()));
     close(fd);
-    if (!from_name.empty()) unlink(socket_of(from_name).c_str());
+    if (!from_name.empty()) unlink(from_path.c_str());
   }
 
   static std::vector<std::uint8_t> datagram(std::uint8_t kind, std::uint32_t conv,
@@ -200,13 +207,16 @@ TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
   };
   // Empty; bad magic, kind, reserved byte; short of its size; an over-long
   // answer; larger than the 512-byte buffer below; from another socket than
-  // the sender it claims; from an unnamed socket.
-  const std::pair<std::vector<std::uint8_t>, const char*> dropped[] = {
+  // the sender it claims; from an unnamed socket; from a socket of the right
+  // name outside the transport directory.
+  TempDir elsewhere;
+  std::string outside = (elsewhere.path() / "SPOOF").string();
+  const std::pair<std::vector<std::uint8_t>, std::string> dropped[] = {
       {{}, ""}, {with(0, 'X'), "SPOOF"}, {with(4, 9), "SPOOF"}, {with(6, 1), "SPOOF"},
       {{good.begin(), good.end() - 1}, "SPOOF"},
       {datagram(kTevKindAnswer, 1, "SPOOF", "more than ten bytes"), "SPOOF"},
       {datagram(kTevKindData, 1, "SPOOF", std::string(600, 'x')), "SPOOF"},
-      {good, "OTHER"}, {good, ""}};
+      {good, "OTHER"}, {good, ""}, {good, outside}};
   for (const auto& [bytes, from] : dropped) send_raw("VICTIM", bytes, from);
   send_raw("VICTIM", good, "SPOOF");  // the only acceptable one
   TevIdentity from;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <map>
 #include <vector>
 
@@ -263,10 +264,9 @@ int Tev_Conv(TevFeedback& fb, const TevIdentity& local, const TevIdentity& remot
     if (left.count() <= 0)
       return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
     TevIncoming in;
-    if (reg->endpoint->receive(fb, in, kTevMaxPayload, static_cast<int>(left.count())) != 0) {
-      if (fb.FB_Src == kTevSrcRcvCnc) continue;  // a signal: keep waiting for the answer
-      return 1;
-    }
+    // A signal ends the wait like any receive's, so a process asked to stop
+    // is not held up by a peer that never answers.
+    if (reg->endpoint->receive(fb, in, kTevMaxPayload, static_cast<int>(left.count())) != 0) return 1;
     if (in.kind == kTevKindAnswer) {
       if (in.conversation != conversation || in.sender.app_name() != remote.app_name()) {
         ++fb.FB_Dropped;
@@ -294,9 +294,31 @@ int APICHECK(std::span<const TevInquiry* const> handles) {
   return 0;
 }
 
+int TevSetSendWait(TevFeedback& fb, const TevIdentity& local, int milliseconds) {
+  if (milliseconds < 0) return bad_argument(fb, "Bad wait");
+  Registration* reg = find_registration(fb, local);
+  if (reg == nullptr) return 1;
+  reg->endpoint->set_send_wait(milliseconds);
+  succeed(fb);
+  return 0;
+}
+
+int TevRequireRootPeers(TevFeedback& fb, const TevIdentity& local, bool on) {
+  Registration* reg = find_registration(fb, local);
+  if (reg == nullptr) return 1;
+  reg->endpoint->set_root_peers_only(on);
+  succeed(fb);
+  return 0;
+}
+
 std::string tev_directory() {
   const char* dir = std::getenv("TEV_DIR");
-  return (dir != nullptr && *dir != '\0') ? std::string(dir) : std::string("/tmp/tev");
+  std::filesystem::path path = (dir != nullptr && *dir != '\0') ? dir : "/tmp/tev";
+  std::error_code ec;
+  std::filesystem::path absolute = std::filesystem::absolute(path, ec);
+  std::string text = (ec ? path : absolute).lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
 }
 
 std::string tev_node_name() {

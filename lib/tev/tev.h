@@ -117,6 +117,7 @@ struct TevInquiry {
   pid_t pid = 0;
   uid_t uid = static_cast<uid_t>(-1);
   gid_t gid = static_cast<gid_t>(-1);
+  std::string host;  // the verified sending node of a message from another host; empty for a local one
 };
 
 // ---------------------------------------------------------------------------
@@ -170,7 +171,20 @@ int TevRecvTimed(TevFeedback& fb, const TevIdentity& local, TevIdentity& remote,
                  void* buffer, std::size_t size, TevInquiry& inquiry,
                  int timeout_ms);
 
-// The rendezvous directory in use (TEV_DIR, default /tmp/tev).
+// How long sends from the registration `local` wait for a peer whose queue
+// is full before failing with SNDDRC (default 5000 ms; 0: fail at once). A
+// server that must never be held up by a client that does not read sets 0.
+int TevSetSendWait(TevFeedback& fb, const TevIdentity& local, int milliseconds);
+
+// Sends (and conversations) from `local` reach only registrations made by
+// root; a name held by anybody else counts as nobody registered (NORCVR).
+// For clients that send secrets, such as passwords, to the daemon.
+int TevRequireRootPeers(TevFeedback& fb, const TevIdentity& local, bool on);
+
+// The rendezvous directory in use (TEV_DIR, default /tmp/tev), as an
+// absolute path without trailing or repeated slashes, so that every process
+// names the same directory the same way. Names registered by root live in
+// its subdirectory "root".
 std::string tev_directory();
 
 // This host's node name, as put into identity blocks.

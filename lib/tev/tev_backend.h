@@ -32,6 +32,10 @@ class TevEndpoint {
   // in fb.FB_Dropped. Fails with RCVCNC on a signal, RTMOUT on time-out.
   virtual int receive(TevFeedback& fb, TevIncoming& out, std::size_t max_payload,
                       int timeout_ms) = 0;
+  // How long a send may wait for a peer whose queue is full (0: not at all).
+  virtual void set_send_wait(int milliseconds) = 0;
+  // Sends only to registrations made by root.
+  virtual void set_root_peers_only(bool on) = 0;
 };
 
 // Registers `id`'s application name with the local datagram backend.

@@ -1,5 +1,13 @@
 // The local backend: one Unix-domain datagram socket per registration,
-// bound at TEV_DIR/<application name>.
+// bound at TEV_DIR/<application name>, or TEV_DIR/root/<application name>
+// for a process running as root.
+//
+// The rendezvous directory is writable by everybody (agents under any
+// account answer clients there), so a name in it proves nothing about who
+// holds it. Names registered by root therefore live in a subdirectory only
+// root may write: nobody else can take them, not even while their owner is
+// down, and a sender that must reach root (a client sending a password)
+// addresses that directory alone.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -7,6 +15,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -18,7 +27,8 @@
 namespace {
 
 constexpr int kSocketBuffer = 1 << 20;      // room for many maximum datagrams
-constexpr int kSendTimeoutSeconds = 5;      // a peer that never reads
+constexpr int kDefaultSendWaitMs = 5000;    // a peer that never reads
+constexpr std::string_view kRootDir = "root";
 
 int system_error(TevFeedback& fb, const char* what, int err) {
   std::string text = std::string(what) + ": " + std::strerror(err);
@@ -60,6 +70,29 @@ int check_directory(TevFeedback& fb, const std::string& dir) {
   return 0;
 }
 
+// Root's subdirectory, made when missing, mode 0755 (everybody must reach
+// root's sockets). One that somebody else made first (the rendezvous
+// directory lets anyone create entries) is moved aside, so nobody can keep
+// root from registering or hold root's names.
+int check_root_directory(TevFeedback& fb, const std::string& dir) {
+  std::string path = dir + "/" + std::string(kRootDir);
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0) {
+      if (S_ISDIR(st.st_mode) && st.st_uid == 0)
+        return chmod(path.c_str(), 0755) == 0 ? 0 : system_error(fb, "Transport root directory", errno);
+      std::string aside = path + ".stale." + std::to_string(getpid()) + "." + std::to_string(attempt);
+      if (rename(path.c_str(), aside.c_str()) != 0 && errno != ENOENT)
+        return system_error(fb, "Transport root directory", errno);
+    } else if (errno != ENOENT) {
+      return system_error(fb, "Transport root directory", errno);
+    }
+    if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
+      return system_error(fb, "Cannot create transport root directory", errno);
+  }
+  return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, EPERM, "Transport root directory is not safe");
+}
+
 // True when something answers at `addr` (the name is in use).
 bool someone_bound(const sockaddr_un& addr, socklen_t len) {
   int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -74,7 +107,7 @@ class UnixEndpoint final : public TevEndpoint {
  public:
   UnixEndpoint(int fd, std::string path, std::string dir)
       : fd_(fd), owner_(getpid()), path_(std::move(path)), dir_(std::move(dir)),
-        buffer_(kTevHeaderSize + kTevMaxPayload + 1) {}
+        root_dir_(dir_ + "/" + std::string(kRootDir)), buffer_(kTevHeaderSize + kTevMaxPayload + 1) {}
 
   // Only the process that registered removes the name: a forked child that
   // exits must not take its parent's name away.
@@ -83,32 +116,29 @@ class UnixEndpoint final : public TevEndpoint {
     if (getpid() == owner_) unlink(path_.c_str());
   }
 
+  void set_send_wait(int milliseconds) override {
+    send_wait_ms_ = std::max(0, milliseconds);
+    timeval timeout{send_wait_ms_ / 1000, (send_wait_ms_ % 1000) * 1000};
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  }
+  void set_root_peers_only(bool on) override { root_peers_only_ = on; }
+
+  // A name is looked for in root's directory first, then in the shared one,
+  // unless only root's registrations may receive. The sender of the last
+  // message received is answered where it was found, without a second look.
   int send(TevFeedback& fb, std::uint8_t kind, std::uint32_t conversation,
            const TevIdentity& local, const TevIdentity& remote,
            std::span<const std::uint8_t> payload) override {
-    sockaddr_un addr;
-    socklen_t len;
-    if (!make_address(dir_ + "/" + std::string(remote.app_name()), addr, len))
-      return tev_fail(fb, kTevPrcPlistErr, 0, ENAMETOOLONG, "Remote name too long for a path");
+    std::string_view name = remote.app_name();
     std::array<std::uint8_t, kTevHeaderSize> header;
     tev_encode_header(header, kind, conversation, local, remote, payload.size());
     iovec iov[2] = {{header.data(), header.size()},
                     {const_cast<std::uint8_t*>(payload.data()), payload.size()}};
-    msghdr msg{};
-    msg.msg_name = &addr;
-    msg.msg_namelen = len;
-    msg.msg_iov = iov;
-    msg.msg_iovlen = payload.empty() ? 1 : 2;
-    for (;;) {
-      if (sendmsg(fd_, &msg, MSG_NOSIGNAL) >= 0) return 0;
-      int err = errno;
-      if (err == EINTR) continue;
-      if (err == ENOENT || err == ECONNREFUSED || err == ENOTDIR)
-        return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, err, "No receiver online");
-      if (err == EAGAIN || err == EWOULDBLOCK)
-        return tev_fail(fb, kTevPrcLogicErr, kTevSrcSndDrc, err, "Send error: receiver not reading");
-      return system_error(fb, "Send", err);
-    }
+    if (name == last_sender_ && (!root_peers_only_ || last_sender_is_root_))
+      return send_to(fb, last_sender_dir(), name, iov, payload.empty() ? 1 : 2);
+    int rc = send_to(fb, root_dir_, name, iov, payload.empty() ? 1 : 2);
+    if (rc == 0 || root_peers_only_ || fb.FB_Src != kTevSrcNoRcvr) return rc;
+    return send_to(fb, dir_, name, iov, payload.empty() ? 1 : 2);
   }
 
   int receive(TevFeedback& fb, TevIncoming& out, std::size_t max_payload,
@@ -157,9 +187,16 @@ class UnixEndpoint final : public TevEndpoint {
                                ? msg.msg_namelen - offsetof(sockaddr_un, sun_path)
                                : 0;
     std::string_view path(from.sun_path, strnlen(from.sun_path, path_len));
-    if (path.empty()) return false;  // an unnamed or abstract sender cannot be answered
-    std::string_view name = path.substr(path.rfind('/') == std::string_view::npos ? 0 : path.rfind('/') + 1);
+    // Only a socket in the rendezvous directory (or root's) is a sender:
+    // one bound elsewhere under a client's name must not get its replies.
+    std::size_t slash = path.rfind('/');
+    if (slash == std::string_view::npos) return false;
+    std::string_view name = path.substr(slash + 1), where = path.substr(0, slash);
     if (name.empty() || name.size() > kTevMaxAppName || name != d->sender.app_name()) return false;
+    bool from_root = where == root_dir_;
+    if (!from_root && where != dir_) return false;
+    last_sender_.assign(name);
+    last_sender_is_root_ = from_root;
 
     out.kind = d->kind;
     out.conversation = d->conversation;
@@ -174,18 +211,50 @@ class UnixEndpoint final : public TevEndpoint {
           c->cmsg_len >= CMSG_LEN(sizeof(ucred))) {
         ucred cred;
         std::memcpy(&cred, CMSG_DATA(c), sizeof cred);
-        out.inquiry = TevInquiry{true, cred.pid, cred.uid, cred.gid};
+        out.inquiry = TevInquiry{true, cred.pid, cred.uid, cred.gid, {}};
       }
     }
     out.payload = d->payload;
     return true;
   }
 
+  const std::string& last_sender_dir() const { return last_sender_is_root_ ? root_dir_ : dir_; }
+
+  int send_to(TevFeedback& fb, const std::string& dir, std::string_view name, iovec* iov, std::size_t parts) {
+    sockaddr_un addr;
+    socklen_t len;
+    if (!make_address(dir + "/" + std::string(name), addr, len))
+      return tev_fail(fb, kTevPrcPlistErr, 0, ENAMETOOLONG, "Remote name too long for a path");
+    msghdr msg{};
+    msg.msg_name = &addr;
+    msg.msg_namelen = len;
+    msg.msg_iov = iov;
+    msg.msg_iovlen = parts;
+    // A peer that does not read fills its queue: the send then waits (up to
+    // the socket's send time-out) or, with no wait allowed, fails at once.
+    int flags = MSG_NOSIGNAL | (send_wait_ms_ == 0 ? MSG_DONTWAIT : 0);
+    for (;;) {
+      if (sendmsg(fd_, &msg, flags) >= 0) return 0;
+      int err = errno;
+      if (err == EINTR) continue;
+      if (err == ENOENT || err == ECONNREFUSED || err == ENOTDIR)
+        return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, err, "No receiver online");
+      if (err == EAGAIN || err == EWOULDBLOCK)
+        return tev_fail(fb, kTevPrcLogicErr, kTevSrcSndDrc, err, "Send error: receiver not reading");
+      return system_error(fb, "Send", err);
+    }
+  }
+
   int fd_;
   pid_t owner_;
   std::string path_;
   std::string dir_;
+  std::string root_dir_;
   std::vector<std::uint8_t> buffer_;  // one datagram; reused by every receive
+  std::string last_sender_;           // name of the last sender received, and where it lives
+  bool last_sender_is_root_ = false;
+  int send_wait_ms_ = kDefaultSendWaitMs;
+  bool root_peers_only_ = false;
 };
 
 void set_buffer_size(int fd, int option, int force_option) {
@@ -199,7 +268,9 @@ void set_buffer_size(int fd, int option, int force_option) {
 std::unique_ptr<TevEndpoint> tev_unix_open(TevFeedback& fb, const TevIdentity& id) {
   std::string dir = tev_directory();
   if (check_directory(fb, dir) != 0) return nullptr;
-  std::string path = dir + "/" + std::string(id.app_name());
+  bool is_root = geteuid() == 0;
+  if (is_root && check_root_directory(fb, dir) != 0) return nullptr;
+  std::string path = (is_root ? dir + "/" + std::string(kRootDir) : dir) + "/" + std::string(id.app_name());
   sockaddr_un addr;
   socklen_t len;
   if (!make_address(path, addr, len)) {
@@ -238,7 +309,7 @@ std::unique_ptr<TevEndpoint> tev_unix_open(TevFeedback& fb, const TevIdentity& i
   setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
   set_buffer_size(fd, SO_RCVBUF, SO_RCVBUFFORCE);
   set_buffer_size(fd, SO_SNDBUF, SO_SNDBUFFORCE);
-  timeval timeout{kSendTimeoutSeconds, 0};
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  return std::make_unique<UnixEndpoint>(fd, std::move(path), std::move(dir));
+  auto endpoint = std::make_unique<UnixEndpoint>(fd, std::move(path), std::move(dir));
+  endpoint->set_send_wait(kDefaultSendWaitMs);
+  return endpoint;
 }
