@@ -44,7 +44,7 @@ echo "== Installation root: $root"
 find "$root" -mindepth 1 -not -path "$root/tev*" | sed "s|^$root/|   |" | sort
 echo
 echo "== Starting quordaemon in the foreground in debug mode (trace in $root/daemon.out)"
-MOXQUORDEBUG=1 QUORPROBE_DIR="$root/probe" build/src/quordaemon >"$root/daemon.out" 2>&1 &
+MOXQUORDEBUG=1 QUORPROBE_DIR="$root/probe" MOXQUORKEEPENV=QUORPROBE_DIR build/src/quordaemon >"$root/daemon.out" 2>&1 &
 daemon_pid=$!
 for _ in $(seq 100); do [ -S "$TEV_DIR/MO_QUORUNIX_SERVER" ] && break; sleep 0.05; done
 

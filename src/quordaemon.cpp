@@ -8,6 +8,7 @@
 #include <string>
 
 #include "momsg.h"
+#include "quoraccess.h"
 #include "quorconfig.h"
 #include "quordebug.h"
 #include "quorderr.h"
@@ -115,10 +116,13 @@ InBuf request_text(const DaemonLoop& loop) {
 }
 
 // A request from another node counts as activity of its user; the daemon's
-// own node (agents, login programs) never does.
-void note_activity(const TransactionHeader& header) {
+// own node (agents, login programs) never does, nor does a request from a
+// client that may not use the session.
+void note_activity(const TransactionHeader& header, const ConnRecord& conn) {
   if (header.node.empty() || header.node == mo_nodename()) return;
-  if (UserEntry* user = quor_user_find(header, true)) user->last_activity = std::time(nullptr);
+  if (UserEntry* user = quor_user_find(header, true);
+      user != nullptr && quor_client_may_use(user->owner, quor_client_of(conn.inquiry)))
+    user->last_activity = std::time(nullptr);
 }
 
 // A handler that ran out of memory: the client is told, then the daemon
@@ -180,7 +184,9 @@ void quor_dispatch(DaemonLoop& loop) {
   (void)tran_header_read(request_text(loop), header);
   char type = header.type();
   loop.last_type = type;
-  note_activity(header);
+  note_activity(header, loop.conn);
+  // Only the operator controls the daemon; anybody may ask for its status.
+  if ((type == 'T' || type == 'K' || type == 'R' || type == 'C') && !quor_control_permitted(type, loop.conn)) return;
 
   switch (type) {
     case '\0':

@@ -5,22 +5,91 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <map>
+#include <thread>
 #include <vector>
 
 #include "momsg.h"
+#include "quorderr.h"
+#include "quorusers.h"
 
 ChildTable& quor_children() {
   static ChildTable table;
   return table;
 }
 
-ChildEntry& quor_child_new() {
+namespace {
+
+struct Loads {
+  std::map<ClientId, ClientLoadCount> by_client;
+  int pending = 0;
+};
+
+Loads& loads() {
+  static Loads l;
+  return l;
+}
+
+// Moves the entry's count from what it was to `to`.
+void count_as(ChildEntry& entry, ChildLoad to) {
+  Loads& l = loads();
+  if (entry.load != ChildLoad::None) {
+    auto it = l.by_client.find(entry.owner);
+    if (it != l.by_client.end()) {
+      (entry.load == ChildLoad::Pending ? it->second.pending : it->second.agents)--;
+      if (it->second.pending == 0 && it->second.agents == 0) l.by_client.erase(it);
+    }
+    if (entry.load == ChildLoad::Pending) --l.pending;
+  }
+  entry.load = to;
+  if (to == ChildLoad::None) return;
+  ClientLoadCount& c = l.by_client[entry.owner];
+  (to == ChildLoad::Pending ? c.pending : c.agents)++;
+  if (to == ChildLoad::Pending) ++l.pending;
+}
+
+}  // namespace
+
+ChildEntry& quor_child_new(const ClientId& owner) {
   ChildEntry& entry = quor_children().emplace_front();
   entry.created = std::time(nullptr);
+  entry.last_buffer = entry.created;
+  entry.owner = owner;
+  count_as(entry, ChildLoad::Pending);
   return entry;
+}
+
+void quor_child_started(ChildEntry& entry) { count_as(entry, ChildLoad::Agent); }
+
+ClientLoadCount quor_client_load(const ClientId& client) {
+  auto it = loads().by_client.find(client);
+  return it == loads().by_client.end() ? ClientLoadCount{} : it->second;
+}
+
+int quor_pending_total() { return loads().pending; }
+
+void quor_child_collect_output(ChildEntry& entry) {
+  if (entry.output_file.empty()) return;
+  int fd = open(entry.output_file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  unlink(entry.output_file.c_str());
+  entry.output_file.clear();
+  if (fd < 0) return;
+  std::string text(kMaxAgentOutput, '\0');
+  ssize_t n = read(fd, text.data(), text.size());
+  close(fd);
+  text.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  if (text.empty()) return;
+  // One log line: line ends and other control characters become blanks.
+  for (char& c : text)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+  quor_msg_log(302, 2, "pid " + std::to_string(entry.agent_pid) + " of " + quor_client_text(entry.owner) + ": " + text);
 }
 
 void quor_child_remove_files(ChildEntry& entry) {
@@ -35,6 +104,11 @@ ChildTable::iterator quor_child_erase(ChildTable::iterator at) {
     if (at->shm_id != -1) shmctl(at->shm_id, IPC_RMID, nullptr);
     quor_child_remove_files(*at);
   }
+  quor_child_collect_output(*at);
+  count_as(*at, ChildLoad::None);
+  // A login that ends here without its report leaves no pending session
+  // behind, or the pair could never log in again.
+  if (at->type == 'L' && at->user != nullptr && at->user->last_activity == 0) quor_user_remove(at->user);
   return quor_children().erase(at);
 }
 
@@ -49,12 +123,13 @@ int quor_child_remove(ChildEntry* entry) {
   return 0;
 }
 
-ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask, bool no_create) {
+ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask, bool no_create,
+                            const ClientId& owner) {
   for (ChildEntry& entry : quor_children())
     if (entry.client_pid == header.pid && entry.client_node == header.node && (entry.flags & mask) != 0)
       return &entry;
   if (no_create) return nullptr;
-  ChildEntry& entry = quor_child_new();
+  ChildEntry& entry = quor_child_new(owner);
   entry.client_pid = header.pid;
   entry.client_node = header.node;
   return &entry;
@@ -133,12 +208,20 @@ void quor_terminate_pids(std::span<const pid_t> pids) {
 }
 
 void quor_children_kill_all() {
-  for (const ChildEntry& entry : quor_children()) {
-    if (entry.agent_pid <= 0) continue;
-    kill(entry.agent_pid, SIGTERM);
-    sleep(1);
-    kill(entry.agent_pid, SIGKILL);
-    sleep(1);
-    waitpid(entry.agent_pid, nullptr, WNOHANG);
-  }
+  std::vector<pid_t> running;
+  for (const ChildEntry& entry : quor_children())
+    if (entry.agent_pid > 0 && (entry.flags & kChildKept) == 0) running.push_back(entry.agent_pid);
+  // Waits up to a second for the processes to end, reaping those that do.
+  auto reap_for_a_second = [&running] {
+    for (int step = 0; step < 100 && !running.empty(); ++step) {
+      std::erase_if(running, reaped);
+      if (!running.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  };
+  for (pid_t pid : running) kill(pid, SIGTERM);
+  reap_for_a_second();
+  // Not reaped yet, so each pid is still the agent's own.
+  for (pid_t pid : running) kill(pid, SIGKILL);
+  reap_for_a_second();
+  for (pid_t pid : running) quor_child_disown(pid);
 }

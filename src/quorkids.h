@@ -18,10 +18,14 @@
 #include <vector>
 
 #include "quorRDW.h"
+#include "quoraccess.h"
 #include "quorenvd.h"
 #include "quorutl.h"
 
 struct UserEntry;
+
+// At most this much of an agent's standard error reaches the log.
+inline constexpr std::size_t kMaxAgentOutput = 2048;
 
 // Flag bits of ChildEntry::flags.
 inline constexpr std::uint32_t kChildNew = 0x01;          // first buffer not processed yet
@@ -31,6 +35,9 @@ inline constexpr std::uint32_t kChildRefused = 0x08;      // refused: no login
 inline constexpr std::uint32_t kChildKept = 0x10;         // login agent ended cleanly
 inline constexpr std::uint32_t kChildNoKeep = 0x20;       // reapable, never kept
 inline constexpr std::uint32_t kChildNoTimeout = 0x40;    // exempt from the transaction time-out
+
+// What an entry counts against its client's limits.
+enum class ChildLoad : std::uint8_t { None, Pending, Agent };
 
 struct ChildEntry {
   std::uint32_t flags = kChildNew;
@@ -46,6 +53,12 @@ struct ChildEntry {
   std::vector<std::string> files;  // data and command files made for the agent
   UserEntry* user = nullptr;  // not owned
   char type = 0;            // message type of the first buffer
+  ClientId owner;           // who sent the first buffer, as the transport established it
+  pid_t sender_pid = 0;     // the kernel pid of that sender, when local
+  std::time_t last_buffer = 0;  // when the latest buffer arrived; unfinished ones expire from here
+  std::string output_file;  // the agent's standard error, read into the log when it is done
+  std::string command_file; // a utility request's command file, the daemon's own
+  ChildLoad load = ChildLoad::None;
 };
 
 using ChildTable = std::list<ChildEntry>;
@@ -53,8 +66,21 @@ using ChildTable = std::list<ChildEntry>;
 // The daemon's table.
 ChildTable& quor_children();
 
-// A new entry at the front (flags exactly 0x01, created now).
-ChildEntry& quor_child_new();
+// A new entry at the front (flags exactly 0x01, created now), counted as an
+// unfinished transaction of `owner`.
+ChildEntry& quor_child_new(const ClientId& owner = {});
+
+// The entry's agent has started: it counts as a running agent of its owner
+// from now on, until the entry goes.
+void quor_child_started(ChildEntry& entry);
+
+// Unfinished transactions and running agents: of one client, and in all.
+struct ClientLoadCount {
+  int pending = 0;
+  int agents = 0;
+};
+ClientLoadCount quor_client_load(const ClientId& client);
+int quor_pending_total();
 
 // Removes `entry`. A segment and files that no agent ever received are
 // removed from the system; those handed to an agent belong to the agent.
@@ -71,7 +97,8 @@ ChildTable::iterator quor_child_erase(ChildTable::iterator at);
 // and node equal the header's "PID" and "NOD" and whose flags share a bit
 // with `mask`. Without one, a new entry for that client (flags 0x01, so a
 // mask of 0x02 does not find it until it is marked) unless `no_create`.
-ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask, bool no_create);
+ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask, bool no_create,
+                            const ClientId& owner = {});
 
 // The transaction whose agent sent the header: the first entry whose agent
 // pid is the decimal value of "PID" and whose flags share a bit with
@@ -101,6 +128,13 @@ void quor_child_disown(pid_t pid);
 void quor_reap_disowned();
 int quor_disowned_count();
 
-// For every entry with an agent: SIGTERM, one second, SIGKILL, one second,
-// non-blocking reap. Entries stay in the table.
+// Stops every agent still running: SIGTERM to all, up to a second for them
+// to end, SIGKILL to those that did not, up to another second, reaping as
+// they end. An agent already reaped (a login agent kept for its report) is
+// never signalled: its pid may be somebody else's by now. Entries stay in
+// the table.
 void quor_children_kill_all();
+
+// Logs what the entry's agent wrote to its standard error (a bounded
+// amount) and removes the file.
+void quor_child_collect_output(ChildEntry& entry);

@@ -45,11 +45,92 @@ void put_short_field(std::span<char> segment, std::size_t offset, std::string_vi
 
 std::string_view value(const std::optional<std::string>& field) { return field ? *field : std::string_view{}; }
 
-// Step 2: a transaction without a login, where one is needed, is refused
-// once its last buffer has arrived.
-bool refused_without_login(ChildEntry& entry, InBuf buf, ConnRecord& conn) {
+// Answers the request with an error reply carrying message `number` and
+// ends its transaction, if it has one. The request is then answered: 0.
+int refuse(ChildEntry* entry, ConnRecord& conn, int number, int severity,
+           std::optional<std::string_view> detail = std::nullopt) {
+  quor_msg_log(number, severity, detail);
+  quor_error_reply(1, quor_msg_text(number, severity, detail), conn);
+  if (entry != nullptr) quor_child_remove(entry);
+  return 0;
+}
+
+// What a client may not exceed before a new transaction is taken on; empty
+// when it may go ahead.
+std::string over_limit(const ClientId& client) {
+  bool trusted = quor_client_trusted(client);
+  ClientLoadCount load = quor_client_load(client);
+  std::string who = quor_client_text(client);
+  if (load.pending >= (trusted ? kPendingPerTrustedClient : kPendingPerClient))
+    return "unfinished requests of " + who + ": " + std::to_string(load.pending);
+  if (quor_pending_total() >= kPendingTotal)
+    return "unfinished requests of all clients: " + std::to_string(quor_pending_total());
+  if (!trusted && load.agents >= kAgentsPerClient) return "running agents of " + who + ": " + std::to_string(load.agents);
+  return {};
+}
+
+// The transaction this buffer belongs to: one of the same client waiting
+// for more, or a new one for a first buffer. A client continues only its own
+// transactions, whatever pid and node it claims. Sets `rc` when there is
+// none (3, or 0 when the request was refused and answered).
+ChildEntry* transaction_of(const TransactionHeader& header, const ClientId& sender, ConnRecord& conn, int& rc) {
+  ChildEntry* entry = quor_child_find(header, kChildContinuing, true, sender);
+  if (entry != nullptr) return entry;
+  if (!header.continuation.starts_with('N')) {
+    quor_msg_log(118, 2);
+    rc = 3;
+    return nullptr;
+  }
+  if (std::string why = over_limit(sender); !why.empty()) {
+    rc = refuse(nullptr, conn, 306, 2, why);
+    return nullptr;
+  }
+  entry = quor_child_find(header, kChildContinuing, false, sender);
+  if (entry == nullptr) {
+    quor_msg_log(1, 4);
+    rc = 1;
+  }
+  return entry;
+}
+
+// The session a login request logs in: the pair's own when its client may
+// use it (logging in again), else a new pending one owned by the sender.
+// Refuses (and answers) a pair whose login is already under way or that
+// belongs to another client, and a client holding too many sessions.
+UserEntry* login_session(const TransactionHeader& header, const ClientId& sender, ChildEntry& entry,
+                         ConnRecord& conn, int& rc) {
+  UserEntry* user = quor_user_find(header, true);
+  UserEntry* pair = user != nullptr ? user : quor_user_entry(header.user, header.node);
+  std::string who = "user " + header.user + " from " + header.node;
+  if (pair != nullptr && pair->last_activity == 0) {
+    rc = refuse(&entry, conn, 303, 2, who);
+    return nullptr;
+  }
+  if (pair != nullptr && !quor_client_may_use(pair->owner, sender)) {
+    rc = refuse(&entry, conn, 132, 2);
+    return nullptr;
+  }
+  if (pair != nullptr) return pair;
+  if (!quor_client_trusted(sender) && quor_user_count_owned(sender) >= kSessionsPerClient) {
+    rc = refuse(&entry, conn, 306, 2, "sessions of " + quor_client_text(sender));
+    return nullptr;
+  }
+  user = quor_user_find(header, false);
+  if (user == nullptr) {
+    quor_msg_log(1, 4);
+    rc = 1;
+    return nullptr;
+  }
+  user->owner = sender;
+  return user;
+}
+
+// A transaction without a login, where one is needed, or that claims a
+// session another client owns, is refused once its last buffer has arrived.
+bool refused_without_login(ChildEntry& entry, bool foreign, InBuf buf, ConnRecord& conn) {
   const QuorConfig& config = quor_config();
-  if (entry.user != nullptr || (config.login_required == 0 && config.default_login_child > 0)) return false;
+  if (!foreign && (entry.user != nullptr || (config.login_required == 0 && config.default_login_child > 0)))
+    return false;
   // Marked continuing too, so that the later buffers find the transaction
   // and the last one gets the refusal (and removes it).
   entry.flags |= kChildRefused;
@@ -62,24 +143,46 @@ bool refused_without_login(ChildEntry& entry, InBuf buf, ConnRecord& conn) {
   return true;
 }
 
-// Step 3: the first buffer creates the segment and fills the record.
-int first_buffer(ChildEntry& entry, const TransactionHeader& header, InBuf buf, const ConnRecord& conn) {
+// Which object a request type may start. Agents of "LOGON" and "MOUTIL" run
+// as root: the logon agent only for a login or logoff, the utility agent
+// only for a utility request, which names it itself. A login starts the
+// logon agent and nothing else, since it runs before anybody is known.
+bool object_allowed(char type, std::string_view object) {
+  if (type == 'L') return object == "LOGON";
+  if (type == 'U') return true;
+  if (object == "MOUTIL") return false;
+  return object != "LOGON" || type == 'O';
+}
+
+// first_buffer's result when it refused the request and removed its
+// transaction: the request is answered.
+constexpr int kAnswered = -1;
+
+// The first buffer creates the segment and fills the record.
+int first_buffer(ChildEntry& entry, const TransactionHeader& header, InBuf buf, ConnRecord& conn) {
   entry.flags &= ~kChildNew;
   entry.type = header.type();
-  entry.shm_id = quor_shm_create(kShmSize, entry.shm_addr);
-  if (entry.shm_id == -1) {
-    quor_msg_log(2, 4);
-    return 1;
-  }
-  std::span<char> segment = segment_of(entry);
-  std::memcpy(segment.data() + kShmLocalId, conn.local.bytes.data(), kTevIdentitySize);
-  std::memcpy(segment.data() + kShmRemoteId, conn.remote.bytes.data(), kTevIdentitySize);
+  entry.sender_pid = conn.inquiry.pid;
   ObjectHeader hdr;
   if (!quor_hdr_read(buf, hdr)) {
     quor_msg_log(119, 2);
     quor_child_remove(&entry);
     return 3;
   }
+  if (!object_allowed(entry.type, value(hdr.object))) {
+    refuse(&entry, conn, 305, 2, "object " + std::string(value(hdr.object)) + " in a request of type " +
+                                     std::string(1, entry.type));
+    return kAnswered;
+  }
+  // Without a segment this request cannot go on, but the daemon can.
+  entry.shm_id = quor_shm_create(kShmSize, entry.shm_addr);
+  if (entry.shm_id == -1) {
+    refuse(&entry, conn, 2, 4);
+    return kAnswered;
+  }
+  std::span<char> segment = segment_of(entry);
+  std::memcpy(segment.data() + kShmLocalId, conn.local.bytes.data(), kTevIdentitySize);
+  std::memcpy(segment.data() + kShmRemoteId, conn.remote.bytes.data(), kTevIdentitySize);
   std::span<char> record = record_of(entry);
   if (std::string data_file = quor_smc_fill(record, header, hdr); !data_file.empty())
     entry.files.push_back(std::move(data_file));
@@ -98,24 +201,22 @@ int first_buffer(ChildEntry& entry, const TransactionHeader& header, InBuf buf, 
   return 0;
 }
 
-// Step 5: the command list of a 'U' request becomes the agent's command
-// file, named in the first value slot of the selection list.
+// The command list of a 'U' request becomes the agent's command file,
+// named in the first value slot of the selection list.
 int utility_commands(ChildEntry& entry, const TransactionHeader& header, InBuf buf) {
   std::span<char> record = record_of(entry);
   // The file is made for the transaction's first command buffer; later
   // buffers go on writing it.
-  if (!entry.transfer.stream) {
-    std::string path;
-    int fd = quor_temp_file("CMD", 0, path);
+  if (entry.command_file.empty()) {
+    int fd = quor_temp_file("CMD", 0, entry.command_file);
     if (fd < 0) {
       quor_msg_log(1, 4);
       return 1;
     }
     close(fd);
-    smc_put(record, smc::slot(smc::csl_value, 0), path);
-    entry.transfer.path = path;
-    entry.files.push_back(path);
+    entry.files.push_back(entry.command_file);
   }
+  entry.transfer.path = entry.command_file;
   std::string_view object = smc_get(record, smc::object), command = smc_get(record, smc::command);
   int code = object == "FILEVERSION" && (command == "RESTORE" || command == "BACKUP" || command == "ARCHIVE")
                  ? quor_fileversion_rewrite(record, buf, entry, kCmdTag)
@@ -128,7 +229,7 @@ int utility_commands(ChildEntry& entry, const TransactionHeader& header, InBuf b
   return code;
 }
 
-// Step 6: a table or calendar goes to the record's data file.
+// A table or calendar goes to the record's data file.
 int request_data(ChildEntry& entry, const TransactionHeader& header, InBuf buf) {
   entry.transfer.path = std::string(smc_get(record_of(entry), smc::fileName));
   int code = buffer_to_RDW(entry.transfer, buf);
@@ -144,36 +245,36 @@ int request_data(ChildEntry& entry, const TransactionHeader& header, InBuf buf) 
 }  // namespace
 
 int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord& conn) {
-  ChildEntry* entry = nullptr;
-  if (!header.continuation.starts_with('N')) {
-    entry = quor_child_find(header, kChildContinuing, true);
-    if (entry == nullptr) {
-      quor_msg_log(118, 2);
-      return 3;
+  ClientId sender = quor_client_of(conn.inquiry);
+  int rc = 0;
+  ChildEntry* entry = transaction_of(header, sender, conn, rc);
+  if (entry == nullptr) return rc;
+  entry->last_buffer = std::time(nullptr);
+
+  // The session: a login's own (kept across its buffers), or the sender's
+  // if it may use the one its request names.
+  bool foreign = false;
+  if (header.type() == 'L') {
+    if (entry->flags & kChildNew) {
+      entry->user = login_session(header, sender, *entry, conn, rc);
+      if (entry->user == nullptr) return rc;
     }
   } else {
-    entry = quor_child_find(header, kChildContinuing, false);
-    if (entry == nullptr) {
-      quor_msg_log(1, 4);
-      return 1;
-    }
+    entry->user = quor_user_find(header, true);
+    foreign = entry->user != nullptr && !quor_client_may_use(entry->user->owner, sender);
+    if (foreign) entry->user = nullptr;
   }
-  entry->user = quor_user_find(header, true);
-  if (entry->user == nullptr && header.type() == 'L') {
-    entry->user = quor_user_find(header, false);
-    if (entry->user == nullptr) {
-      quor_msg_log(1, 4);
-      return 1;
-    }
-  }
-  if (refused_without_login(*entry, buf, conn)) return 0;
+  if (refused_without_login(*entry, foreign, buf, conn)) return 0;
   if (entry->flags & kChildNew)
-    if (int rc = first_buffer(*entry, header, buf, conn); rc != 0) return rc;
+    if (int code = first_buffer(*entry, header, buf, conn); code != 0) return code == kAnswered ? 0 : code;
 
-  quor_pnd_to_record(record_of(*entry), buf);
+  std::span<char> record = record_of(*entry);
+  quor_pnd_to_record(record, buf);
   // A transfer that failed ends the transaction: its later buffers would
   // find nothing waiting, so the entry, its segment and files go now.
   int code = entry->type == 'U' ? utility_commands(*entry, header, buf) : request_data(*entry, header, buf);
+  // The command file slot is the daemon's, whatever a selection list says.
+  if (!entry->command_file.empty()) smc_put(record, smc::slot(smc::csl_value, 0), entry->command_file);
   if (code != 0) {
     quor_child_remove(entry);
     return code;
@@ -182,8 +283,11 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
     entry->flags |= kChildContinuing;
     return 0;
   }
-  int rc = quor_agent_start(*entry);
-  if (rc == 0) entry->flags = kChildRunning | (entry->flags & kChildNoTimeout);
+  rc = quor_agent_start(*entry);
+  if (rc == 0) {
+    entry->flags = kChildRunning | (entry->flags & kChildNoTimeout);
+    quor_child_started(*entry);
+  }
   if (rc == 3) quor_child_remove(entry);
   return rc;
 }
@@ -196,9 +300,17 @@ std::string_view basename_of(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-// The environment entries the client asked for, as "NAME=value".
-std::vector<std::string> agent_environment(const ChildEntry& entry) {
-  std::vector<std::string> env;
+// The agent's environment: the clean one every started program gets, who
+// sent the request as the transport established it, and the entries the
+// client asked for.
+std::vector<std::string> agent_environment(const ChildEntry& entry, const Account* account) {
+  std::vector<std::string> env = quor_spawn_environment(account);
+  if (entry.owner.local()) {
+    env.push_back("QUOR_CLIENT_UID=" + std::to_string(static_cast<unsigned long>(entry.owner.uid)));
+    env.push_back("QUOR_CLIENT_PID=" + std::to_string(entry.sender_pid));
+  } else if (entry.owner.known) {
+    env.push_back("QUOR_CLIENT_HOST=" + entry.owner.host);
+  }
   if (!entry.env) return env;
   for (const std::string* e : {&entry.env->date_format, &entry.env->message}) {
     if (e->empty()) continue;
@@ -206,6 +318,19 @@ std::vector<std::string> agent_environment(const ChildEntry& entry) {
     env.push_back(*e);
   }
   return env;
+}
+
+// The agent's standard error: a file of its own, write-only, that only the
+// daemon reads (into the log once the agent is done). Nobody else's output
+// is in it, and it cannot be read through the agent. -1 when it cannot be
+// made (the agent then writes nowhere).
+int agent_output(ChildEntry& entry) {
+  std::string path;
+  int fd = quor_temp_file("AGT", 0, path);
+  if (fd < 0) return open("/dev/null", O_WRONLY | O_CLOEXEC);
+  close(fd);
+  entry.output_file = path;
+  return open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
 }
 
 }  // namespace
@@ -247,8 +372,9 @@ int quor_agent_start(ChildEntry& entry) {
     quor_msg_log(301, 2, "object " + object + ", account " + username);
     return 3;
   }
-  SpawnRequest spawn{program->program_path, {}, agent_environment(entry), account ? &*account : nullptr,
-                     entry.shm_id, std::string(smc_get(record, smc::fileName))};
+  SpawnRequest spawn{program->program_path, {}, agent_environment(entry, account ? &*account : nullptr),
+                     account ? &*account : nullptr, entry.shm_id, std::string(smc_get(record, smc::fileName)),
+                     agent_output(entry)};
   spawn.args = {std::string(basename_of(spawn.program)), std::to_string(static_cast<long>(entry.shm_id))};
   if (account && quor_debug())
     quor_trace("Setting uid to %d for user %s\n", static_cast<int>(account->uid), username.c_str());
@@ -257,6 +383,7 @@ int quor_agent_start(ChildEntry& entry) {
   shmdt(entry.shm_addr);
   entry.shm_addr = nullptr;
   SpawnResult started = quor_spawn(spawn);
+  if (spawn.stderr_fd >= 0) close(spawn.stderr_fd);
   pid_t pid = started.pid;
   if (pid < 0) {
     quor_msg_log(122, 2, quor_program_name());
@@ -277,7 +404,12 @@ int quor_agent_start(ChildEntry& entry) {
     entry.kind = 2;
   } else if (entry.type == 'O') {
     entry.kind = 3;
-    if (entry.user != nullptr) quor_terminate_pid(entry.user->login_pid);
+    // The login process is stopped (and reaped or disowned) here: its pid
+    // is forgotten, so that nothing signals it again once it may be reused.
+    if (entry.user != nullptr) {
+      quor_terminate_pid(entry.user->login_pid);
+      entry.user->login_pid = 0;
+    }
   } else {
     entry.kind = 1;
   }
@@ -285,12 +417,7 @@ int quor_agent_start(ChildEntry& entry) {
 }
 
 int quor_shm_create(std::size_t size, void*& address) {
-  int id = -1;
-  for (int attempt = 1; attempt <= 5; ++attempt) {
-    id = shmget(IPC_PRIVATE, size, IPC_CREAT | 0600);
-    if (id != -1 || (errno != ENOSPC && errno != ENOMEM)) break;
-    if (attempt < 5) sleep(1);
-  }
+  int id = shmget(IPC_PRIVATE, size, IPC_CREAT | 0600);
   if (id == -1) return -1;
   void* at = shmat(id, nullptr, 0);
   if (at == reinterpret_cast<void*>(-1)) {

@@ -17,6 +17,12 @@
 // object, with the segment id as its one argument. Agents of objects other
 // than "LOGON" and "MOUTIL" run under the account named in the record,
 // which then also owns the segment and the data file.
+//
+// Who may do what is decided on the sender the transport established
+// (quoraccess.h): a client continues only its own transactions and uses
+// only the sessions it logged in; a login starts only the logon agent and
+// the utility agent serves only utility requests (both run as root); a
+// client's unfinished transactions and running agents are limited.
 #pragma once
 
 #include <cstddef>
@@ -41,9 +47,9 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
 // (reported).
 int quor_agent_start(ChildEntry& entry);
 
-// A new private, zeroed segment of `size` bytes attached at `address`
-// (five attempts, a second apart, while the system is short of segments or
-// memory). Its id, or -1.
+// A new private, zeroed segment of `size` bytes attached at `address`. Its
+// id, or -1. There is no second attempt: waiting for the system to free a
+// segment would hold up every other client.
 int quor_shm_create(std::size_t size, void*& address);
 
 // Logs a failed transfer of the segment `tag`: a message for the failure

@@ -1,11 +1,17 @@
 #include "quorspawn.h"
 
+#include <pwd.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 extern char** environ;
 
@@ -57,10 +63,21 @@ bool take_on_account(const SpawnRequest& request) {
   _exit(kSpawnFailedStatus);
 }
 
+// Every descriptor above standard error goes, however the daemon came by it.
+void close_inherited() {
+  if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
+  rlimit files{};
+  rlim_t highest = getrlimit(RLIMIT_NOFILE, &files) == 0 ? std::min<rlim_t>(files.rlim_cur, 1 << 20) : 1 << 16;
+  for (rlim_t fd = 3; fd < highest; ++fd) close(static_cast<int>(fd));
+}
+
 // The vfork child: system calls only, and never a return.
 [[noreturn]] void run_child(const SpawnRequest& request, char* const* argv, char* const* envp, const sigset_t& mask,
                             ChildReport& report) {
   default_caught_signals();
+  if (request.stderr_fd >= 0 && request.stderr_fd != 2 && dup2(request.stderr_fd, 2) != 2)
+    child_failed(request, report, SpawnResult::kExec);
+  close_inherited();
   if (request.account != nullptr && !take_on_account(request))
     child_failed(request, report, SpawnResult::kIdentity);
   sigprocmask(SIG_SETMASK, &mask, nullptr);
@@ -68,28 +85,52 @@ bool take_on_account(const SpawnRequest& request) {
   child_failed(request, report, SpawnResult::kExec);
 }
 
-// The name part of "NAME=value".
-std::string_view name_of(std::string_view entry) { return entry.substr(0, entry.find('=')); }
+// The daemon's value of `name`, as "NAME=value", when it has one.
+void pass_on(std::vector<std::string>& env, std::string_view name) {
+  for (const std::string& e : env)
+    if (std::string_view(e).substr(0, e.find('=')) == name) return;  // given once
+  std::string key(name);
+  if (const char* value = std::getenv(key.c_str())) env.push_back(key + "=" + value);
+}
 
 }  // namespace
 
-std::vector<const char*> quor_spawn_environment(char* const* base, const std::vector<std::string>& added) {
-  std::vector<const char*> env;
-  for (char* const* e = base; e != nullptr && *e != nullptr; ++e) {
-    bool replaced = false;
-    for (const std::string& a : added) replaced = replaced || name_of(*e) == name_of(a);
-    if (!replaced) env.push_back(*e);
+std::vector<std::string> quor_spawn_environment(const Account* account) {
+  std::vector<std::string> env = {"PATH=/usr/local/bin:/usr/bin:/bin"};
+  uid_t uid = account != nullptr ? account->uid : geteuid();
+  if (const passwd* pw = getpwuid(uid)) {
+    env.push_back(std::string("HOME=") + pw->pw_dir);
+    env.push_back(std::string("USER=") + pw->pw_name);
+    env.push_back(std::string("LOGNAME=") + pw->pw_name);
+    env.push_back(std::string("SHELL=") + (pw->pw_shell != nullptr && *pw->pw_shell ? pw->pw_shell : "/bin/sh"));
   }
-  for (const std::string& a : added) env.push_back(a.c_str());
-  env.push_back(nullptr);
+  for (std::string_view name : {"MOXGLBL0000", "TMPDIR", "TZ", "LANG"}) pass_on(env, name);
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string_view entry(*e);
+    std::string_view name = entry.substr(0, entry.find('='));
+    if (name.starts_with("LC_") || name.starts_with("TEV_")) pass_on(env, name);
+  }
+  if (const char* keep = std::getenv("MOXQUORKEEPENV")) {
+    std::istringstream names(keep);
+    for (std::string name; names >> name;) pass_on(env, name);
+  }
   return env;
 }
 
+namespace {
+
+std::vector<const char*> pointers(const std::vector<std::string>& strings) {
+  std::vector<const char*> p;
+  for (const std::string& s : strings) p.push_back(s.c_str());
+  p.push_back(nullptr);
+  return p;
+}
+
+}  // namespace
+
 SpawnResult quor_spawn(const SpawnRequest& request) {
-  std::vector<const char*> argv;
-  for (const std::string& a : request.args) argv.push_back(a.c_str());
-  argv.push_back(nullptr);
-  std::vector<const char*> envp = quor_spawn_environment(environ, request.env);
+  std::vector<const char*> argv = pointers(request.args);
+  std::vector<const char*> envp = pointers(request.env);
 
   // No handler may run in the child while it shares the daemon's memory.
   sigset_t all, mask;

@@ -19,12 +19,12 @@
 struct SpawnRequest {
   std::string program;                 // path of the program to execute
   std::vector<std::string> args;       // its argument vector, argv[0] included
-  std::vector<std::string> env;        // "NAME=value" entries added to the daemon's environment, replacing
-                                       // any entry of the same name
+  std::vector<std::string> env;        // its whole environment, "NAME=value" entries
   const Account* account = nullptr;    // identity to take on before the exec; none keeps the daemon's
   int shm_id = -1;                     // segment handed to the account before the change (owner uid, the
                                        // daemon's group, mode 0600); removed by the child when it fails
   std::string data_file;               // a file handed to the account too, when it exists
+  int stderr_fd = -1;                  // the program's standard error; -1 keeps the daemon's
 };
 
 struct SpawnResult {
@@ -37,8 +37,18 @@ struct SpawnResult {
 // Exit status of a child that could not take on the account or exec.
 inline constexpr int kSpawnFailedStatus = 99;
 
+// Starts the program. The child keeps only standard input, output and
+// error: every other descriptor the daemon holds, inherited ones included,
+// is closed before the exec.
 SpawnResult quor_spawn(const SpawnRequest& request);
 
-// The environment `base` with `added` entries put in as putenv would:
-// an entry whose name is already there takes its place.
-std::vector<const char*> quor_spawn_environment(char* const* base, const std::vector<std::string>& added);
+// The environment every program the daemon starts gets, for the account it
+// runs as (none: the daemon's own):
+//
+//   PATH     /usr/local/bin:/usr/bin:/bin
+//   HOME, USER, LOGNAME, SHELL   of that account
+//   MOXGLBL0000, TMPDIR, TZ, LANG, LC_*, TEV_*   as the daemon has them
+//   the variables MOXQUORKEEPENV names (blank-separated), as the daemon has them
+//
+// Nothing else of the daemon's environment passes.
+std::vector<std::string> quor_spawn_environment(const Account* account);

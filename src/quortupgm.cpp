@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <fcntl.h>
+
 #include <fstream>
 #include <new>
 #include <string>
@@ -14,46 +16,39 @@
 #include "quordebug.h"
 #include "quorderr.h"
 #include "quorkids.h"
+#include "quorspawn.h"
 #include "quorusers.h"
 #include "tev.h"
 
 std::string quor_login_program() { return quor_install_root() + "/quor/bin/quoruserpgm"; }
 
-namespace {
-
-// Runs in the forked child; returns only when the program could not be
-// started.
-void exec_login(const std::string& login_name, const std::string& client, int flag) {
-  const passwd* account = getpwnam(login_name.c_str());
-  if (quor_debug())
-    quor_trace("exec login, user = %s, client = %s, pwentry = %.8lx\n", login_name.c_str(), client.c_str(),
-               static_cast<unsigned long>(reinterpret_cast<std::uintptr_t>(account)));
-  if (account == nullptr) return;
-  std::optional<Account> identity = quor_account(login_name);
-  if (!identity || !quor_account_become(*identity)) return;
-  std::string path = quor_login_program();
-  if (quor_debug()) quor_trace("exec pathname = ^%s^\n", path.c_str());
-  execl(path.c_str(), "quoruserpgm", login_name.c_str(), client.c_str(), flag != 0 ? "1" : "0",
-        static_cast<char*>(nullptr));
-  if (quor_debug()) quor_trace("Exec of login child failed.\n");
-}
-
-}  // namespace
-
 pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag) {
   std::string name(login_name);
-  std::string from(client);
-  pid_t pid = fork();
-  if (pid < 0) {
+  // Looked up before the start, so that the child only makes system calls.
+  std::optional<Account> account = quor_account(name);
+  if (quor_debug())
+    quor_trace("exec login, user = %s, client = %.*s, pwentry = %s\n", name.c_str(), static_cast<int>(client.size()),
+               client.data(), account ? "found" : "none");
+  if (!account) return 0;
+  SpawnRequest spawn{quor_login_program(),
+                     {"quoruserpgm", name, std::string(client), flag != 0 ? "1" : "0"},
+                     quor_spawn_environment(&*account),
+                     &*account,
+                     -1,
+                     {},
+                     open("/dev/null", O_WRONLY | O_CLOEXEC)};
+  if (quor_debug()) quor_trace("exec pathname = ^%s^\n", spawn.program.c_str());
+  SpawnResult started = quor_spawn(spawn);
+  if (spawn.stderr_fd >= 0) close(spawn.stderr_fd);
+  if (started.pid < 0) {
     if (quor_debug()) quor_trace("Fork of login child failed.\n");
     return 0;
   }
-  if (pid == 0) {
-    exec_login(name, from, flag);
-    _exit(1);
+  if (quor_debug()) {
+    if (started.failure != SpawnResult::kNone) quor_trace("Exec of login child failed.\n");
+    quor_trace("Fork of login child okay, pid = %d.\n", static_cast<int>(started.pid));
   }
-  if (quor_debug()) quor_trace("Fork of login child okay, pid = %d.\n", static_cast<int>(pid));
-  return pid;
+  return started.pid;
 }
 
 namespace {
@@ -84,8 +79,15 @@ bool descends_from(pid_t pid, pid_t ancestor) {
 int quor_login_info(const TransactionHeader& header, const TevInquiry& sender) {
   ChildEntry* child = quor_child_find_agent(header, kChildRunning | kChildKept);
   if (child == nullptr) return 0;
-  if (sender.valid && !descends_from(sender.pid, child->agent_pid)) {
+  if (!sender.valid || !sender.host.empty() || !descends_from(sender.pid, child->agent_pid)) {
     quor_msg_log(300, 2, "PID " + header.pid + " sent by process " + std::to_string(sender.pid));
+    return 0;
+  }
+  // Only the agent of a login speaks for a login, and only for the session
+  // that login was started for: any other agent runs on behalf of a user
+  // who is logged in already, and must not make itself somebody else.
+  if (child->kind != 2) {
+    quor_msg_log(309, 2, "PID " + header.pid + " (account " + header.user + ")");
     return 0;
   }
   UserEntry* user = child->user;

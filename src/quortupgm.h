@@ -13,10 +13,12 @@ std::string quor_login_program();
 
 // Starts the login program for `login_name`, with `client` (the client's
 // node name, or "DEFAULT_LOGIN") and `flag` as its arguments, under the
-// account's uid, gid and supplementary groups. Returns the child's pid, or
-// 0 when the fork failed. A child whose account is unknown, whose change of
-// identity fails or whose exec fails ends with status 1; it never runs the
-// program as root on behalf of another account.
+// account's uid, gid and supplementary groups, the way agents are started
+// (quorspawn.h: a child that only makes system calls, a clean environment,
+// no inherited descriptors; standard error goes to /dev/null). Returns the
+// child's pid, or 0 when the account is unknown or no process could be
+// made. A child whose change of identity or exec fails ends with status 99;
+// it never runs the program as root on behalf of another account.
 pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag);
 
 // The LOGININFO request: the agent that a login started reports the local
@@ -26,11 +28,12 @@ pid_t quor_login_start(std::string_view login_name, std::string_view client, int
 // completed and the agent becomes the user's login process; an earlier
 // login process under another account is stopped first.
 //
-// A report is believed only from the agent itself or a process it started:
-// when `sender` carries the sending process's kernel pid, any other sender
-// is ignored and logged, so that no local user can make another process
-// somebody's login. Returns 0 (also when the report was ignored), or 1 when
-// memory ran out.
+// A report is believed only from the agent of a login (kind 2) for the
+// session that login was started for, sent by the agent itself or a process
+// it started on this host, as the kernel reports the sender; any other
+// report is ignored and logged, so that no local user can make another
+// process somebody's login, or an agent make its user somebody else.
+// Returns 0 (also when the report was ignored), or 1 when memory ran out.
 struct TevInquiry;
 struct TransactionHeader;
 int quor_login_info(const TransactionHeader& header, const TevInquiry& sender);

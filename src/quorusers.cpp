@@ -4,14 +4,18 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <map>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "mocrypt.h"
+#include "quoraccount.h"
 #include "quorconfig.h"
 #include "quordebug.h"
+#include "quorderr.h"
 #include "quorkids.h"
 #include "quortupgm.h"
 
@@ -60,6 +64,17 @@ UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
   return &entry;
 }
 
+UserEntry* quor_user_entry(std::string_view user, std::string_view node) {
+  for (UserEntry& entry : quor_users())
+    if (entry.user_name == user && entry.node_name == node) return &entry;
+  return nullptr;
+}
+
+int quor_user_count_owned(const ClientId& owner) {
+  return static_cast<int>(
+      std::count_if(quor_users().begin(), quor_users().end(), [&](const UserEntry& e) { return e.owner == owner; }));
+}
+
 int quor_user_count() { return static_cast<int>(quor_users().size()); }
 
 void quor_users_stop_all() {
@@ -69,18 +84,18 @@ void quor_users_stop_all() {
 }
 
 std::string quor_users_path() { return quor_install_root() + "/tmp/quor.sav"; }
+std::string quor_owners_path() { return quor_install_root() + "/tmp/quor.owners"; }
 
 namespace {
 
-// One save record, or nothing when the payload is too long for it.
-std::optional<std::vector<char>> user_record(const UserEntry& entry) {
+// One save record of `strings` (each up to a NUL, as the record's strings
+// end there), or nothing when the payload is too long for it.
+std::optional<std::vector<char>> record_of(std::initializer_list<std::string_view> strings) {
   std::string payload;
-  for (const std::string* s : {&entry.user_name, &entry.node_name, &entry.login_name, &entry.group_id}) {
-    payload.append(s->c_str());  // up to a NUL, as the record's strings end there
+  for (std::string_view s : strings) {
+    payload.append(s.substr(0, s.find('\0')));
     payload.push_back('\0');
   }
-  payload += std::to_string(static_cast<int>(entry.last_activity));
-  payload.push_back('\0');
   if (payload.size() > kMaxUserRecord) return std::nullopt;
 
   std::vector<char> record(4 + payload.size());
@@ -91,6 +106,11 @@ std::optional<std::vector<char>> user_record(const UserEntry& entry) {
   std::memcpy(record.data() + 4, payload.data(), payload.size());
   body_encode(record[0], std::span<char>(record.data() + 4, payload.size()));
   return record;
+}
+
+std::optional<std::vector<char>> user_record(const UserEntry& entry) {
+  return record_of({entry.user_name, entry.node_name, entry.login_name, entry.group_id,
+                    std::to_string(static_cast<int>(entry.last_activity))});
 }
 
 bool write_all(int fd, const std::vector<char>& bytes) {
@@ -115,11 +135,11 @@ bool read_exactly(int fd, char* into, std::size_t size) {
   return true;
 }
 
-// The strings of a decoded payload; fewer than five when it is damaged.
-std::vector<std::string> payload_strings(const std::vector<char>& payload) {
+// The first `count` strings of a decoded payload; fewer when it is damaged.
+std::vector<std::string> payload_strings(const std::vector<char>& payload, std::size_t count) {
   std::vector<std::string> strings;
   std::size_t at = 0;
-  while (strings.size() < 5 && at < payload.size()) {
+  while (strings.size() < count && at < payload.size()) {
     const char* end = static_cast<const char*>(std::memchr(payload.data() + at, '\0', payload.size() - at));
     if (end == nullptr) break;
     strings.emplace_back(payload.data() + at, end);
@@ -130,23 +150,18 @@ std::vector<std::string> payload_strings(const std::vector<char>& payload) {
 
 }  // namespace
 
-int quor_users_save() {
-  std::string path = quor_users_path();
-  if (path.empty()) return 8;
-  unlink(path.c_str());
-  if (quor_users().empty()) return 0;
+namespace {
 
+// Writes `records` to a new file beside `path` and renames it over `path`
+// (none is left when there are none). 0, 6 or 7.
+int write_records(const std::string& path, const std::vector<std::vector<char>>& records) {
+  unlink(path.c_str());
+  if (records.empty()) return 0;
   std::string temporary = path + ".XXXXXX";
   int fd = mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) return 7;
-  for (const UserEntry& entry : quor_users()) {
-    std::optional<std::vector<char>> record = user_record(entry);
-    if (!record) {
-      if (quor_debug())
-        quor_trace("user %s from %s not saved: record too long\n", entry.user_name.c_str(), entry.node_name.c_str());
-      continue;
-    }
-    if (!write_all(fd, *record)) {
+  for (const std::vector<char>& record : records) {
+    if (!write_all(fd, record)) {
       close(fd);
       unlink(temporary.c_str());
       return 6;
@@ -159,9 +174,11 @@ int quor_users_save() {
   return 0;
 }
 
-int quor_users_load() {
-  std::string path = quor_users_path();
-  if (path.empty()) return 8;
+// Reads the records of `path` (none when it cannot be opened), handing the
+// strings of each to `take`. 0, 1 a record with fewer than `count` strings,
+// 5 a record shorter than its length.
+template <class Take>
+int read_records(const std::string& path, std::size_t count, Take take) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return 0;
   int rc = 0;
@@ -169,30 +186,83 @@ int quor_users_load() {
     std::array<char, 4> head{};
     if (!read_exactly(fd, head.data(), head.size())) break;
     long length = std::strtol(head.data(), nullptr, 10);
-    if (length < 0 || length > static_cast<long>(kMaxUserRecord)) {
-      rc = 5;
-      break;
-    }
-    std::vector<char> payload(static_cast<std::size_t>(length));
-    if (!read_exactly(fd, payload.data(), payload.size())) {
+    std::vector<char> payload(static_cast<std::size_t>(std::clamp<long>(length, 0, kMaxUserRecord)));
+    if (length < 0 || length > static_cast<long>(kMaxUserRecord) ||
+        !read_exactly(fd, payload.data(), payload.size())) {
       rc = 5;
       break;
     }
     body_decode(static_cast<signed char>(head[0]), std::span<char>(payload));
-    std::vector<std::string> strings = payload_strings(payload);
-    if (strings.size() < 5) {
+    std::vector<std::string> strings = payload_strings(payload, count);
+    if (strings.size() < count) {
       rc = 1;
       break;
     }
+    take(strings);
+  }
+  close(fd);
+  return rc;
+}
+
+// Who owns each restored session, by (client user, client node).
+std::map<std::pair<std::string, std::string>, ClientId> read_owners() {
+  std::map<std::pair<std::string, std::string>, ClientId> owners;
+  read_records(quor_owners_path(), 3, [&](const std::vector<std::string>& s) {
+    if (std::optional<ClientId> owner = quor_client_parse(s[2])) owners[{s[0], s[1]}] = *owner;
+  });
+  return owners;
+}
+
+// The owner of a session nobody recorded: the account it is logged in as.
+ClientId owner_by_account(const std::string& login_name) {
+  ClientId owner;
+  if (std::optional<Account> account = quor_account(login_name)) {
+    owner.known = true;
+    owner.uid = account->uid;
+  }
+  return owner;
+}
+
+}  // namespace
+
+int quor_users_save() {
+  std::string path = quor_users_path();
+  if (path.empty()) return 8;
+  std::vector<std::vector<char>> users, owners;
+  for (const UserEntry& entry : quor_users()) {
+    std::optional<std::vector<char>> record = user_record(entry);
+    std::optional<std::vector<char>> owner =
+        record_of({entry.user_name, entry.node_name, quor_client_text(entry.owner)});
+    if (!record || !owner) {
+      if (quor_debug())
+        quor_trace("user %s from %s not saved: record too long\n", entry.user_name.c_str(), entry.node_name.c_str());
+      continue;
+    }
+    users.push_back(std::move(*record));
+    owners.push_back(std::move(*owner));
+  }
+  // The owners first: a crash between the two leaves new owners beside the
+  // old table, never a table whose sessions have lost theirs.
+  if (int rc = write_records(quor_owners_path(), owners); rc != 0) return rc;
+  return write_records(path, users);
+}
+
+int quor_users_load() {
+  std::string path = quor_users_path();
+  if (path.empty()) return 8;
+  auto owners = read_owners();
+  return read_records(path, 5, [&](const std::vector<std::string>& strings) {
     UserEntry& entry = quor_user_new();
     entry.user_name = strings[0];
     entry.node_name = strings[1];
     entry.login_name = strings[2];
     entry.group_id = strings[3];
     entry.last_activity = std::atol(strings[4].c_str());
+    auto owner = owners.find({entry.user_name, entry.node_name});
+    entry.owner = owner != owners.end() ? owner->second : owner_by_account(entry.login_name);
+    // A user whose login program cannot start is kept (and said so), so
+    // that the next save still holds it.
     entry.login_pid = quor_login_start(entry.login_name, entry.node_name, 0);
-    if (entry.login_pid == 0) quor_user_remove(&entry);
-  }
-  close(fd);
-  return rc;
+    if (entry.login_pid == 0) quor_msg_log(122, 2, entry.login_name);
+  });
 }

@@ -14,6 +14,12 @@
 //
 // Loading puts each record at the front, so a table read back is in the
 // reverse order of the file; the next save and load restores the order.
+//
+// Who logged each session in is kept beside it, in <root>/tmp/quor.owners
+// (records of the same framing: client user, client node, owner as
+// quor_client_text writes it), so that a session still belongs to its client
+// after a restart. A session the owners file does not name belongs to the
+// local account it is logged in as.
 #pragma once
 
 #include <sys/types.h>
@@ -22,6 +28,7 @@
 #include <list>
 #include <string>
 
+#include "quoraccess.h"
 #include "quorutl.h"
 
 struct UserEntry {
@@ -31,6 +38,7 @@ struct UserEntry {
   std::string group_id;           // decimal group id text; empty until then
   std::time_t last_activity = 0;  // 0: login not completed
   pid_t login_pid = 0;            // 0: no login process
+  ClientId owner;                 // the client that logged the user in
 };
 
 using UserTable = std::list<UserEntry>;
@@ -60,14 +68,22 @@ int quor_user_remove_ended(UserEntry* entry);
 // is made unless `no_create`.
 UserEntry* quor_user_find(const TransactionHeader& header, bool no_create);
 
+// The entry of the pair, whatever its state (a login in progress
+// included), without any check or removal; none when there is none.
+UserEntry* quor_user_entry(std::string_view user, std::string_view node);
+
+// Sessions (logged in or logging in) that `owner` holds.
+int quor_user_count_owned(const ClientId& owner);
+
 int quor_user_count();
 
 // Stops every user's login process (SIGTERM to each in table order, one
 // second for all, non-blocking reaps); the entries stay.
 void quor_users_stop_all();
 
-// <root>/tmp/quor.sav
+// <root>/tmp/quor.sav, and beside it <root>/tmp/quor.owners
 std::string quor_users_path();
+std::string quor_owners_path();
 
 // Writes the table to the save file (a temporary file renamed over it, so
 // a crash never leaves half a table); an empty table leaves no file. 0, 6
@@ -76,6 +92,7 @@ std::string quor_users_path();
 int quor_users_save();
 
 // Reads the save file, if there is one, starting a login program for every
-// user read. 0 (also without a file), 1 a record without its five strings,
+// user read; a user whose program cannot start is kept without one (and
+// logged, message 122). 0 (also without a file), 1 a record without its five strings,
 // 5 a record shorter than its length, 8 path unavailable.
 int quor_users_load();

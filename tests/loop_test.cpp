@@ -43,6 +43,7 @@ int scripted_receive(ConnRecord& conn, std::span<char> buf) {
     conn.fb.FB_ErrorText = "Receive was canceled";
     return step.rc;
   }
+  conn.inquiry = TevInquiry{true, getpid(), getuid(), getgid(), {}};  // the operator
   std::size_t length = 0;
   auto request = testutil::make_request(step.type, length);
   std::copy(request.begin(), request.begin() + static_cast<long>(length), buf.begin());

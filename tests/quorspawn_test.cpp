@@ -36,35 +36,33 @@ struct Segment {
   }
 };
 
-SpawnRequest shell(const std::string& script) { return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}}; }
+SpawnRequest shell(const std::string& script) { return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}, -1}; }
 
-TEST(Spawn, EnvironmentEntriesTakeThePlaceOfThoseOfTheSameName) {
-  char a[] = "A=1", date[] = "MOX_DATEFMT=old", longer[] = "MOX_DATEFMTX=kept", b[] = "B=";
-  char* base[] = {a, date, longer, b, nullptr};
-  std::vector<std::string> added = {"MOX_DATEFMT=YYYY", "MO_MOXMESSAGE=/m/english"};
-  std::vector<const char*> env = quor_spawn_environment(base, added);
-  ASSERT_EQ(env.size(), 6u);
-  EXPECT_STREQ(env[0], "A=1");
-  EXPECT_STREQ(env[1], "MOX_DATEFMTX=kept");
-  EXPECT_STREQ(env[2], "B=");
-  EXPECT_STREQ(env[3], "MOX_DATEFMT=YYYY");
-  EXPECT_STREQ(env[4], "MO_MOXMESSAGE=/m/english");
-  EXPECT_EQ(env[5], nullptr);
-  EXPECT_EQ(quor_spawn_environment(nullptr, {}), std::vector<const char*>{nullptr});
-}
-
-// The program sees its arguments and the added environment entries.
-TEST(Spawn, TheProgramGetsItsArgumentsAndEnvironment) {
+// The program sees its arguments, the environment it was given and
+// nothing else of the daemon's, standard error where it was sent, and no
+// descriptor of the daemon's beyond the standard three.
+TEST(Spawn, TheProgramGetsItsArgumentsACleanEnvironmentAndNoDescriptors) {
   testutil::TempDir dir;
-  std::string out = (dir.path() / "out").string();
-  SpawnRequest request = shell("echo \"$0|$1|$QUORSPAWN_TEST\" > " + out);
+  testutil::EnvGuard secret("QUORSPAWN_SECRET", "1"), tev("TEV_DIR", "/t"), keep("MOXQUORKEEPENV", " KEEPME  LC_X"),
+      kept("KEEPME", "yes");
+  std::string out = (dir.path() / "out").string(), fds = (dir.path() / "fds").string(),
+              err = (dir.path() / "err").string();
+  SpawnRequest request = shell("echo \"$0|$1|$QUORSPAWN_TEST|${QUORSPAWN_SECRET-unset}|$TEV_DIR|$KEEPME|$PATH\" > " +
+                               out + "; ls /proc/self/fd > " + fds + "; echo oops >&2");
   request.args.insert(request.args.end(), {"zero", "one"});
-  request.env = {"QUORSPAWN_TEST=set here"};
+  request.env = quor_spawn_environment(nullptr);
+  request.env.push_back("QUORSPAWN_TEST=set here");
+  int leaked = open(out.c_str(), O_WRONLY | O_CREAT, 0600);  // no close-on-exec
+  request.stderr_fd = open(err.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
   SpawnResult result = quor_spawn(request);
+  close(leaked);
+  close(request.stderr_fd);
   ASSERT_GT(result.pid, 0);
   EXPECT_EQ(result.failure, SpawnResult::kNone);
   EXPECT_EQ(exit_status(result.pid), 0);
-  EXPECT_EQ(testutil::read_file(out), "zero|one|set here\n");
+  EXPECT_EQ(testutil::read_file(out), "zero|one|set here|unset|/t|yes|/usr/local/bin:/usr/bin:/bin\n");
+  EXPECT_EQ(testutil::read_file(fds), "0\n1\n2\n3\n") << "only ls's own directory besides 0-2";
+  EXPECT_EQ(testutil::read_file(err), "oops\n");
 }
 
 // Signals are blocked only while the child shares the daemon's memory: the
@@ -81,7 +79,7 @@ TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
   int saved = dup(1);
   int file = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   dup2(file, 1);
-  SpawnResult result = quor_spawn(SpawnRequest{"/bin/grep", {"grep", "SigBlk", "/proc/self/status"}, {}, nullptr, -1, {}});
+  SpawnResult result = quor_spawn(SpawnRequest{"/bin/grep", {"grep", "SigBlk", "/proc/self/status"}, {}, nullptr, -1, {}, -1});
   dup2(saved, 1);
   close(saved);
   close(file);
@@ -96,7 +94,7 @@ TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
 TEST(Spawn, AProgramThatCannotBeExecutedEndsWith99AndRemovesTheSegment) {
   Segment segment;
   ASSERT_GE(segment.id, 0);
-  SpawnRequest request{"/nonexistent/agent", {"agent", "1"}, {}, nullptr, segment.id, {}};
+  SpawnRequest request{"/nonexistent/agent", {"agent", "1"}, {}, nullptr, segment.id, {}, -1};
   SpawnResult result = quor_spawn(request);
   ASSERT_GT(result.pid, 0);
   EXPECT_EQ(result.failure, SpawnResult::kExec);

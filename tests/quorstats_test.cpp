@@ -77,7 +77,7 @@ TEST_F(StatusReport, FullReportListsActiveUsersAndRunningAgentsOnly) {
   UserEntry& pending = quor_user_new();
   pending.user_name = "pending";
   UserEntry& ann = quor_user_new();
-  ann = UserEntry{"ann", "pc7", "ann_l", "100", 1000, 0};
+  ann = UserEntry{"ann", "pc7", "ann_l", "100", 1000, 0, {}};
   for (auto [pid, flags] : {std::pair{-1, kChildRunning}, {0, kChildNew}, {41, kChildContinuing}, {42, kChildRunning}}) {
     ChildEntry& child = quor_child_new();
     child.agent_pid = pid;

@@ -362,7 +362,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   Daemon d(
       [&](const fs::path& root) {
         write(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
-        save_users(root, {{"ann", "far", "nobody", "65534", before, 0}, {"bob", local, "nobody", "65534", before, 0}});
+        save_users(root, {{"ann", "far", "nobody", "65534", before, 0, {}}, {"bob", local, "nobody", "65534", before, 0, {}}});
       },
       {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
@@ -396,7 +396,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
 // before any other request comes.
 TEST(Cleanup, ReapsAnEndedLoginProgramAndLogsItsUserOut) {
   REQUIRE_ROOT();  // the login program runs as "nobody"
-  Daemon d([](const fs::path& root) { save_users(root, {{"ann", "far", "nobody", "65534", std::time(nullptr), 0}}); },
+  Daemon d([](const fs::path& root) { save_users(root, {{"ann", "far", "nobody", "65534", std::time(nullptr), 0, {}}}); },
            {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<pid_t> programs = login_programs(d);

@@ -101,7 +101,7 @@ class Sweep : public ::testing::Test {
     return e;
   }
   static UserEntry& user(std::string name, std::time_t activity = 0, pid_t login = 0) {
-    return quor_user_new() = UserEntry{std::move(name), "far", "", "", activity, login};
+    return quor_user_new() = UserEntry{std::move(name), "far", "", "", activity, login, {}};
   }
   static bool has_user(const std::string& name) {
     return std::ranges::any_of(quor_users(), [&](const UserEntry& u) { return u.user_name == name; });
