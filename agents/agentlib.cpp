@@ -3,11 +3,14 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/mman.h>
+#include <fcntl.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 
 #include "quoraccount.h"
@@ -36,6 +39,32 @@ bool agent_take_request(int id, AgentRequest& request) {
 bool agent_become(const std::string& account) {
   std::optional<Account> identity = quor_account(account);
   return identity && quor_account_become(*identity);
+}
+
+bool agent_take_file(const std::string& path, std::string& text) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return false;
+  struct stat st {};
+  bool ours = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid();
+  if (ours) {
+    text.clear();
+    char chunk[65536];
+    for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<std::size_t>(n));
+    unlink(path.c_str());
+  }
+  close(fd);
+  return ours;
+}
+
+AgentClient agent_client() {
+  AgentClient client;
+  if (const char* host = std::getenv("QUOR_CLIENT_HOST"); host != nullptr && *host != '\0') client.host = host;
+  if (const char* uid = std::getenv("QUOR_CLIENT_UID"); uid != nullptr && *uid != '\0' && client.host.empty()) {
+    char* end = nullptr;
+    unsigned long value = std::strtoul(uid, &end, 10);
+    if (*end == '\0') client.uid = static_cast<uid_t>(value);
+  }
+  return client;
 }
 
 bool AgentAnswer::open(const AgentRequest& request, std::string_view name) {

@@ -2,6 +2,9 @@
 // segment, take on an account, answer the client, report a login.
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,6 +29,21 @@ bool agent_take_request(int id, AgentRequest& request);
 // Takes on the account's supplementary groups, group and user, and makes
 // sure root cannot be taken back. False when any step fails.
 bool agent_become(const std::string& account);
+
+// Reads and removes a file the daemon made for this agent (a command or
+// data file): only a regular file of this process's own user, reached
+// without a symbolic link, is read or removed. False when `path` is not
+// such a file.
+bool agent_take_file(const std::string& path, std::string& text);
+
+// Who sent the request, as the daemon learnt it from the transport (its
+// QUOR_CLIENT_* environment entries): a local client's uid, or the node of
+// a client on another host.
+struct AgentClient {
+  std::optional<uid_t> uid;  // a local client's kernel uid
+  std::string host;          // a remote client's verified node
+};
+AgentClient agent_client();
 
 // A registration for answering the client who sent the request. Open it
 // while still root if the agent drops its rights later.

@@ -4,13 +4,19 @@
 //
 // Started as root for a login request ('L'). The user to log in is the
 // record's user name (the client's); the request may carry a password as
-// the selection entry "PASSWORD". The user is accepted when the account
-// exists and, if a password came, the system's PAM stack (service
-// "quorlogon") accepts it for that account. An accepted user is reported to
-// the daemon with a LOGININFO request, the client is answered "RC 0", and
-// the agent stays as the user's login process until it is sent SIGTERM
-// (logoff, idle time-out, daemon stop). A refused user gets "RC 1" with the
-// reason, and the agent exits 1, which logs the user out again.
+// the selection entry "PASSWORD". The account must exist, and the system's
+// PAM stack (service "quorlogon") must accept the password for it, unless
+// the client needs none: a local client process that already runs as that
+// account, or as root (a gateway that authenticated its own users), as the
+// daemon learnt from the kernel (QUOR_CLIENT_UID). A client on another host
+// always needs the password. An account with uid 0 is refused outright
+// unless quor/etc/quorlogon.config holds "ALLOW_ROOT_LOGIN: 1".
+//
+// An accepted user is reported to the daemon with a LOGININFO request, the
+// client is answered "RC 0", and the agent stays as the user's login
+// process until it is sent SIGTERM (logoff, idle time-out, daemon stop). A
+// refused user gets "RC 1" with the reason, and the agent exits 1, which
+// logs the user out again.
 //
 // With the command "LOGOFF" (a logoff request, 'O'), it only answers the
 // client: the daemon stops the login process itself.
@@ -20,11 +26,13 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "agentlib.h"
+#include "textlines.h"
 
 namespace {
 
@@ -47,6 +55,30 @@ bool password_accepted(const std::string& account, const std::string& password) 
   if (rc == PAM_SUCCESS) rc = pam_acct_mgmt(pam, 0);
   pam_end(pam, rc);
   return rc == PAM_SUCCESS;
+}
+
+// "ALLOW_ROOT_LOGIN: 1" in the agent's own configuration file, which is
+// read only when the daemon would trust it (see textlines.h).
+bool root_login_allowed() {
+  const char* root = std::getenv("MOXGLBL0000");
+  TextLines lines(std::string(root != nullptr ? root : "") + "/quor/etc/quorlogon.config");
+  bool allowed = false;
+  std::string_view line;
+  while (lines.next(line)) {
+    if (!line.starts_with("ALLOW_ROOT_LOGIN")) continue;
+    std::size_t colon = line.find(':');
+    std::string_view value = colon == std::string_view::npos ? "" : line.substr(colon + 1);
+    value.remove_prefix(std::min(value.find_first_not_of(" \t"), value.size()));
+    allowed = value.starts_with('1');
+  }
+  return allowed;
+}
+
+// Whether the client may log in as the account without a password: it is
+// that account already, or root, on this host.
+bool vouched_for(uid_t account_uid) {
+  AgentClient client = agent_client();
+  return client.host.empty() && client.uid && (*client.uid == 0 || *client.uid == account_uid);
 }
 
 // Waits for SIGTERM, taken synchronously.
@@ -79,8 +111,11 @@ int main(int argc, char** argv) {
   const passwd* pw = getpwnam(account.c_str());
   bool known = pw != nullptr;
   std::string gid = known ? std::to_string(pw->pw_gid) : "";  // before PAM reuses the entry
+  uid_t uid = known ? pw->pw_uid : static_cast<uid_t>(-1);
   std::string password = request.selection("PASSWORD");
-  if (!known || (!password.empty() && !password_accepted(account, password))) {
+  bool accepted = known && (uid != 0 || root_login_allowed()) &&
+                  (vouched_for(uid) || (!password.empty() && password_accepted(account, password)));
+  if (!accepted) {
     syslog(LOG_NOTICE, "login of %s from %s refused", account.c_str(), client.c_str());
     answer.send("", 1, "login refused for " + account);
     return 1;

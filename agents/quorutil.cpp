@@ -3,7 +3,8 @@
 //   quorutil SEGMENT-ID
 //
 // The daemon starts it as root. It reads its request record and the command
-// file it names (one shell command a line), removes both, takes on the
+// file it names (one shell command a line; only a regular file of root's,
+// as the daemon makes it, is read), removes both, takes on the
 // identity of the account named in the record (groups, group, user; it
 // refuses to go on if any step fails or root could be taken back), runs the
 // commands with /bin/sh, and answers the client with what they printed
@@ -19,8 +20,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "agentlib.h"
@@ -28,13 +27,6 @@
 namespace {
 
 constexpr std::size_t kMostOutput = 16 * 1024 * 1024;
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 // Runs `commands` with /bin/sh reading them from its standard input; the
 // output (standard output and error), at most kMostOutput bytes, and the
@@ -78,12 +70,17 @@ int main(int argc, char** argv) {
   std::string data_file = request.field(smc::fileName);
 
   // As root, before the account's identity is taken on: the command file is
-  // read, and the registration for the answer made.
-  std::string commands = slurp(command_file);
-  std::remove(command_file.c_str());
-  if (!data_file.empty()) std::remove(data_file.c_str());
+  // read, and the registration for the answer made. Only files the daemon
+  // made are read or removed, whatever the record names.
+  std::string commands, unused;
+  bool have_commands = agent_take_file(command_file, commands);
+  if (!data_file.empty()) agent_take_file(data_file, unused);
   AgentAnswer answer;
   if (!answer.open(request, "QUORUTIL")) return 1;
+  if (!have_commands) {
+    answer.send("", 1, "the request's command file cannot be used");
+    return 1;
+  }
 
   if (!agent_become(account)) {
     answer.send("", 1, "cannot run commands as " + account);

@@ -100,7 +100,7 @@ void capture_standard_error() {
 }
 
 void register_server(Registration& reg) {
-  if (int rc = quor_tev_register(reg.id, reg.fb, kServerName); rc != 0) {
+  if (int rc = quor_tev_register_server(reg.id, reg.fb, kServerName); rc != 0) {
     MOmsgf(2, __LINE__, "../src/quordaemon", mo_identifier(20, 4), MO_LOG | 1, {std::to_string(rc)});
     if (quor_debug() && rc == 2) tev_dump_feedback("    TevInit failed", reg.fb);
     std::exit(1);

@@ -28,7 +28,7 @@ std::size_t send_partial_buffer(ConnRecord& conn, OutBuf& out, std::string_view 
   if (out.overflow) return 0;
 
   ConnRecord temporary = conn;
-  if (quor_tev_register(temporary.local, temporary.fb, quor_partial_name()) != 0) {
+  if (quor_tev_register_server(temporary.local, temporary.fb, quor_partial_name()) != 0) {
     report_failure(conn, temporary.fb);
     return 0;
   }

@@ -123,7 +123,7 @@ int read_config_file(QuorConfig& config) {
   if (quor_debug()) quor_trace("config file pathname = %s\n", config.config_path.c_str());
   TextLines lines(config.config_path);
   if (!lines.is_open()) {
-    quor_msg_log(109, 2, config.config_path);
+    report_unopened(lines, config.config_path, 109);
     return 3;
   }
   std::string_view line;
@@ -134,11 +134,12 @@ int read_config_file(QuorConfig& config) {
       quor_msg_log(1, 4);
       return 1;
     }
-    if (rc == 3) {
+    if (rc == 3 && lines.report_bad_line()) {
       quor_msg_log(110, 2, config.config_path);
       report_bad_line(lines.number(), line);
     }
   }
+  report_unreported(lines, config.config_path);
   if (lines.failed()) {
     quor_msg_log(108, 2, config.config_path);
     return 3;
@@ -151,9 +152,17 @@ int load_new(ObjectMap& map, QuorConfig& config, std::optional<std::string_view>
   if (quor_config_defaults(config) != 0) return 1;
   config.config_path = path ? std::string(*path) : quor_install_root() + "/quor/etc/quor.config";
   if (int rc = read_config_file(config); rc != 0) return rc;
-  if (config.login_required == 0 && getpwnam(config.nologin_user.c_str()) == nullptr) {
-    quor_msg_log(137, 2);
-    return 3;
+  if (config.login_required == 0) {
+    const passwd* account = getpwnam(config.nologin_user.c_str());
+    if (account == nullptr) {
+      quor_msg_log(137, 2);
+      return 3;
+    }
+    // Requests without a login run as this account: never as root.
+    if (account->pw_uid == 0) {
+      quor_msg_log(312, 2, config.nologin_user);
+      return 3;
+    }
   }
   if (int rc = quor_objmap_load(map, config.object_map_path); rc != 0) return rc;
   return quor_langmap_load(config.language_map);
@@ -246,7 +255,7 @@ int quor_objmap_load(ObjectMap& map, const std::string& path) {
   map.clear();
   TextLines lines(path);
   if (!lines.is_open()) {
-    quor_msg_log(112, 2, path);
+    report_unopened(lines, path, 112);
     return 3;
   }
   std::string root = quor_install_root();
@@ -255,8 +264,10 @@ int quor_objmap_load(ObjectMap& map, const std::string& path) {
     if (is_comment(line)) continue;
     TwoWords words = two_words(line);
     if (words.first.empty() || words.second.empty()) {
-      quor_msg_log(113, 2, path);
-      report_bad_line(lines.number(), line.substr(words.second_at));
+      if (lines.report_bad_line()) {
+        quor_msg_log(113, 2, path);
+        report_bad_line(lines.number(), line.substr(words.second_at));
+      }
       continue;
     }
     ObjectMapEntry& entry = map.emplace_back();
@@ -268,6 +279,7 @@ int quor_objmap_load(ObjectMap& map, const std::string& path) {
     if (quor_debug())
       quor_trace(" Loaded object = %s, path = %s\n", entry.object_name.c_str(), entry.program_path.c_str());
   }
+  report_unreported(lines, path);
   if (lines.failed()) {
     quor_msg_log(108, 2, path);
     map.clear();

@@ -69,6 +69,7 @@ void quor_orderly_shutdown(Registration& reg, char last_type) {
   remove_pid_file();
   const std::string& capture = quor_capture_file();
   if (!capture.empty()) unlink(capture.c_str());
+  mo_flush_left_out(true);
   quor_msg_log(401, 1, reg.id.system_id());
   std::exit(0);
 }
@@ -167,6 +168,7 @@ char quor_receive_loop(DaemonLoop& loop, const LoopHooks& hooks) {
       continue;
     }
     loop.failures = 0;
+    mo_flush_left_out(false);
     if (quor_debug()) quor_trace("%s:  received a message.\n", quor_program_name());
     // The tables are brought up to date before the request is served.
     quor_garbage_collect(0);

@@ -39,14 +39,17 @@ int quor_langmap_load(LanguageMap& map) {
   map.directories.clear();
   map.default_index = 0;
   TextLines lines(map.path);
-  if (!lines.is_open()) return 7;
+  if (!lines.is_open()) {
+    if (!lines.refusal().empty()) quor_msg_log(310, 2, map.path + ": " + lines.refusal());
+    return 7;
+  }
   try {
     std::string_view line;
     while (lines.next(line)) {
       if (is_comment(line)) continue;
       TwoWords words = two_words(line);
       if (words.first.empty() || words.second.empty()) {
-        report_bad_line(lines.number(), map.path);
+        if (lines.report_bad_line()) report_bad_line(lines.number(), map.path);
         continue;
       }
       map.names.emplace_back(words.first);
@@ -60,6 +63,7 @@ int quor_langmap_load(LanguageMap& map) {
     map.directories.clear();
     return 1;
   }
+  report_unreported(lines, map.path);
   if (lines.failed()) {
     quor_msg_log(108, 2, map.path);
     std::string path = map.path;

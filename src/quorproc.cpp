@@ -507,10 +507,7 @@ int quor_write_list_items(FileTransfer& transfer, InBuf buf, std::string_view ta
     if (!put(transfer.stream.get(), name, name.find('\n') == std::string_view::npos)) return fail(6);
     ++transfer.count;
   }
-  if (opened_here) {
-    Trailer trailer;
-    if (quor_trl_read(buf, trailer) && value(trailer.more_data).starts_with('N')) transfer.reset();
-  }
+  if (opened_here && quor_trl_last(buf)) transfer.reset();
   return 0;
 }
 

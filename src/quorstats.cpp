@@ -85,7 +85,9 @@ int add_full_lines(OutBuf& out, ConnRecord& conn, std::size_t& length_field) {
     quor_msg_log(9, 4, conn.fb.FB_ErrorText);
     return false;
   };
-  buf_add_item(out, "\n");
+  // Every item goes through the split, the separators too, so the end of
+  // the segment, the trailer and "ZZZEOD" always fit behind the last one.
+  if (!add("\n")) return 2;
   for (const UserEntry& user : quor_users()) {
     if (user.last_activity == 0) continue;
     Line line;
@@ -93,7 +95,7 @@ int add_full_lines(OutBuf& out, ConnRecord& conn, std::size_t& length_field) {
          << ".\n";
     if (!add(line.text())) return 2;
   }
-  buf_add_item(out, "\n");
+  if (!add("\n")) return 2;
   for (const ChildEntry& child : quor_children()) {
     if (child.agent_pid == -1 || (child.flags & (kChildContinuing | kChildRunning)) == 0) continue;
     Line line;
@@ -115,6 +117,11 @@ int quor_status_report(char type, ConnRecord& conn, std::span<char> buffer) {
   }
   buf_end_segment(out, length_field);
   quor_trl_put("N", out);
+  // A buffer that did not take everything written to it is never sent.
+  if (out.overflow) {
+    quor_msg_log(9, 4, "the status report did not fit its buffer");
+    return 2;
+  }
   int rc = quor_tev_send(conn, buffer, out.pos);
   if (rc != 0) quor_msg_log(9, 4, conn.fb.FB_ErrorText);
   return rc;

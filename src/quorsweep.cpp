@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "quorconfig.h"
+#include "quorderr.h"
 #include "quorkids.h"
 #include "quorusers.h"
 
@@ -38,6 +39,7 @@ void agent_ended(ChildEntry& child, const Reap& reap) {
       if (child.user != nullptr) quor_user_remove(child.user);
     } else if ((child.flags & kChildNoKeep) == 0) {
       child.flags = kChildKept;
+      child.last_buffer = std::time(nullptr);  // its report has until the expiry from now
     }
   } else if (child.kind == 3 && child.user != nullptr) {
     quor_user_remove(child.user);
@@ -52,12 +54,26 @@ void enforce_timeout(const ChildEntry& child, std::time_t now) {
   if (now - child.created > timeout && child.agent_pid >= 2) kill(child.agent_pid, SIGTERM);
 }
 
+// A transaction whose next buffer never came, or a login agent that ended
+// without its report, would hold its segment, files and session for good.
+bool expired(const ChildEntry& child, std::time_t now) {
+  bool waiting = child.agent_pid == 0 || (child.flags & kChildKept) != 0;
+  return waiting && now - child.last_buffer > kPendingExpirySeconds;
+}
+
 void sweep_agents() {
   ChildTable& table = quor_children();
   std::time_t now = std::time(nullptr);
   for (auto it = table.begin(); it != table.end();) {
     ChildEntry& child = *it;
     if (child.agent_pid == -1) {
+      it = quor_child_erase(it);
+      continue;
+    }
+    if (expired(child, now)) {
+      quor_msg_log(307, 2, "client pid " + child.client_pid + " from " + child.client_node + " (" +
+                               quor_client_text(child.owner) + "), nothing for " +
+                               std::to_string(kPendingExpirySeconds) + " s");
       it = quor_child_erase(it);
       continue;
     }

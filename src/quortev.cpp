@@ -1,5 +1,9 @@
 #include "quortev.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
@@ -52,6 +56,13 @@ int quor_tev_register(TevIdentity& id, TevFeedback& fb, std::string_view app) {
   quor_tev_build_identity(id, {}, app);
   if (TevInit(fb, id, kTevModeNormal) != 0) return 2;
   id = fb.FB_Local_Id;
+  return 0;
+}
+
+int quor_tev_register_server(TevIdentity& id, TevFeedback& fb, std::string_view app) {
+  if (int rc = quor_tev_register(id, fb, app); rc != 0) return rc;
+  TevFeedback wait_fb;
+  TevSetSendWait(wait_fb, id, 0);
   return 0;
 }
 
@@ -133,8 +144,23 @@ void tev_dump_buffer(std::span<const char> buf, std::string_view label) {
   std::string path = dir;
   if (path.back() != '/') path += '/';
   path += "quordump.out";
-  File f(std::fopen(path.c_str(), g_dump_opened ? "a+e" : "w+e"));
-  if (!f) return;
+  // The directory may be anybody's: the first dump of a process replaces
+  // the file with a new one of its own, and no dump follows a symbolic link
+  // or writes to a file somebody else put there.
+  if (!g_dump_opened) unlink(path.c_str());
+  int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | (g_dump_opened ? O_APPEND : O_CREAT | O_EXCL);
+  int fd = open(path.c_str(), flags, 0600);
+  struct stat st {};
+  if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid())) {
+    close(fd);
+    fd = -1;
+  }
+  if (fd < 0) return;
+  File f(fdopen(fd, g_dump_opened ? "a+" : "w+"));
+  if (!f) {
+    close(fd);
+    return;
+  }
   g_dump_opened = true;
 
   std::string name(label);

@@ -27,7 +27,10 @@ struct ConnRecord {
 };
 
 inline constexpr std::string_view kServerName = "MO_QUORUNIX_SERVER";
-inline constexpr int kConverseWaitSeconds = 300;
+// How long a partial reply waits for the client's answer. A client that
+// never answers must not hold the daemon (or its stop) for long: after this
+// the reply is abandoned.
+inline constexpr int kConverseWaitSeconds = 5;
 
 // Clears the block, then sets the system id (this host's node name when
 // `system_id` is empty) and the application name (when given). Returns 0.
@@ -36,6 +39,11 @@ int quor_tev_build_identity(TevIdentity& id, std::string_view system_id, std::st
 // Registers `app`; on success `id` is the identity the transport completed.
 // 0, or 2 on failure.
 int quor_tev_register(TevIdentity& id, TevFeedback& fb, std::string_view app);
+
+// The daemon's own registrations send without waiting: a client whose queue
+// is full (one that never reads) loses its reply rather than stalling every
+// other client.
+int quor_tev_register_server(TevIdentity& id, TevFeedback& fb, std::string_view app);
 int quor_tev_deregister(const TevIdentity& id, TevFeedback& fb);
 
 // Receives one message into `buf` (zeroed first), reads its length prefix L
@@ -48,7 +56,8 @@ int quor_tev_receive(ConnRecord& conn, std::span<char> buf);
 // (nothing sent). The buffer holds encoded bytes afterwards.
 int quor_tev_send(ConnRecord& conn, std::span<char> buf, std::size_t length);
 
-// As quor_tev_send, but waits up to 300 s for the peer's short answer.
+// As quor_tev_send, but waits up to kConverseWaitSeconds for the peer's
+// short answer.
 int quor_tev_converse(ConnRecord& conn, std::span<char> buf, std::size_t length);
 
 // The framing alone, for tools and tests: seal writes the prefix and encodes

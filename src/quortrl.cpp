@@ -65,5 +65,5 @@ void quor_trl_put(std::string_view more_data, OutBuf& out) {
 
 bool quor_trl_last(InBuf buf) {
   Trailer trailer;
-  return !quor_trl_read(buf, trailer) || trailer.more_data.value_or("N") == "N";
+  return !quor_trl_read(buf, trailer) || !trailer.more_data.value_or("N").starts_with('Y');
 }

@@ -51,6 +51,7 @@ void quor_trl_write(const Trailer& trailer, OutBuf& out);
 // The common case: a trailer with the given more-data value.
 void quor_trl_put(std::string_view more_data, OutBuf& out);
 
-// A buffer is the last of its exchange when its trailer says no more data
-// follows ("N"), or when it has no trailer at all.
+// More data follows a buffer only when its trailer's more-data value begins
+// with 'Y'; any other value, a trailer without one, or no trailer at all
+// makes it the last of its exchange.
 bool quor_trl_last(InBuf buf);

@@ -1,6 +1,12 @@
 #include "textlines.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
+
+#include "quorderr.h"
 
 namespace {
 
@@ -14,12 +20,40 @@ std::size_t word_end(std::string_view line, std::size_t from) {
 
 }  // namespace
 
+TextLines::TextLines(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return;
+  struct stat st {};
+  if (fstat(fd, &st) != 0)
+    refusal_ = std::strerror(errno);
+  else if (!S_ISREG(st.st_mode))
+    refusal_ = "not a regular file";
+  else if (st.st_uid != 0 && st.st_uid != geteuid())
+    refusal_ = "owned by uid " + std::to_string(st.st_uid);
+  else if (st.st_mode & (S_IWGRP | S_IWOTH))
+    refusal_ = "writable by group or others";
+  else if (st.st_size > kMaxTextFile)
+    refusal_ = "larger than " + std::to_string(kMaxTextFile) + " bytes";
+  if (!refusal_.empty()) {
+    close(fd);
+    return;
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  file_.reset(fdopen(fd, "r"));
+  if (!file_) close(fd);
+}
+
 bool TextLines::next(std::string_view& line) {
-  if (!file_) return false;
+  if (!file_ || too_long_) return false;
   std::memset(buffer_, 0, sizeof buffer_);
   if (std::fgets(buffer_, sizeof buffer_, file_.get()) == nullptr) return false;
-  ++number_;
   std::string_view text(buffer_, std::strlen(buffer_));
+  read_ += static_cast<long>(text.size());
+  if (read_ > kMaxTextFile) {
+    too_long_ = true;
+    return false;
+  }
+  ++number_;
   std::size_t i = 0;
   while (i < text.size() && is_white(text[i])) ++i;
   line = text.substr(i);
@@ -43,4 +77,13 @@ TwoWords two_words(std::string_view line) {
   words.second_at = i;
   words.second = line.substr(i, word_end(line, i) - i);
   return words;
+}
+
+void report_unopened(const TextLines& lines, const std::string& path, int number) {
+  if (!lines.refusal().empty()) quor_msg_log(310, 2, path + ": " + lines.refusal());
+  quor_msg_log(number, 2, path);
+}
+
+void report_unreported(const TextLines& lines, const std::string& path) {
+  if (lines.unreported() > 0) quor_msg_log(311, 2, std::to_string(lines.unreported()) + " more lines of " + path);
 }

@@ -395,11 +395,14 @@ TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
     EXPECT_EQ(refused.status, kCtlDaemonError);
     EXPECT_EQ(refused.error, "RC 1: login refused for nosuchaccount");
   }
-  {
-    testutil::EnvGuard user("MOX_QUORUSER", "daemon");
-    CtlOutcome refused = ctl_login(CtlTarget{}, std::string("not the password"), false);
-    EXPECT_EQ(refused.error, "RC 1: login refused for daemon");
-  }
+  // An unprivileged client needs the account's password; a wrong one fails.
+  EXPECT_EQ(testutil::run_as("nobody",
+                             [] {
+                               testutil::EnvGuard user("MOX_QUORUSER", "daemon");
+                               CtlOutcome refused = ctl_login(CtlTarget{}, std::string("not the password"), false);
+                               return refused.error == "RC 1: login refused for daemon" ? 0 : 1;
+                             }),
+            0);
   EXPECT_EQ(settle(none), none) << "refused logins stayed";
 
   testutil::EnvGuard user("MOX_QUORUSER", "nobody");

@@ -2,6 +2,8 @@
 // guards, and request buffers built with the daemon's own writers.
 #pragma once
 
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -132,6 +134,23 @@ class Child {
  private:
   pid_t pid_ = -1;
 };
+
+// Runs `body` in a child process under `account`'s uid and group (no
+// supplementary groups), as an unprivileged client would; the child's exit
+// status (`body`'s result), or -1 when the account does not exist or the
+// child was killed. Results come back as exit statuses only.
+template <class F>
+int run_as(const std::string& account, F body) {
+  const passwd* pw = getpwnam(account.c_str());
+  if (pw == nullptr) return -1;
+  uid_t uid = pw->pw_uid;
+  gid_t gid = pw->pw_gid;
+  Child child([&] {
+    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) return 126;
+    return body();
+  });
+  return child.wait();
+}
 
 // The bytes [0, length) of a buffer as a string (NULs included).
 inline std::string bytes(const char* data, std::size_t length) { return std::string(data, length); }

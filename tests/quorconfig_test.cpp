@@ -151,14 +151,14 @@ TEST_F(ConfigFiles, AFailedLoadLeavesTheRunningConfigurationInForce) {
   };
   const Case cases[] = {
       {"missing configuration", remove("quor.config"), 3, "QUOR0109E"},
-      {"configuration is a directory", make_dir("quor.config"), 3, "QUOR0108E"},
+      {"configuration is a directory", make_dir("quor.config"), 3, "QUOR0310E"},
       {"unknown default login user",
        [&] { write("quor/etc/quor.config", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-x\n"); }, 3,
        "QUOR0137E"},
       {"missing object map", remove("quorobj.map"), 3, "QUOR0112E"},
       {"object map of comments", [&] { write("quor/etc/quorobj.map", "# only\n  # comments\n"); }, 3, "QUOR0114E"},
       {"missing language map", remove("quorlang.map"), 7, nullptr},
-      {"language map is a directory", make_dir("quorlang.map"), 5, "QUOR0108E"},
+      {"language map is a directory", make_dir("quorlang.map"), 7, "QUOR0310E"},
   };
   for (const Case& c : cases) {
     SetUp();

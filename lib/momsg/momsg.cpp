@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -164,6 +165,53 @@ std::string tag(std::uint32_t identifier) {
   return buf;
 }
 
+// Repeated messages: how many lines each number wrote in its current
+// window, and how many it left out.
+struct Flood {
+  std::time_t window_start = 0;
+  int written = 0;
+  long left_out = 0;
+};
+
+struct Floods {
+  std::map<unsigned, Flood> by_number;
+  bool any_left_out = false;
+};
+
+Floods& floods() {
+  static Floods f;
+  return f;
+}
+
+void write_line(std::uint32_t identifier, const std::string& text, unsigned flags);
+
+// Says how many lines of `number` were left out, if any.
+void summarize(unsigned number, Flood& flood, unsigned flags) {
+  if (flood.left_out == 0) return;
+  std::string count = std::to_string(flood.left_out) + " more of message " + std::to_string(number) + " within " +
+                      std::to_string(kMoLogWindow) + " s";
+  flood.left_out = 0;
+  write_line(mo_identifier(308, 2), substitute(lookup(308), {count}), flags);
+}
+
+// Whether a line of message `number` may be written now; counts it if not.
+bool admit(unsigned number, unsigned flags) {
+  std::time_t now = std::time(nullptr);
+  Flood& flood = floods().by_number[number];
+  if (now - flood.window_start >= kMoLogWindow) {
+    summarize(number, flood, flags);
+    flood.window_start = now;
+    flood.written = 0;
+  }
+  if (flood.written < kMoLogBurst) {
+    ++flood.written;
+    return true;
+  }
+  ++flood.left_out;
+  floods().any_left_out = true;
+  return false;
+}
+
 }  // namespace
 
 std::string mo_log_line(std::uint32_t identifier, std::string_view text, long long epoch_seconds,
@@ -184,21 +232,37 @@ std::string MOmsgf(int /*version*/, int /*line*/, std::string_view /*source*/,
   std::vector<std::string_view> used(values.begin(),
                                      values.begin() + std::min(count, values.size()));
   std::string text = substitute(lookup(static_cast<int>(mo_number(identifier))), used);
-
-  if (flags & (MO_LOG | MO_STDOUT)) {
-    std::string line = mo_log_line(identifier, text, static_cast<long long>(std::time(nullptr)),
-                                   static_cast<int>(getpid()));
-    if (flags & MO_LOG) {
-      append_to_log(line);
-      send_to_syslog(mo_severity(identifier), tag(identifier) + " " + one_line(text));
-    }
-    if (flags & MO_STDOUT) {
-      std::fputs((line + "\n").c_str(), stdout);
-      std::fflush(stdout);
-    }
-  }
+  if ((flags & (MO_LOG | MO_STDOUT)) != 0 && admit(mo_number(identifier), flags)) write_line(identifier, text, flags);
   return text;
 }
+
+void mo_flush_left_out(bool force) {
+  Floods& f = floods();
+  if (!f.any_left_out) return;
+  std::time_t now = std::time(nullptr);
+  f.any_left_out = false;
+  for (auto& [number, flood] : f.by_number) {
+    if (force || now - flood.window_start >= kMoLogWindow) summarize(number, flood, MO_LOG);
+    if (flood.left_out > 0) f.any_left_out = true;
+  }
+}
+
+namespace {
+
+void write_line(std::uint32_t identifier, const std::string& text, unsigned flags) {
+  std::string line = mo_log_line(identifier, text, static_cast<long long>(std::time(nullptr)),
+                                 static_cast<int>(getpid()));
+  if (flags & MO_LOG) {
+    append_to_log(line);
+    send_to_syslog(mo_severity(identifier), tag(identifier) + " " + one_line(text));
+  }
+  if (flags & MO_STDOUT) {
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+  }
+}
+
+}  // namespace
 
 const char* mo_nodename() {
   static const std::string node = [] {
@@ -218,6 +282,7 @@ void mo_set_program(std::string_view name) {
 }
 
 void mo_reset() {
+  floods() = Floods{};
   MsgState& s = state();
   if (catalogue_open(s)) catclose(s.catalogue);
   s.catalogue = reinterpret_cast<nl_catd>(-1);

@@ -57,8 +57,18 @@ const char* mo_nodename();
 // Name shown in log lines ("quordaemon" unless set).
 void mo_set_program(std::string_view name);
 
-// Forget the opened catalogue and cached settings (for tests that change
-// MOXGLBL0000 or NLSPATH).
+// Repeated messages are limited: each message number writes at most
+// kMoLogBurst lines in kMoLogWindow seconds. The lines left out are counted,
+// and one line (message 308) tells how many once the window is over: at the
+// next line of that number, or when mo_flush_left_out is called (the daemon
+// calls it between requests, and with `force` at shutdown). So a client
+// that sends garbage cannot fill the disk, and nothing goes unmentioned.
+inline constexpr int kMoLogBurst = 20;
+inline constexpr int kMoLogWindow = 60;
+void mo_flush_left_out(bool force);
+
+// Forget the opened catalogue, cached settings and counts of repeated
+// messages (for tests that change MOXGLBL0000 or NLSPATH).
 void mo_reset();
 
 // The log line for a message, without the trailing newline: exposed so that

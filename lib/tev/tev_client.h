@@ -35,6 +35,11 @@ class TevClient {
   TevClient& operator=(const TevClient&) = delete;
 
   bool ok() const { return registered_; }
+
+  // From now on, send only to names registered by root (TevRequireRootPeers).
+  void require_root_peers() {
+    if (registered_) TevRequireRootPeers(fb_, id_, true);
+  }
   const TevFeedback& feedback() const { return fb_; }
   const TevIdentity& identity() const { return id_; }
 

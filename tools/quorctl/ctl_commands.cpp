@@ -271,8 +271,14 @@ CtlOutcome ctl_login(const CtlTarget& target, const std::optional<std::string>& 
   spec.type = "L";
   spec.object = "LOGON";
   spec.command = "LOGIN";
-  if (password) spec.selections.push_back({"PASSWORD", "=", *password});
-  CtlOutcome o = ctl_agent_request(target, spec, json, waiting);
+  CtlTarget to = target;
+  if (password) {
+    spec.selections.push_back({"PASSWORD", "=", *password});
+    // A password goes only to the daemon as root registered it: a name in
+    // the shared directory could be anybody's while the daemon is down.
+    to.root_server = true;
+  }
+  CtlOutcome o = ctl_agent_request(to, spec, json, waiting);
   if (o.status == kCtlOk && !json) o.out = "logged in\n";
   return o;
 }

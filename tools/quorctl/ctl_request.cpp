@@ -97,6 +97,7 @@ CtlExchange ctl_transaction(const CtlTarget& target, std::vector<std::vector<cha
   if (!client.ok())
     return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
                                              client.feedback().FB_ErrorText);
+  if (target.root_server) client.require_root_peers();
   for (std::vector<char>& plain : buffers) {
     if (quor_wire_seal(plain, plain.size()) != 0) return failure(CtlFailure::Request, "a request buffer is too long");
     TevCallResult sent =
