@@ -8,7 +8,10 @@
 //   P.segment  the whole shared-memory segment, as it found it
 //   P.data     the request's data file (record fileName), when there is one
 //   P.info     lines "name=value": argc, argv0, argv1, uid, euid, gid, egid,
-//              groups (comma-separated), MOX_DATEFMT, MO_MOXMESSAGE
+//              groups (comma-separated), MOX_DATEFMT, MO_MOXMESSAGE, env (the
+//              names of its environment, comma-separated), fds (its open
+//              descriptors), stderr (what standard error is: its path, and
+//              "w" or "rw")
 //
 // P.info is written last (under a temporary name, then renamed), so a test
 // that sees it finds the others complete. The segment and the data file are
@@ -17,10 +20,12 @@
 // The request record's command says what to do then:
 //   EXIT<n>     exit with status n
 //   SLEEP<n>    sleep n seconds, then exit 0
-//   LOGININFO   report a login (LOGININFO) for the record's user name to the
-//               daemon, then wait for SIGTERM as the user's login process
+//   LOGININFO   report a login (LOGININFO) for the record's user name (or,
+//               as LOGININFO:NAME, for NAME) to the daemon, then wait for
+//               SIGTERM as the user's login process
 //   ANSWER      answer the client with the P.info lines (RC 0)
 //   anything else: exit 0
+#include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
 #include <unistd.h>
@@ -59,6 +64,30 @@ std::string groups() {
   return text;
 }
 
+std::string environment_names() {
+  std::string names;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string_view entry(*e);
+    names += (names.empty() ? "" : ",") + std::string(entry.substr(0, entry.find('=')));
+  }
+  return names;
+}
+
+std::string descriptors() {
+  std::string fds;
+  for (int fd = 0; fd < 1024; ++fd)
+    if (fcntl(fd, F_GETFD) != -1) fds += (fds.empty() ? "" : ",") + std::to_string(fd);
+  return fds;
+}
+
+std::string standard_error() {
+  char target[512] = {};
+  ssize_t n = readlink("/proc/self/fd/2", target, sizeof target - 1);
+  int mode = fcntl(2, F_GETFL) & O_ACCMODE;
+  return std::string(target, n > 0 ? static_cast<std::size_t>(n) : 0) + " " +
+         (mode == O_WRONLY ? "w" : mode == O_RDWR ? "rw" : "r");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -82,8 +111,10 @@ int main(int argc, char** argv) {
   info << "argc=" << argc << "\nargv0=" << argv[0] << "\nargv1=" << argv[1] << "\nuid=" << getuid()
        << "\neuid=" << geteuid() << "\ngid=" << getgid() << "\negid=" << getegid() << "\ngroups=" << groups()
        << "\nMOX_DATEFMT=" << (std::getenv("MOX_DATEFMT") ? std::getenv("MOX_DATEFMT") : "")
-       << "\nMO_MOXMESSAGE=" << (std::getenv("MO_MOXMESSAGE") ? std::getenv("MO_MOXMESSAGE") : "") << "\n";
+       << "\nMO_MOXMESSAGE=" << (std::getenv("MO_MOXMESSAGE") ? std::getenv("MO_MOXMESSAGE") : "")
+       << "\nenv=" << environment_names() << "\nfds=" << descriptors() << "\nstderr=" << standard_error() << "\n";
   write_file(base + ".info", info.str());
+  std::fprintf(stderr, "quorprobe ran %s\n", command.c_str());
 
   if (command == "ANSWER") {
     AgentAnswer answer;
@@ -94,8 +125,9 @@ int main(int argc, char** argv) {
     sleep(static_cast<unsigned>(std::atoi(command.c_str() + 5)));
     return 0;
   }
-  if (command == "LOGININFO") {
-    if (agent_report_login(std::string(smc_get(record, smc::username)), std::to_string(getgid())) != 0) return 3;
+  if (command.starts_with("LOGININFO")) {
+    std::string account = command.size() > 10 ? command.substr(10) : std::string(smc_get(record, smc::username));
+    if (agent_report_login(account, std::to_string(getgid())) != 0) return 3;
     sigset_t term;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);

@@ -30,7 +30,7 @@ inline constexpr std::string_view kServerName = "MO_QUORUNIX_SERVER";
 // How long a partial reply waits for the client's answer. A client that
 // never answers must not hold the daemon (or its stop) for long: after this
 // the reply is abandoned.
-inline constexpr int kConverseWaitSeconds = 5;
+inline constexpr int kConverseWaitSeconds = 2;
 
 // Clears the block, then sets the system id (this host's node name when
 // `system_id` is empty) and the application name (when given). Returns 0.

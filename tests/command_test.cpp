@@ -9,101 +9,20 @@
 #include <set>
 #include <thread>
 
+#include "agent_fixture.h"
 #include "ctl_commands.h"
 #include "ctl_files.h"
 #include "ctl_text.h"
-#include "daemon_util.h"
 #include "momsg.h"
 #include "quorRDW.h"
-#include "quorsmc.h"
 
 using testutil::Daemon;
 using testutil::read_file;
+using Commands = testutil::AgentDaemonTest;
+using testutil::Probe;
 namespace fs = std::filesystem;
 
 namespace {
-
-#define REQUIRE_ROOT() \
-  if (geteuid() != 0) GTEST_SKIP() << "needs root: agents are started under other accounts"
-
-// What one run of the probe agent recorded.
-struct Probe {
-  std::map<std::string, std::string> info;
-  std::string segment;
-  std::string data;
-  std::span<const char> record() const { return std::span<const char>(segment).subspan(kRecordOffset); }
-  std::string field(SmcField f) const { return std::string(smc_get(record(), f)); }
-};
-
-// A daemon whose agents can be watched: quorprobe writes into probe_dir().
-class Commands : public ::testing::Test {
- protected:
-  void start(std::string config, std::string objects = "PROBE quorprobe\nLOGON quorprobe\n") {
-    daemon_ = std::make_unique<Daemon>(
-        [&](const fs::path& root) {
-          std::ofstream(root / "quor/etc/quor.config") << config;
-          std::ofstream(root / "quor/etc/quorobj.map") << objects;
-          // Agents run as "nobody": they must reach their files.
-          fs::permissions(root, fs::perms::others_exec, fs::perm_options::add);
-        },
-        std::vector<std::string>{}, true, std::map<std::string, std::string>{{"QUORPROBE_DIR", probe_dir()}, {"MOXQUORKEEPENV", "QUORPROBE_DIR"}});
-    ASSERT_TRUE(daemon_->wait_ready()) << daemon_->output();
-  }
-  void SetUp() override { fs::permissions(probes_.path(), fs::perms::all); }
-  std::string probe_dir() const { return probes_.str(); }
-
-  // Sends the buffers of `spec` in order; the replies to the last one.
-  TevCallResult send(const CtlBuild& spec, bool expect_reply) {
-    CtlBuilt built = ctl_build_transaction(spec);
-    EXPECT_EQ(built.error, "");
-    TevClient client;
-    TevCallResult last;
-    for (std::size_t i = 0; i < built.buffers.size(); ++i) {
-      std::vector<char>& b = built.buffers[i];
-      EXPECT_EQ(quor_wire_seal(b, b.size()), 0);
-      bool final = i + 1 == built.buffers.size();
-      last = client.call(kServerName, std::vector<std::uint8_t>(b.begin(), b.end()), final && expect_reply ? 5000 : 0,
-                         final && expect_reply);
-    }
-    return last;
-  }
-
-  // The next probe run to finish, or nothing within `steps` times 20 ms.
-  std::optional<Probe> next_probe(int steps = 250) {
-    for (int i = 0; i < steps; ++i) {
-      for (const auto& e : fs::directory_iterator(probe_dir())) {
-        if (e.path().extension() != ".info" || seen_.count(e.path().stem().string())) continue;
-        std::string pid = e.path().stem().string();
-        seen_.insert(pid);
-        Probe p;
-        std::istringstream lines(read_file(e.path()));
-        for (std::string line; std::getline(lines, line);)
-          if (std::size_t eq = line.find('='); eq != std::string::npos) p.info[line.substr(0, eq)] = line.substr(eq + 1);
-        p.segment = read_file(fs::path(probe_dir()) / (pid + ".segment"));
-        p.data = read_file(fs::path(probe_dir()) / (pid + ".data"));
-        return p;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return std::nullopt;
-  }
-
-  // The status report's count lines, after the sweep of that request.
-  std::string counts() {
-    std::vector<std::string> s = daemon_->status("B");
-    return s.size() >= 6 ? s[4] + s[5] : "";
-  }
-
-  static std::string error_text(const TevCallResult& r) {
-    if (r.replies.empty()) return "(no reply)";
-    std::vector<std::string> items = Daemon::reply_items(r.replies.back().payload, "ZZZRET");
-    return items.size() >= 4 ? items[1] + " " + items[3] : "(no return code)";
-  }
-
-  testutil::TempDir probes_;  // where the agents write, whatever their account
-  std::unique_ptr<Daemon> daemon_;
-  std::set<std::string> seen_;
-};
 
 // With logins not required, a service request carrying a selection list, a
 // table over several buffers and an environment runs its agent as the

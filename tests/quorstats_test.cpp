@@ -121,4 +121,28 @@ TEST_F(StatusReport, AFullReportLargerThanABufferArrivesInOrderOverSeveralBuffer
   for (int i = 0; i < 400; ++i) EXPECT_EQ(users[static_cast<std::size_t>(i)], "user" + std::to_string(399 - i));
 }
 
+// However the last line falls, every buffer of a full report ends with its
+// trailer and "ZZZEOD": the last user line leaving just the room for the
+// end of a buffer, and no more, included.
+TEST_F(StatusReport, EveryBufferEndsWithItsTrailerWhereverTheLastLineFalls) {
+  bool full_buffer = false;
+  for (std::size_t length = 150; length <= 250 && !HasFailure(); ++length) {
+    quor_users().clear();
+    UserEntry& last = quor_user_new();  // listed last
+    last = UserEntry{"last", std::string(length, 'n'), "l", "", 1, 0, {}};
+    for (int i = 0; i < 132; ++i)
+      quor_user_new() = UserEntry{"user" + std::to_string(i), std::string(i == 0 ? 100 : 200, 'n'), "l", "", 1, 0, {}};
+    TevCallResult result;
+    report('F', result);
+    ASSERT_EQ(result.rc, 0) << length;
+    for (const TevReply& reply : result.replies) {
+      std::vector<char> plain(reply.payload.begin(), reply.payload.end());
+      ASSERT_EQ(quor_wire_open(plain, plain.size()), plain.size());
+      EXPECT_EQ(std::string(plain.end() - 7, plain.end()), std::string("ZZZEOD", 7)) << length;
+      full_buffer = full_buffer || plain.size() == BUFFER_MAX;
+    }
+  }
+  EXPECT_TRUE(full_buffer) << "no report filled its buffer to the last byte";
+}
+
 }  // namespace

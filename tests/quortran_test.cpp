@@ -73,6 +73,15 @@ TEST(SegmentWriter, EmptySegmentsValuesAndTrailers) {
   OutBuf n(buf);
   quor_trl_write(Trailer{}, n);
   EXPECT_EQ(written(n, 6), nul_join({"ZZZTRL", "ZZZLEN", "   13", "ZZZEOS", "ZZZEOD"}));
+  // More data follows only a value beginning with 'Y': a trailer without
+  // one, any other value, or no trailer at all ends the exchange.
+  EXPECT_TRUE(quor_trl_last(InBuf(buf.data(), n.pos)));
+  EXPECT_TRUE(quor_trl_last(InBuf(buf.data(), 6)));
+  for (auto [value, last] : {std::pair{"Y", false}, {"Yes", false}, {"N", true}, {"X", true}, {"n", true}, {"", true}}) {
+    OutBuf m(buf);
+    quor_trl_put(value, m);
+    EXPECT_EQ(quor_trl_last(InBuf(buf.data(), m.pos)), last) << value;
+  }
 }
 
 TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {

@@ -11,6 +11,7 @@
 #include <functional>
 
 #include "core_util.h"
+#include "quoraccess.h"
 #include "quorconfig.h"
 #include "quorkids.h"
 #include "quorsweep.h"
@@ -302,6 +303,50 @@ TEST_F(Sweep, AThousandAgentsLeaveNothingBehind) {
     }
   }
   EXPECT_EQ(left, 0) << "shared memory segments left behind";
+}
+
+}  // namespace
+
+namespace {
+
+// A transaction whose next buffer does not come within the expiry, and a
+// login agent that ended without its report, are dropped with what they
+// hold: the segment, and the login's pending session.
+TEST_F(Sweep, UnfinishedTransactionsExpire) {
+  int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  ASSERT_NE(shm, -1);
+  ChildEntry& stale = agent(0, 0, kChildContinuing);
+  stale.shm_id = shm;
+  stale.type = 'L';
+  stale.user = &user("pending");
+  stale.last_buffer -= kPendingExpirySeconds + 1;
+  agent(exited(0), 2, kChildKept).last_buffer -= kPendingExpirySeconds + 1;
+  agent(0, 0, kChildContinuing).last_buffer -= kPendingExpirySeconds - 5;
+
+  quor_garbage_collect(0);
+
+  EXPECT_EQ(quor_child_count(), 1) << "only the recent transaction stays";
+  shmid_ds ds{};
+  EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment stayed";
+  EXPECT_FALSE(has_user("pending"));
+}
+
+// A kill-all stops agents that ignore SIGTERM with SIGKILL, and never
+// signals the pid of an agent it reaped before (here: a process it does not
+// own any more, as a reused pid would be).
+TEST_F(Sweep, AKillAllKillsStubbornAgentsButNoReapedPid) {
+  auto [stubborn, terms] = counting();
+  pid_t stranger = waiting();
+  agent(stubborn, 1);
+  agent(stranger, 2, kChildKept);
+
+  quor_children_kill_all();
+
+  EXPECT_TRUE(byte_within(terms, 0)) << "no SIGTERM first";
+  EXPECT_FALSE(ours(stubborn)) << "the agent that ignored SIGTERM was not killed and reaped";
+  siginfo_t info{};
+  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(stranger), &info, WEXITED | WNOHANG | WNOWAIT), 0);
+  EXPECT_EQ(info.si_pid, 0) << "a kept entry's pid was signalled";
 }
 
 }  // namespace
