@@ -23,7 +23,8 @@ std::map<std::string, Remembered>& remembered() {
 std::optional<Account> look_up(const std::string& name) {
   const passwd* pw = getpwnam(name.c_str());
   if (pw == nullptr) return std::nullopt;
-  Account a{pw->pw_name, pw->pw_uid, pw->pw_gid, {}};
+  Account a{pw->pw_name, pw->pw_uid, pw->pw_gid, {}, pw->pw_dir,
+            pw->pw_shell != nullptr && *pw->pw_shell != '\0' ? pw->pw_shell : "/bin/sh"};
   int count = 32;
   for (;;) {
     a.groups.resize(static_cast<std::size_t>(count));
@@ -49,6 +50,13 @@ std::optional<Account> quor_account(const std::string& name) {
   else
     accounts.erase(name);
   return found;
+}
+
+std::optional<Account> quor_account_self() {
+  static std::string name;
+  if (name.empty())
+    if (const passwd* pw = getpwuid(geteuid())) name = pw->pw_name;
+  return name.empty() ? std::nullopt : quor_account(name);
 }
 
 void quor_accounts_forget() { remembered().clear(); }

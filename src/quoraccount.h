@@ -17,6 +17,8 @@ struct Account {
   uid_t uid = 0;
   gid_t gid = 0;
   std::vector<gid_t> groups;  // supplementary groups, the account's group included
+  std::string home;           // home directory and login shell, for the environment
+  std::string shell;
 };
 
 // Seconds a looked-up account is used without looking again.
@@ -25,6 +27,10 @@ inline constexpr int kAccountLifetime = 60;
 // The account named `name`; nothing when there is none (not remembered, so
 // an account created later is found at once).
 std::optional<Account> quor_account(const std::string& name);
+
+// The account this process runs as (remembered like the others); nothing
+// when the uid has no name.
+std::optional<Account> quor_account_self();
 
 // Drops every remembered account.
 void quor_accounts_forget();

@@ -1,6 +1,5 @@
 #include "quorspawn.h"
 
-#include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
@@ -97,12 +96,13 @@ void pass_on(std::vector<std::string>& env, std::string_view name) {
 
 std::vector<std::string> quor_spawn_environment(const Account* account) {
   std::vector<std::string> env = {"PATH=/usr/local/bin:/usr/bin:/bin"};
-  uid_t uid = account != nullptr ? account->uid : geteuid();
-  if (const passwd* pw = getpwuid(uid)) {
-    env.push_back(std::string("HOME=") + pw->pw_dir);
-    env.push_back(std::string("USER=") + pw->pw_name);
-    env.push_back(std::string("LOGNAME=") + pw->pw_name);
-    env.push_back(std::string("SHELL=") + (pw->pw_shell != nullptr && *pw->pw_shell ? pw->pw_shell : "/bin/sh"));
+  std::optional<Account> self = account == nullptr ? quor_account_self() : std::nullopt;
+  if (account == nullptr && self) account = &*self;
+  if (account != nullptr) {
+    env.push_back("HOME=" + account->home);
+    env.push_back("USER=" + account->name);
+    env.push_back("LOGNAME=" + account->name);
+    env.push_back("SHELL=" + account->shell);
   }
   for (std::string_view name : {"MOXGLBL0000", "TMPDIR", "TZ", "LANG"}) pass_on(env, name);
   for (char** e = environ; *e != nullptr; ++e) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <map>
 #include <cstdlib>
 #include <cstring>
@@ -174,11 +175,10 @@ int write_records(const std::string& path, const std::vector<std::vector<char>>&
   return 0;
 }
 
-// Reads the records of `path` (none when it cannot be opened), handing the
-// strings of each to `take`. 0, 1 a record with fewer than `count` strings,
-// 5 a record shorter than its length.
-template <class Take>
-int read_records(const std::string& path, std::size_t count, Take take) {
+}  // namespace
+
+int quor_records_read(const std::string& path, std::size_t count,
+                      const std::function<void(const std::vector<std::string>&)>& take) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return 0;
   int rc = 0;
@@ -204,10 +204,12 @@ int read_records(const std::string& path, std::size_t count, Take take) {
   return rc;
 }
 
+namespace {
+
 // Who owns each restored session, by (client user, client node).
 std::map<std::pair<std::string, std::string>, ClientId> read_owners() {
   std::map<std::pair<std::string, std::string>, ClientId> owners;
-  read_records(quor_owners_path(), 3, [&](const std::vector<std::string>& s) {
+  quor_records_read(quor_owners_path(), 3, [&](const std::vector<std::string>& s) {
     if (std::optional<ClientId> owner = quor_client_parse(s[2])) owners[{s[0], s[1]}] = *owner;
   });
   return owners;
@@ -251,7 +253,7 @@ int quor_users_load() {
   std::string path = quor_users_path();
   if (path.empty()) return 8;
   auto owners = read_owners();
-  return read_records(path, 5, [&](const std::vector<std::string>& strings) {
+  return quor_records_read(path, 5, [&](const std::vector<std::string>& strings) {
     UserEntry& entry = quor_user_new();
     entry.user_name = strings[0];
     entry.node_name = strings[1];

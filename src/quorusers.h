@@ -25,7 +25,9 @@
 #include <sys/types.h>
 
 #include <ctime>
+#include <functional>
 #include <list>
+#include <vector>
 #include <string>
 
 #include "quoraccess.h"
@@ -80,6 +82,13 @@ int quor_user_count();
 // Stops every user's login process (SIGTERM to each in table order, one
 // second for all, non-blocking reaps); the entries stay.
 void quor_users_stop_all();
+
+// Reads the records of a file in the save file's framing, handing the first
+// `count` strings of each to `take` (nothing when the file cannot be opened,
+// which is not an error). 0, 1 a record with fewer than `count` strings, 5 a
+// record shorter than its length or with a length outside 0..999.
+int quor_records_read(const std::string& path, std::size_t count,
+                      const std::function<void(const std::vector<std::string>&)>& take);
 
 // <root>/tmp/quor.sav, and beside it <root>/tmp/quor.owners
 std::string quor_users_path();

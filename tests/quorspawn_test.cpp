@@ -109,7 +109,7 @@ TEST(Spawn, AnAccountThatCannotBeTakenOnRunsNothing) {
   testutil::TempDir dir;
   Segment segment;
   ASSERT_GE(segment.id, 0);
-  Account account{"x", 65534, 65534, std::vector<gid_t>(70000, 65534)};
+  Account account{"x", 65534, 65534, std::vector<gid_t>(70000, 65534), "/", "/bin/sh"};
   SpawnRequest request = shell("touch " + (dir.path() / "ran").string());
   request.account = &account;
   request.shm_id = segment.id;
