@@ -26,6 +26,7 @@ struct MsgState {
   nl_catd catalogue = reinterpret_cast<nl_catd>(-1);
   bool syslog_open = false;
   std::string program = "quordaemon";
+  MoLogSink sink;  // set: logged messages go here instead
 };
 
 MsgState& state() {
@@ -157,14 +158,14 @@ std::string one_line(std::string_view text) {
   return out;
 }
 
-std::string tag(std::uint32_t identifier) {
+}  // namespace
+
+std::string mo_tag(std::uint32_t identifier) {
   char buf[16];
   std::snprintf(buf, sizeof buf, "QUOR%04u%c", mo_number(identifier),
                 severity_letter(mo_severity(identifier)));
   return buf;
 }
-
-}  // namespace
 
 std::string mo_log_line(std::uint32_t identifier, std::string_view text, long long epoch_seconds,
                         int pid) {
@@ -174,7 +175,7 @@ std::string mo_log_line(std::uint32_t identifier, std::string_view text, long lo
   char when[32];
   std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return std::string(when) + " " + state().program + "[" + std::to_string(pid) +
-         "]: " + tag(identifier) + " " + one_line(text);
+         "]: " + mo_tag(identifier) + " " + one_line(text);
 }
 
 std::string MOmsgf(int /*version*/, int /*line*/, std::string_view /*source*/,
@@ -188,9 +189,11 @@ std::string MOmsgf(int /*version*/, int /*line*/, std::string_view /*source*/,
   if (flags & (MO_LOG | MO_STDOUT)) {
     std::string line = mo_log_line(identifier, text, static_cast<long long>(std::time(nullptr)),
                                    static_cast<int>(getpid()));
-    if (flags & MO_LOG) {
+    if ((flags & MO_LOG) && state().sink) {
+      state().sink(identifier, one_line(text));
+    } else if (flags & MO_LOG) {
       append_to_log(line);
-      send_to_syslog(mo_severity(identifier), tag(identifier) + " " + one_line(text));
+      send_to_syslog(mo_severity(identifier), mo_tag(identifier) + " " + one_line(text));
     }
     if (flags & MO_STDOUT) {
       std::fputs((line + "\n").c_str(), stdout);
@@ -216,6 +219,8 @@ void mo_set_program(std::string_view name) {
     s.syslog_open = false;
   }
 }
+
+void mo_set_log_sink(MoLogSink sink) { state().sink = std::move(sink); }
 
 void mo_reset() {
   MsgState& s = state();
