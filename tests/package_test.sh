@@ -112,8 +112,8 @@ check "ExecStart exits 0 once the daemon has detached" test $? -eq 0
 recorded=$(cat "$pid_file" 2>&1)
 check "the pid file names the process that started it ($recorded, $starter), which has exited" \
   test "$recorded" = "$starter" -a ! -d "/proc/$starter"
-status=$(quorctl status)
-check "quorctl status answers: $status" test $? -eq 0
+status=$(run $(unit_command ExecStartPost 1))
+check "ExecStartPost (quorctl status) gets the daemon's answer: $status" test $? -eq 0
 daemon=$(sed -n 's/^Status of quordaemon, pid=\([0-9]*\),.*/\1/p' <<<"$status")
 check "the daemon runs detached (pid '$daemon')" test -n "$daemon" -a -d "/proc/$daemon"
 
