@@ -22,7 +22,7 @@ rm -rf "$out"
 mkdir -p "$out/src"
 git ls-files -z --cached --others --exclude-standard |
   tar --null --files-from=- --ignore-failed-read -cf - 2>/dev/null | tar -xf - -C "$out/src"
-(cd "$out/src" && DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" dpkg-buildpackage -b --no-sign >"$out/build.log" 2>&1) || {
+(cd "$out/src" && DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$(nproc)" dpkg-buildpackage -b --no-sign >"$out/build.log" 2>&1) || {
   tail -n 40 "$out/build.log" >&2
   echo "error: the package build failed; the whole log is $out/build.log" >&2
   exit 1
