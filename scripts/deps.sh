@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Installs what building and testing needs, when it is missing. Needs root
-# (or sudo) only when something has to be installed.
+# Installs what building and testing needs, when it is missing, and the
+# packages named as arguments. Needs root (or sudo) only when something has
+# to be installed.
 set -euo pipefail
 
-packages=(cmake g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libc-bin make libpam0g-dev)
+packages=(cmake g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libc-bin make libpam0g-dev
+  pandoc mandoc groff-base "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs every test: a normal build, the same tests under
-# AddressSanitizer and UndefinedBehaviorSanitizer, and a short run of every
-# fuzz target. Exits non-zero on the first failure.
+# Builds and runs every test: a normal build with the Debian package and its
+# tests, the same tests under AddressSanitizer and UndefinedBehaviorSanitizer,
+# and a short run of every fuzz target. Exits non-zero on the first failure.
 #
 #   scripts/test.sh            everything
 #   QUOR_FUZZ_SECONDS=60 ...   longer fuzz runs (default 15 s per target)
@@ -35,6 +35,8 @@ run_ctest() {
 echo "== Build and test"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
+echo "== Debian package (tested with the normal build's tests)"
+scripts/package.sh build/pkg
 run_ctest build
 
 echo "== Build and test under AddressSanitizer and UndefinedBehaviorSanitizer"

@@ -251,6 +251,16 @@ int quor_config_load(ObjectMap& map, QuorConfig& config, std::optional<std::stri
   return 0;
 }
 
+int quor_config_check(std::optional<std::string_view> path, QuorConfig& read) {
+  try {
+    ObjectMap map;
+    return load_new(map, read, path);
+  } catch (const std::bad_alloc&) {
+    quor_msg_log(1, 4);
+    return 1;
+  }
+}
+
 int quor_objmap_load(ObjectMap& map, const std::string& path) {
   map.clear();
   TextLines lines(path);

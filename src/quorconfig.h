@@ -73,6 +73,12 @@ int quor_config_line(QuorConfig& config, std::string_view line);
 // language map read error; 7 language map cannot be opened.
 int quor_config_load(ObjectMap& map, QuorConfig& config, std::optional<std::string_view> path);
 
+// The reading steps of a load, from the same file, without installing
+// anything or starting the default login program: what a load would read
+// goes into `read`, the current configuration stays as it is. Problems are
+// logged as a load logs them. Returns the code the load would return.
+int quor_config_check(std::optional<std::string_view> path, QuorConfig& read);
+
 // Reads an object map. 0 at least one entry; 1 out of memory; 3 not opened
 // (message 112), no entries (114) or read error (108).
 int quor_objmap_load(ObjectMap& map, const std::string& path);

@@ -406,7 +406,7 @@ TEST(QuorctlTool, HelpUsageErrorsAndNoDaemon) {
   EXPECT_THAT(quorctl({"--help"}),
               Outcome(0, StartsWith("usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND"),
                       ""));
-  for (const char* c : {"status", "refresh", "cleanup", "terminate", "killall", "decode", "raw", "login", "logoff",
+  for (const char* c : {"status", "refresh", "check-config", "cleanup", "terminate", "killall", "decode", "raw", "login", "logoff",
                         "util", "table-to-csv", "csv-to-table", "calendar", "build"})
     EXPECT_THAT(quorctl({c, "--help"}), Outcome(0, StartsWith(std::string("usage: quorctl ") + c), ""));
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
@@ -417,7 +417,8 @@ TEST(QuorctlTool, HelpUsageErrorsAndNoDaemon) {
            {"raw", "--no-reply", "--expect-reply"}, {"raw", "--wire"}, {"raw", "--file", "a", "b"},
            {"util"}, {"login", "x"}, {"logoff", "x"}, {"--user", "", "login"}, {"build"}, {"build", "--type", "SS", "--out", "p"},
            {"build", "--table", "a", "--list", "b", "--out", "p"}, {"build", "--select", "A", "--out", "p"},
-           {"calendar"}, {"csv-to-table", "a"}, {"--json", "table-to-csv", "t"}})
+           {"calendar"}, {"csv-to-table", "a"}, {"--json", "table-to-csv", "t"},
+           {"check-config", "a", "b"}, {"--json", "check-config"}})
     EXPECT_THAT(quorctl(args), Outcome(kCtlUsage, "", MatchesRegex("quorctl: [^\n]+\n")));
   EXPECT_THAT(quorctl({"raw", "-"}, "header B\nitem A B\n"),
               Outcome(kCtlUsage, "", "quorctl: standard input: line 2: item outside a segment\n"));

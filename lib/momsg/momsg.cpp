@@ -27,6 +27,7 @@ struct MsgState {
   nl_catd catalogue = reinterpret_cast<nl_catd>(-1);
   bool syslog_open = false;
   std::string program = "quordaemon";
+  MoLogSink sink;  // set: logged messages go here instead
 };
 
 MsgState& state() {
@@ -158,7 +159,9 @@ std::string one_line(std::string_view text) {
   return out;
 }
 
-std::string tag(std::uint32_t identifier) {
+}  // namespace
+
+std::string mo_tag(std::uint32_t identifier) {
   char buf[16];
   std::snprintf(buf, sizeof buf, "QUOR%04u%c", mo_number(identifier),
                 severity_letter(mo_severity(identifier)));
@@ -222,7 +225,7 @@ std::string mo_log_line(std::uint32_t identifier, std::string_view text, long lo
   char when[32];
   std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return std::string(when) + " " + state().program + "[" + std::to_string(pid) +
-         "]: " + tag(identifier) + " " + one_line(text);
+         "]: " + mo_tag(identifier) + " " + one_line(text);
 }
 
 std::string MOmsgf(int /*version*/, int /*line*/, std::string_view /*source*/,
@@ -232,6 +235,12 @@ std::string MOmsgf(int /*version*/, int /*line*/, std::string_view /*source*/,
   std::vector<std::string_view> used(values.begin(),
                                      values.begin() + std::min(count, values.size()));
   std::string text = substitute(lookup(static_cast<int>(mo_number(identifier))), used);
+  // A sink (a tool showing what the daemon's code raises) gets every line;
+  // the log gets repeated ones within limits.
+  if ((flags & MO_LOG) != 0 && state().sink) {
+    state().sink(identifier, one_line(text));
+    flags &= ~MO_LOG;
+  }
   if ((flags & (MO_LOG | MO_STDOUT)) != 0 && admit(mo_number(identifier), flags)) write_line(identifier, text, flags);
   return text;
 }
@@ -254,7 +263,7 @@ void write_line(std::uint32_t identifier, const std::string& text, unsigned flag
                                  static_cast<int>(getpid()));
   if (flags & MO_LOG) {
     append_to_log(line);
-    send_to_syslog(mo_severity(identifier), tag(identifier) + " " + one_line(text));
+    send_to_syslog(mo_severity(identifier), mo_tag(identifier) + " " + one_line(text));
   }
   if (flags & MO_STDOUT) {
     std::fputs((line + "\n").c_str(), stdout);
@@ -280,6 +289,8 @@ void mo_set_program(std::string_view name) {
     s.syslog_open = false;
   }
 }
+
+void mo_set_log_sink(MoLogSink sink) { state().sink = std::move(sink); }
 
 void mo_reset() {
   floods() = Floods{};

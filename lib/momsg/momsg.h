@@ -24,6 +24,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -66,6 +67,17 @@ void mo_set_program(std::string_view name);
 inline constexpr int kMoLogBurst = 20;
 inline constexpr int kMoLogWindow = 60;
 void mo_flush_left_out(bool force);
+
+// Where logged messages (MO_LOG) go instead of the message log and syslog:
+// the sink gets each message's identifier and its text as one line. A tool
+// that runs the daemon's own code (quorctl check-config) shows the messages
+// that code raises this way, without writing to the daemon's log. An empty
+// sink restores the log.
+using MoLogSink = std::function<void(std::uint32_t identifier, std::string_view text)>;
+void mo_set_log_sink(MoLogSink sink);
+
+// "QUOR0110E": the tag of a message as log lines show it.
+std::string mo_tag(std::uint32_t identifier);
 
 // Forget the opened catalogue, cached settings and counts of repeated
 // messages (for tests that change MOXGLBL0000 or NLSPATH).

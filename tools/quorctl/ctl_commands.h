@@ -65,6 +65,13 @@ CtlOutcome ctl_logoff(const CtlTarget& target, bool json, const std::function<vo
 CtlOutcome ctl_util(const CtlTarget& target, const std::vector<std::string>& commands, bool json,
                     const std::function<void()>& waiting = {});
 
+// check-config [PATH]: reads the configuration (PATH, else the
+// installation's) and its maps as a load would, without a daemon. `out`
+// holds every message the load would log ("QUOR0125E Line 3: ..."), then a
+// verdict line when it would load; a load that would fail is
+// kCtlDaemonError, with the reason in `error`.
+CtlOutcome ctl_check_config(const std::optional<std::string>& path);
+
 enum class CtlRender { Human, Json, Text };
 
 // decode: the buffer in `bytes`, in the given form.

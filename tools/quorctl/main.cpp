@@ -27,6 +27,7 @@ constexpr const char* kUsage =
     "commands:\n"
     "  status [--full]                 the daemon's brief (or full) status report\n"
     "  refresh [PATH]                  re-read the configuration (the default file, or PATH)\n"
+    "  check-config [PATH]             check a configuration and its maps as the daemon reads them\n"
     "  cleanup                         sweep finished and overdue agents now\n"
     "  terminate                       stop the daemon, leaving agents running\n"
     "  killall                         stop every agent, then the daemon\n"
@@ -73,6 +74,15 @@ constexpr CommandHelp kHelp[] = {
      "Makes the daemon re-read its configuration: the default file, or PATH.\n"
      "Prints 'RC n: message' (JSON: {\"rc\",\"message\"}); exits 3 when the return\n"
      "code is not 0.\n"},
+    {"check-config",
+     "usage: quorctl check-config [PATH]\n"
+     "Reads the configuration file (PATH, else $MOXGLBL0000/quor/etc/quor.config)\n"
+     "and the object and language maps it names with the daemon's own code, as\n"
+     "a start or a refresh would, without asking the daemon. Prints every\n"
+     "message the daemon would log (each bad line with its file and line\n"
+     "number), then whether the daemon would load it. Exits 3 when the daemon\n"
+     "would refuse it, 2 when MOXGLBL0000 is not set. Run it as root: the\n"
+     "daemon reads the files as root.\n"},
     {"cleanup",
      "usage: quorctl cleanup\n"
      "Asks the daemon to sweep finished and overdue agents. The daemon sends no\n"
@@ -501,6 +511,13 @@ int main(int argc, char** argv) {
     return finish(ctl_status(o.target, has_flag(o, "--full"), o.json));
   }
   if (!only_flags(o, {}, error)) return usage_error(error);
+  if (o.command == "check-config") {
+    if (o.args.size() > 1) return usage_error("check-config takes at most one PATH");
+    if (o.json) return usage_error("check-config has no JSON form");
+    std::optional<std::string> path;
+    if (!o.args.empty()) path = o.args[0];
+    return finish(ctl_check_config(path));
+  }
   if (o.command == "refresh") {
     if (o.args.size() > 1) return usage_error("refresh takes at most one PATH");
     std::optional<std::string> path;
