@@ -2,6 +2,8 @@
 // built requests read back by the daemon's own conversions.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <fstream>
 
 #include "core_util.h"
@@ -11,6 +13,7 @@
 #include "quorlsfl.h"
 #include "quorpnfn.h"
 #include "quorsmc.h"
+#include "momsg.h"
 
 using testutil::TempDir;
 using testutil::read_file;
@@ -81,6 +84,44 @@ TEST_F(CtlFiles, BuiltTableRequestsReadBack) {
   ASSERT_TRUE(quor_hdr_read(built.buffers[0], hdr));
   EXPECT_EQ(hdr.object.value_or(""), "PROBE");
   EXPECT_EQ(hdr.filename.value_or(""), "Y");
+}
+
+// The buffers of a table request, byte for byte: a CSV with quoting, CRLF,
+// line breaks in values, empty and 259-byte values, cut into whole rows per
+// buffer. The transaction header (this process's pid, node and user) is
+// padded to a fixed length, then left out of the digest, so the digest is
+// the same on every machine.
+TEST_F(CtlFiles, TableRequestBytesAreStable) {
+  std::size_t varying = std::to_string(static_cast<long>(getpid())).size() + std::string(mo_nodename()).size() +
+                        std::to_string(static_cast<long>(getgid())).size();
+  testutil::EnvGuard user("MOX_QUORUSER", std::string(90 - varying, 'u'));
+  std::string csv = "id,name,note,amount\r\n";
+  for (int i = 0; i < 20000; ++i) {
+    std::string note = i % 7 == 0 ? "\"said \"\"hi\"\", twice\"" : i % 11 == 0 ? "\"two\nlines\"" : "";
+    if (i % 97 == 0) note = std::string(259, static_cast<char>('a' + i % 26));
+    csv += std::to_string(i * 7919 % 100003) + ",\"Smith, " + std::string(static_cast<std::size_t>(i % 13), 'j') +
+           "\"," + note + "," + std::to_string(i % 1000) + "." + std::to_string(i % 100) + (i % 5 ? "\n" : "\r\n");
+  }
+  write("t.csv", csv);
+  CtlBuild spec;
+  spec.object = "PROBE";
+  spec.command = "LIST";
+  spec.date_format = "DD.MM.YYYY";
+  spec.selections = {{"NAME", "=", "a b"}};
+  spec.data = CtlBuild::Data::Table;
+  spec.source = path("t.csv");
+  CtlBuilt built = ctl_build_transaction(spec);
+  ASSERT_EQ(built.error, "");
+  std::uint64_t digest = 14695981039346656037ull;
+  for (const std::vector<char>& b : built.buffers) {
+    std::optional<std::size_t> after_header = buf_read_segment(b, kTranTag, {}, {});
+    ASSERT_TRUE(after_header);
+    ASSERT_EQ(*after_header, 164u) << "the header is padded to a fixed length";
+    for (std::size_t i = 0; i < b.size(); ++i)
+      if (i < 6 || i >= *after_header) digest = (digest ^ static_cast<unsigned char>(b[i])) * 1099511628211ull;
+  }
+  EXPECT_EQ(built.buffers.size(), 21u);
+  EXPECT_EQ(digest, 17730304981397973367ull);
 }
 
 // A calendar file printed, and built into a request whose segment writes
