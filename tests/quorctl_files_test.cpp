@@ -20,6 +20,11 @@ using testutil::read_file;
 
 namespace {
 
+CtlOutcome csv_to_table(std::string_view csv, const std::string& table) {
+  CtlCsvReader reader(csv);
+  return ctl_csv_to_table(reader, table, false);
+}
+
 class CtlFiles : public ::testing::Test {
  protected:
   std::string path(const char* name) const { return (dir_.path() / name).string(); }
@@ -31,15 +36,15 @@ class CtlFiles : public ::testing::Test {
 // (which the table format drops).
 TEST_F(CtlFiles, CsvAndTableFiles) {
   const std::string csv = "id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ";
-  EXPECT_EQ(ctl_csv_to_table(csv, path("t"), false).status, kCtlOk);
+  EXPECT_EQ(csv_to_table(csv, path("t")).status, kCtlOk);
   CtlOutcome back = ctl_table_to_csv(path("t"));
   EXPECT_EQ(back.status, kCtlOk) << back.error;
   EXPECT_EQ(back.out, "id,name,note\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,\"\",\"two\nlines\"\n3,x,\" y\"\n");
 
-  EXPECT_EQ(ctl_csv_to_table("a,b\n1\n", path("t"), false).error, "CSV row 2 has 1 values, the first has 2");
-  EXPECT_EQ(ctl_csv_parse("a,\"b\nc").error, "line 1: a double quote is never closed");
-  EXPECT_EQ(ctl_csv_parse("a,\"b\"c\n").error, "line 1: text after a closing double quote");
-  EXPECT_EQ(ctl_csv_to_table(std::string(260, 'v'), path("t"), false).status, kCtlUsage);
+  EXPECT_EQ(csv_to_table("a,b\n1\n", path("t")).error, "CSV row 2 has 1 values, the first has 2");
+  EXPECT_EQ(csv_to_table("a,\"b\nc", path("t")).error, "CSV line 1: a double quote is never closed");
+  EXPECT_EQ(csv_to_table("a\nb\"c\"\n\"b\"c\n", path("t")).error, "CSV line 3: text after a closing double quote");
+  EXPECT_EQ(csv_to_table(std::string(260, 'v'), path("t")).status, kCtlUsage);
   EXPECT_EQ(ctl_table_to_csv(path("none")).status, kCtlFailed);
   write("damaged", std::string("\x05\x00\x01\x00", 4));
   EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");

@@ -91,18 +91,26 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
                                              target.timeout_ms, expect_reply));
 }
 
-CtlExchange ctl_transaction(const CtlTarget& target, std::vector<std::vector<char>> buffers,
-                            const std::function<void()>& waiting) {
-  TevClient client;
-  if (!client.ok())
-    return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
-                                             client.feedback().FB_ErrorText);
-  for (std::vector<char>& plain : buffers) {
-    if (quor_wire_seal(plain, plain.size()) != 0) return failure(CtlFailure::Request, "a request buffer is too long");
-    TevCallResult sent =
-        client.call(target.server, std::vector<std::uint8_t>(plain.begin(), plain.end()), 0, false);
-    if (sent.rc != 0) return exchange_result(target, sent);
+CtlTransaction::CtlTransaction(const CtlTarget& target) : target_(target) {
+  if (!client_.ok())
+    failure_ = ::failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
+                                                 client_.feedback().FB_ErrorText);
+}
+
+bool CtlTransaction::send(std::span<char> plain) {
+  if (!failure_.ok()) return false;
+  if (quor_wire_seal(plain, plain.size()) != 0) {
+    failure_ = ::failure(CtlFailure::Request, "a request buffer is too long");
+    return false;
   }
+  wire_.assign(plain.begin(), plain.end());
+  TevCallResult sent = client_.call(target_.server, wire_, 0, false);
+  if (sent.rc != 0) failure_ = exchange_result(target_, sent);
+  return failure_.ok();
+}
+
+CtlExchange CtlTransaction::answer(const std::function<void()>& waiting) {
+  if (!failure_.ok()) return failure_;
   if (waiting) waiting();
-  return exchange_result(target, client.wait_reply(target.timeout_ms));
+  return exchange_result(target_, client_.wait_reply(target_.timeout_ms));
 }
