@@ -29,17 +29,68 @@ std::string_view column_text(const ColumnBuffer& column) {
   return std::string_view(column.data(), strnlen(column.data(), column.size()));
 }
 
-// buf_string, quicker for the short values tables are mostly made of: the
-// first 16 bytes are searched for the NUL in one step.
-std::optional<std::string_view> short_string(InBuf buf, std::size_t at) {
-#if defined(__SSE2__)
-  if (at + 16 <= buf.size()) {
-    __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(buf.data() + at));
-    int nuls = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128()));
-    if (nuls != 0) return std::string_view(buf.data() + at, static_cast<std::size_t>(__builtin_ctz(static_cast<unsigned>(nuls))));
+constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+// The NULs of a buffer in order, found 64 bytes at a time: each ends an
+// item, so walking them walks the items.
+class NulScanner {
+ public:
+  NulScanner(InBuf buf, std::size_t from) : buf_(buf), base_(from), bits_(block(from)) {}
+
+  // The next NUL, kNone when the buffer has no more.
+  std::size_t next() {
+    while (bits_ == 0) {
+      base_ += 64;
+      if (base_ >= buf_.size()) return kNone;
+      bits_ = block(base_);
+    }
+    std::size_t at = base_ + static_cast<std::size_t>(__builtin_ctzll(bits_));
+    bits_ &= bits_ - 1;
+    return at;
   }
+
+ private:
+  std::uint64_t block(std::size_t at) const {
+    if (at >= buf_.size()) return 0;
+    const char* p = buf_.data() + at;
+    std::size_t n = std::min<std::size_t>(64, buf_.size() - at);
+    std::uint64_t bits = 0;
+#if defined(__SSE2__)
+    if (n == 64) {
+      const __m128i zero = _mm_setzero_si128();
+      for (int i = 0; i < 4; ++i) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * i));
+        bits |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero))))
+                << (16 * i);
+      }
+      return bits;
+    }
 #endif
-  return buf_string(buf, at);
+    for (std::size_t i = 0; i < n; ++i)
+      if (p[i] == '\0') bits |= std::uint64_t{1} << i;
+    return bits;
+  }
+
+  InBuf buf_;
+  std::size_t base_;
+  std::uint64_t bits_;
+};
+
+void put_word(char* at, std::size_t word) {
+  auto w = static_cast<std::uint16_t>(word);
+  std::memcpy(at, &w, sizeof w);
+}
+
+// Up to `count` items from `at` into `row`, each cut to a column's length;
+// stops at the end of the segment or of the buffer. The number taken.
+std::size_t take_items(InBuf buf, std::size_t at, std::size_t count, std::span<std::string_view> row) {
+  std::size_t c = 0;
+  for (std::optional<std::string_view> item; c < count && (item = buf_string(buf, at)) && *item != kEndOfSegment;
+       ++c) {
+    row[c] = item->substr(0, kMaxFieldLength);
+    at += item->size() + 1;
+  }
+  return c;
 }
 
 int write_failed(FileTransfer& transfer) {
@@ -83,38 +134,95 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
     return rc;
   }
   std::size_t at = *first + count_text->size() + 1;
-  auto next_item = [&] { return short_string(buf, at); };
-  auto is_value = [](const std::optional<std::string_view>& item) { return item && *item != kEndOfSegment; };
   const auto columns = static_cast<std::size_t>(transfer.column_count);
-  // The row being built: values in the request buffer, or, for columns a
-  // short row leaves out, the previous row's (kept in the column buffers
-  // across buffers). The buffer's records are written with one call.
-  std::vector<std::string_view> row(columns);
-  for (std::size_t c = 0; c < columns; ++c) row[c] = column_text(transfer.columns[c]);
-  thread_local std::vector<char> records;  // grows to the largest buffer's need
-  std::size_t used = 0;
+  // The buffer's records, written with one call. Each item becomes a length
+  // word and its bytes, at most 3 bytes for every byte it took in the
+  // request; a record adds its two length words (4 bytes for an item of 1
+  // column); a short last row adds at most one record of 65537 bytes.
+  thread_local std::vector<char> records;
+  std::size_t bound = 7 * buf.size() + UINT16_MAX + 2 + 64;
+  if (records.size() < bound) records.resize(bound);
+  char* const start = records.data();
+  char* o = start;
+  // The values of the last row, for the column buffers, which carry them
+  // into a short row of the next buffer.
+  thread_local std::vector<std::string_view> row;
+  row.resize(columns);
+  bool row_known = false;
+  std::size_t last_row = kNone;  // where the last whole row's items begin
+
+  NulScanner nuls(buf, at);
+  const char* const data = buf.data();
+  bool ran_off = false;  // an item does not end inside the buffer
   transfer.count = 0;
-  for (std::optional<std::string_view> item = next_item(); is_value(item); item = next_item()) {
-    for (std::size_t c = 0; c < columns && is_value(item); ++c) {
-      row[c] = item->substr(0, kMaxFieldLength);  // longer values are cut
-      at += item->size() + 1;
-      if (c + 1 < columns) item = next_item();
+  for (;;) {
+    const std::size_t row_at = at;
+    char* record = o;
+    o += 2;
+    std::size_t c = 0;
+    for (; c < columns; ++c) {
+      std::size_t end = nuls.next();
+      if (end == kNone) {
+        ran_off = true;
+        break;
+      }
+      std::size_t length = end - at;
+      if (length == kEndOfSegment.size() && std::memcmp(data + at, kEndOfSegment.data(), length) == 0) break;
+      std::size_t n = std::min(length, kMaxFieldLength);
+      if (n == 0) {  // an empty value is stored as one NUL byte
+        put_word(o, 1);
+        o[2] = '\0';
+        o += 3;
+      } else {
+        put_word(o, n);
+        if (n <= 16 && at + 16 <= buf.size())
+          std::memcpy(o + 2, data + at, 16);  // most values are short: one fixed-size copy
+        else
+          std::memcpy(o + 2, data + at, n);
+        o += 2 + n;
+      }
+      at = end + 1;
     }
-    std::size_t size = rdw_record_size(row);
-    if (size == 0) return write_failed(transfer);
-    if (used + size > records.size()) records.resize(std::max(2 * records.size(), used + size));
-    rdw_encode_record(records.data() + used, row);
-    used += size;
+    if (c == 0) {  // the segment (or the buffer) ended between rows
+      o = record;
+      break;
+    }
+    if (c < columns) {
+      // A short last row keeps, in the columns it lacks, the values of the
+      // row before it: in this buffer, or carried in the column buffers.
+      if (last_row != kNone) {
+        take_items(buf, last_row, columns, row);
+      } else {
+        for (std::size_t k = 0; k < columns; ++k) row[k] = column_text(transfer.columns[k]);
+      }
+      take_items(buf, row_at, c, row);
+      row_known = true;
+      std::size_t size = rdw_record_size(row);
+      if (size == 0) return write_failed(transfer);
+      rdw_encode_record(record, row);
+      o = record + size;
+      ++transfer.count;
+      break;
+    }
+    std::size_t length = static_cast<std::size_t>(o - record);
+    if (length > UINT16_MAX) return write_failed(transfer);  // longer than its length word can say
+    put_word(record, length);
+    put_word(o, length);
+    o += 2;
+    last_row = row_at;
     ++transfer.count;
   }
-  for (std::size_t c = 0; c < columns; ++c) {
-    std::string_view value = row[c];
-    std::memmove(transfer.columns[c].data(), value.data(), value.size());
-    transfer.columns[c][value.size()] = '\0';
+  if (!row_known && last_row != kNone) take_items(buf, last_row, columns, row);
+  if (row_known || last_row != kNone) {
+    for (std::size_t c = 0; c < columns; ++c) {
+      std::string_view value = row[c];
+      std::memmove(transfer.columns[c].data(), value.data(), value.size());
+      transfer.columns[c][value.size()] = '\0';
+    }
   }
-  if (std::fwrite(records.data(), 1, used, transfer.stream.get()) != used)
-    return write_failed(transfer);
-  if (!buf_string(buf, at)) {  // the segment never ended inside the buffer
+  const auto used = static_cast<std::size_t>(o - start);
+  if (std::fwrite(start, 1, used, transfer.stream.get()) != used) return write_failed(transfer);
+  if (ran_off) {  // the segment never ended inside the buffer
     transfer.reset();
     return 3;
   }

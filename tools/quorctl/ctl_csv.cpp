@@ -83,11 +83,14 @@ CtlCsvReader::Step CtlCsvReader::fail(std::size_t line, const char* why) {
   return Step::Failed;
 }
 
-void CtlCsvReader::end_field(std::size_t end) {
-  if (state_ == State::AfterQuote)
-    fields_.emplace_back(field_start_ + 1 - row_start_, quote_write_ - row_start_);
-  else
-    fields_.emplace_back(field_start_ - row_start_, end - row_start_);
+inline void CtlCsvReader::end_field(std::size_t end) {
+  if (field_count_ == fields_.size()) fields_.resize(std::max<std::size_t>(64, 2 * fields_.size()));
+  std::size_t begin = field_start_;
+  if (state_ == State::AfterQuote) {
+    ++begin;
+    end = quote_write_;
+  }
+  fields_[field_count_++] = {static_cast<std::uint32_t>(begin - row_start_), static_cast<std::uint32_t>(end - row_start_)};
 }
 
 // Goes through the bytes held from scan_ on, a byte that means something at
@@ -194,7 +197,7 @@ bool CtlCsvReader::refill() {
 
 bool CtlCsvReader::next(Row& row) {
   if (!error_.empty()) return false;
-  fields_.clear();
+  field_count_ = 0;
   has_nul_ = false;
   row_line_ = line_;
   state_ = State::Unquoted;
@@ -216,15 +219,15 @@ bool CtlCsvReader::next(Row& row) {
       fail(line_, "text after a closing double quote");
       return false;
     }
-    if (fields_.empty() && state_ == State::Unquoted && data_end_ == field_start_) return false;
+    if (field_count_ == 0 && state_ == State::Unquoted && data_end_ == field_start_) return false;
     end_field(data_end_);
     scan_ = data_end_;
     break;
   }
-  values_.resize(fields_.size());
+  values_.resize(field_count_);
   const char* start = buf_.get() + row_start_;
-  for (std::size_t i = 0; i < fields_.size(); ++i)
-    values_[i] = std::string_view(start + fields_[i].first, fields_[i].second - fields_[i].first);
+  for (std::size_t i = 0; i < field_count_; ++i)
+    values_[i] = std::string_view(start + fields_[i].begin, fields_[i].end - fields_[i].begin);
   row.values = values_;
   row.number = ++rows_;
   row.has_nul = has_nul_;

@@ -7,12 +7,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 class CtlCsvReader {
@@ -73,7 +73,11 @@ class CtlCsvReader {
   std::size_t quote_close_ = 0;  // the closing quote
   State state_ = State::Unquoted;
   bool has_nul_ = false;
-  std::vector<std::pair<std::size_t, std::size_t>> fields_;  // begin, end, from row_start_
+  struct Field {
+    std::uint32_t begin, end;  // from row_start_
+  };
+  std::vector<Field> fields_;  // the first field_count_ are the row's so far
+  std::size_t field_count_ = 0;
   std::vector<std::string_view> values_;
 
   std::size_t line_ = 1;      // line of the next byte

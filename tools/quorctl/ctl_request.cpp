@@ -103,8 +103,13 @@ bool CtlTransaction::send(std::span<char> plain) {
     failure_ = ::failure(CtlFailure::Request, "a request buffer is too long");
     return false;
   }
-  wire_.assign(plain.begin(), plain.end());
-  TevCallResult sent = client_.call(target_.server, wire_, 0, false);
+  // Sent from where it was built: no reply is awaited here, so the
+  // conversation id only has to be one of this registration's.
+  TevIdentity remote;
+  remote.set_system_id(tev_node_name());
+  remote.set_app_name(target_.server);
+  TevCallResult sent;
+  sent.rc = TevSend(sent.fb, client_.identity(), remote, plain.data(), plain.size(), kTevModeNormal, 1);
   if (sent.rc != 0) failure_ = exchange_result(target_, sent);
   return failure_.ok();
 }

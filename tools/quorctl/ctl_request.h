@@ -77,5 +77,4 @@ class CtlTransaction {
   CtlTarget target_;
   TevClient client_;
   CtlExchange failure_;
-  std::vector<std::uint8_t> wire_;  // the buffer being sent
 };
