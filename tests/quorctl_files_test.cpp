@@ -45,6 +45,7 @@ TEST_F(CtlFiles, CsvAndTableFiles) {
   EXPECT_EQ(csv_to_table("a,\"b\nc", path("t")).error, "CSV line 1: a double quote is never closed");
   EXPECT_EQ(csv_to_table("a\nb\"c\"\n\"b\"c\n", path("t")).error, "CSV line 3: text after a closing double quote");
   EXPECT_EQ(csv_to_table(std::string(260, 'v'), path("t")).status, kCtlUsage);
+  EXPECT_EQ(ctl_table_to_csv(path("t")).out, back.out) << "a failed conversion left the table as it was";
   EXPECT_EQ(ctl_table_to_csv(path("none")).status, kCtlFailed);
   write("damaged", std::string("\x05\x00\x01\x00", 4));
   EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");
