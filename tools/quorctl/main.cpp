@@ -143,7 +143,9 @@ constexpr CommandHelp kHelp[] = {
     {"csv-to-table",
      "usage: quorctl csv-to-table CSV TABLE\n"
      "Writes the rows of the CSV file ('-': standard input) as the table file\n"
-     "TABLE. Every row needs the same number of values, each at most 259 bytes.\n"},
+     "TABLE. Every row needs the same number of values, each at most 259 bytes.\n"
+     "The CSV is read a piece at a time; TABLE is replaced only once it is\n"
+     "complete, so a conversion that fails leaves it as it was.\n"},
     {"calendar",
      "usage: quorctl calendar FILE\n"
      "Prints the header fields of the calendar file FILE (PI, CU, UU, DS, RL,\n"
