@@ -5,11 +5,13 @@
 // (buffer_to_RDW), against fwrite of the finished file's bytes in chunks of
 // the same size. Download: the table file turned back into "ZZZRDW" items
 // (RDWto_buffer into one large buffer, so the transport is not measured),
-// against fread of the same file. Both sides stay in the page cache; neither
-// is synced. Figures are the best of five runs.
+// against fread of the same file into memory of its size, in pieces of a
+// request buffer's size (and into a string, as before). Both sides stay in the page cache; neither
+// is synced. Figures are the best of seven runs, taken in turn.
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -51,12 +53,21 @@ std::vector<std::vector<char>> requests(int rows) {
 }
 
 template <class F>
-double best_seconds(F run) {
-  double best = 1e30;
-  for (int i = 0; i < 5; ++i) {
-    auto start = Clock::now();
-    run();
-    best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
+double seconds(F run) {
+  auto start = Clock::now();
+  run();
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The best of seven runs of each, taken in turn, so that both see the
+// same machine even when its load changes.
+template <class... F>
+std::array<double, sizeof...(F)> best_in_turn(F... runs) {
+  std::array<double, sizeof...(F)> best;
+  best.fill(1e30);
+  for (int i = 0; i < 7; ++i) {
+    std::size_t k = 0;
+    ((best[k] = std::min(best[k], seconds(runs)), ++k), ...);
   }
   return best;
 }
@@ -69,9 +80,9 @@ std::string slurp(const std::string& path) {
   return bytes;
 }
 
-void report(const char* what, int rows, double bytes, double seconds, double plain_seconds) {
-  std::printf("%-10s %10.0f rows/s %8.1f MB/s   plain %8.1f MB/s   ratio %.2f (goal >= 0.5)\n", what,
-              rows / seconds, bytes / seconds / 1e6, bytes / plain_seconds / 1e6, plain_seconds / seconds);
+void report(const char* what, int rows, double bytes, double seconds, double plain_seconds, double goal) {
+  std::printf("%-10s %10.0f rows/s %8.1f MB/s   plain %8.1f MB/s   ratio %.2f (goal >= %.1f)\n", what,
+              rows / seconds, bytes / seconds / 1e6, bytes / plain_seconds / 1e6, plain_seconds / seconds, goal);
 }
 
 }  // namespace
@@ -82,14 +93,15 @@ int main(int argc, char** argv) {
   std::string table = quor_temp_dir() + "/table_bench." + std::to_string(getpid());
   std::string plain = table + ".plain";
 
-  double upload = best_seconds([&] {
+  auto upload_run = [&] {
     FileTransfer t;
     t.path = table;
     for (const auto& b : buffers)
       if (buffer_to_RDW(t, b) != 0) std::abort();
-  });
+  };
+  upload_run();
   std::string bytes = slurp(table);
-  double plain_write = best_seconds([&] {
+  auto [upload, plain_write] = best_in_turn(upload_run, [&] {
     FilePtr f(std::fopen(plain.c_str(), "wb"));
     for (std::size_t at = 0; at < bytes.size(); at += BUFFER_MAX)
       std::fwrite(bytes.data() + at, 1, std::min(BUFFER_MAX, bytes.size() - at), f.get());
@@ -98,21 +110,37 @@ int main(int argc, char** argv) {
   std::vector<char> reply(bytes.size() * 2 + BUFFER_MAX);
   ConnRecord unused;  // the reply buffer is large enough never to be sent
   std::size_t reply_bytes = 0;
-  double download = best_seconds([&] {
-    OutBuf out(reply);
-    std::size_t pos = RDWto_buffer(table, out, reply.size(), unused);
-    if (pos <= 8) std::abort();
-    reply_bytes = pos;
-  });
-  double plain_read = best_seconds([&] {
-    std::string again = slurp(plain);
-    if (again.size() != bytes.size()) std::abort();
-  });
+  // The download is measured against a read into memory that is already
+  // there, as the reply buffer is; and against a read into new memory, as a
+  // program reading a file into a string does (where taking fresh pages is
+  // slow, as in some virtual machines, that mostly times the taking).
+  std::vector<char> again(bytes.size() + BUFFER_MAX);
+  auto [download, plain_read, plain_read_new] = best_in_turn(
+      [&] {
+        OutBuf out(reply);
+        std::size_t pos = RDWto_buffer(table, out, reply.size(), unused);
+        if (pos <= 8) std::abort();
+        reply_bytes = pos;
+      },
+      [&] {
+        FilePtr f(std::fopen(plain.c_str(), "rb"));
+        std::size_t got = 0;
+        for (std::size_t n;
+             (n = std::fread(again.data() + got, 1, std::min<std::size_t>(BUFFER_MAX, again.size() - got), f.get())) > 0;)
+          got += n;
+        if (got != bytes.size()) std::abort();
+      },
+      [&] {
+        std::string copy = slurp(plain);
+        if (copy.size() != bytes.size()) std::abort();
+      });
 
   std::printf("table of %d rows, 4 columns: %zu request buffers, file %zu bytes, reply %zu bytes\n", rows,
               buffers.size(), bytes.size(), reply_bytes);
-  report("upload", rows, static_cast<double>(bytes.size()), upload, plain_write);
-  report("download", rows, static_cast<double>(bytes.size()), download, plain_read);
+  report("upload", rows, static_cast<double>(bytes.size()), upload, plain_write, 0.7);
+  report("download", rows, static_cast<double>(bytes.size()), download, plain_read, 0.9);
+  std::printf("download against a read into new memory: plain %.1f MB/s, ratio %.2f\n",
+              static_cast<double>(bytes.size()) / plain_read_new / 1e6, plain_read_new / download);
   std::remove(table.c_str());
   std::remove(plain.c_str());
   return 0;

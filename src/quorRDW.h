@@ -65,5 +65,7 @@ int init_buf_toRDW(FileTransfer& transfer, std::string_view count_text);
 // buffers on as partial replies. Returns the new write position; or a
 // status of 8 or less: 0 the file holds no records (the segment with the
 // count 0 is written), 1 no memory, 2 a partial send failed, 5 the first
-// record is damaged, 7 the file cannot be opened.
-std::size_t RDWto_buffer(const std::string& path, OutBuf& out, std::size_t capacity, ConnRecord& conn);
+// record is damaged, 7 the file cannot be opened. The file is read `piece`
+// bytes at a time.
+std::size_t RDWto_buffer(const std::string& path, OutBuf& out, std::size_t capacity, ConnRecord& conn,
+                         std::size_t piece = std::size_t{1} << 17);

@@ -116,7 +116,8 @@ TEST_F(Commands, RequestsWithoutALoginOrATransactionAreRefused) {
 
 // An object missing from the map, a program that cannot be executed, or a
 // damaged table is refused with an error reply and starts nothing; the
-// transaction's segment and data file go with it.
+// transaction's segment and data file go with it. So does a table whose CSV
+// turns out wrong after buffers of it went out: quorctl withdraws it.
 TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
   REQUIRE_ROOT();
   if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
@@ -141,6 +142,13 @@ TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
     EXPECT_EQ(error_text(client.call(kServerName, std::vector<std::uint8_t>(damaged.begin(), damaged.end()), 5000)),
               "1 The request failed on the host. See the host's message log for details.");
   }
+  std::string rows;
+  for (int i = 0; i < 5000; ++i) rows += std::to_string(i) + ",row " + std::to_string(i) + "\n";
+  std::ofstream(csv_path) << rows << "last\n";
+  spec.object = "PROBE";
+  CtlOutcome withdrawn = ctl_agent_request(CtlTarget{}, spec, false);
+  EXPECT_EQ(withdrawn.status, kCtlUsage);
+  EXPECT_EQ(withdrawn.error, csv_path + ": row 5001 has another number of values (the request was withdrawn)");
   EXPECT_NE(daemon_->log().find("QUOR0115E Object NOSUCH is not in the object map."), std::string::npos)
       << daemon_->log();
   EXPECT_NE(daemon_->log().find("QUOR0121E"), std::string::npos);

@@ -2,6 +2,8 @@
 // built requests read back by the daemon's own conversions.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <fstream>
 
 #include "core_util.h"
@@ -11,11 +13,17 @@
 #include "quorlsfl.h"
 #include "quorpnfn.h"
 #include "quorsmc.h"
+#include "momsg.h"
 
 using testutil::TempDir;
 using testutil::read_file;
 
 namespace {
+
+CtlOutcome csv_to_table(std::string_view csv, const std::string& table) {
+  CtlCsvReader reader(csv);
+  return ctl_csv_to_table(reader, table, false);
+}
 
 class CtlFiles : public ::testing::Test {
  protected:
@@ -28,15 +36,16 @@ class CtlFiles : public ::testing::Test {
 // (which the table format drops).
 TEST_F(CtlFiles, CsvAndTableFiles) {
   const std::string csv = "id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ";
-  EXPECT_EQ(ctl_csv_to_table(csv, path("t"), false).status, kCtlOk);
+  EXPECT_EQ(csv_to_table(csv, path("t")).status, kCtlOk);
   CtlOutcome back = ctl_table_to_csv(path("t"));
   EXPECT_EQ(back.status, kCtlOk) << back.error;
   EXPECT_EQ(back.out, "id,name,note\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,\"\",\"two\nlines\"\n3,x,\" y\"\n");
 
-  EXPECT_EQ(ctl_csv_to_table("a,b\n1\n", path("t"), false).error, "CSV row 2 has 1 values, the first has 2");
-  EXPECT_EQ(ctl_csv_parse("a,\"b\nc").error, "line 1: a double quote is never closed");
-  EXPECT_EQ(ctl_csv_parse("a,\"b\"c\n").error, "line 1: text after a closing double quote");
-  EXPECT_EQ(ctl_csv_to_table(std::string(260, 'v'), path("t"), false).status, kCtlUsage);
+  EXPECT_EQ(csv_to_table("a,b\n1\n", path("t")).error, "CSV row 2 has 1 values, the first has 2");
+  EXPECT_EQ(csv_to_table("a,\"b\nc", path("t")).error, "CSV line 1: a double quote is never closed");
+  EXPECT_EQ(csv_to_table("a\nb\"c\"\n\"b\"c\n", path("t")).error, "CSV line 3: text after a closing double quote");
+  EXPECT_EQ(csv_to_table(std::string(260, 'v'), path("t")).status, kCtlUsage);
+  EXPECT_EQ(ctl_table_to_csv(path("t")).out, back.out) << "a failed conversion left the table as it was";
   EXPECT_EQ(ctl_table_to_csv(path("none")).status, kCtlFailed);
   write("damaged", std::string("\x05\x00\x01\x00", 4));
   EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");
@@ -81,6 +90,44 @@ TEST_F(CtlFiles, BuiltTableRequestsReadBack) {
   ASSERT_TRUE(quor_hdr_read(built.buffers[0], hdr));
   EXPECT_EQ(hdr.object.value_or(""), "PROBE");
   EXPECT_EQ(hdr.filename.value_or(""), "Y");
+}
+
+// The buffers of a table request, byte for byte: a CSV with quoting, CRLF,
+// line breaks in values, empty and 259-byte values, cut into whole rows per
+// buffer. The transaction header (this process's pid, node and user) is
+// padded to a fixed length, then left out of the digest, so the digest is
+// the same on every machine.
+TEST_F(CtlFiles, TableRequestBytesAreStable) {
+  std::size_t varying = std::to_string(static_cast<long>(getpid())).size() + std::string(mo_nodename()).size() +
+                        std::to_string(static_cast<long>(getgid())).size();
+  testutil::EnvGuard user("MOX_QUORUSER", std::string(90 - varying, 'u'));
+  std::string csv = "id,name,note,amount\r\n";
+  for (int i = 0; i < 20000; ++i) {
+    std::string note = i % 7 == 0 ? "\"said \"\"hi\"\", twice\"" : i % 11 == 0 ? "\"two\nlines\"" : "";
+    if (i % 97 == 0) note = std::string(259, static_cast<char>('a' + i % 26));
+    csv += std::to_string(i * 7919 % 100003) + ",\"Smith, " + std::string(static_cast<std::size_t>(i % 13), 'j') +
+           "\"," + note + "," + std::to_string(i % 1000) + "." + std::to_string(i % 100) + (i % 5 ? "\n" : "\r\n");
+  }
+  write("t.csv", csv);
+  CtlBuild spec;
+  spec.object = "PROBE";
+  spec.command = "LIST";
+  spec.date_format = "DD.MM.YYYY";
+  spec.selections = {{"NAME", "=", "a b"}};
+  spec.data = CtlBuild::Data::Table;
+  spec.source = path("t.csv");
+  CtlBuilt built = ctl_build_transaction(spec);
+  ASSERT_EQ(built.error, "");
+  std::uint64_t digest = 14695981039346656037ull;
+  for (const std::vector<char>& b : built.buffers) {
+    std::optional<std::size_t> after_header = buf_read_segment(b, kTranTag, {}, {});
+    ASSERT_TRUE(after_header);
+    ASSERT_EQ(*after_header, 164u) << "the header is padded to a fixed length";
+    for (std::size_t i = 0; i < b.size(); ++i)
+      if (i < 6 || i >= *after_header) digest = (digest ^ static_cast<unsigned char>(b[i])) * 1099511628211ull;
+  }
+  EXPECT_EQ(built.buffers.size(), 21u);
+  EXPECT_EQ(digest, 17730304981397973367ull);
 }
 
 // A calendar file printed, and built into a request whose segment writes

@@ -168,6 +168,8 @@ std::string mo_tag(std::uint32_t identifier) {
   return buf;
 }
 
+namespace {
+
 // Repeated messages: how many lines each number wrote in its current
 // window, and how many it left out.
 struct Flood {

@@ -1,6 +1,8 @@
 #include "ctl_commands.h"
 
 #include <cstdint>
+#include <optional>
+#include <span>
 
 #include "ctl_files.h"
 #include "quortran.h"
@@ -226,9 +228,26 @@ CtlOutcome ctl_raw(const CtlTarget& target, std::vector<char> plain,
 
 CtlOutcome ctl_agent_request(const CtlTarget& target, const CtlBuild& spec, bool json,
                              const std::function<void()>& waiting) {
-  CtlBuilt built = ctl_build_transaction(spec);
-  if (!built.error.empty()) return failed(kCtlUsage, built.error);
-  CtlExchange ex = ctl_transaction(target, std::move(built.buffers), waiting);
+  // Each buffer goes out as soon as it is built; the transport is only
+  // contacted once the first one is.
+  std::optional<CtlTransaction> transaction;
+  CtlBuildResult built = ctl_build_stream(spec, [&](std::span<char> plain) {
+    if (!transaction) transaction.emplace(target);
+    return transaction->send(plain);
+  });
+  if (transaction && !transaction->failure().ok())
+    return failed(status_of(transaction->failure().failure), transaction->failure().error);
+  if (!built.error.empty()) {
+    if (built.delivered == 0) return failed(kCtlUsage, built.error);
+    // The daemon holds part of the table: the transaction is cancelled, and
+    // its refusal awaited, so that no agent starts on it.
+    std::vector<char> cancel = ctl_cancel_request(spec);
+    bool cancelled = transaction->send(cancel) && !transaction->answer().replies.empty();
+    return failed(kCtlUsage, built.error + (cancelled ? " (the request was withdrawn)"
+                                                      : " (the request could not be withdrawn)"));
+  }
+  if (!transaction) return failed(kCtlFailed, "the request has no buffer to send");
+  CtlExchange ex = transaction->answer(waiting);
   if (!ex.ok()) return failed(status_of(ex.failure), ex.failure == CtlFailure::NoReply
                                                          ? "no answer from the agent within " +
                                                                std::to_string(target.timeout_ms / 1000) + " s"

@@ -1,8 +1,19 @@
 #include "ctl_files.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
+#include "ctl_csv.h"
 #include "quorRDW.h"
 #include "quorcal.h"
 #include "quorlsfl.h"
@@ -13,8 +24,6 @@
 namespace {
 
 CtlOutcome failed(std::string why) { return {kCtlFailed, "", std::move(why)}; }
-
-std::string line_error(std::size_t line, const std::string& why) { return "line " + std::to_string(line) + ": " + why; }
 
 bool read_file(const std::string& path, std::string& bytes) {
   std::ifstream in(path, std::ios::binary);
@@ -28,78 +37,6 @@ bool read_file(const std::string& path, std::string& bytes) {
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// CSV
-
-CtlCsv ctl_csv_parse(std::string_view text) {
-  CtlCsv csv;
-  std::vector<std::string> row;
-  std::string field;
-  std::size_t line = 1, row_line = 1;
-  enum class At { Start, Plain, Quoted, AfterQuote } at = At::Start;
-  auto end_field = [&] {
-    row.push_back(std::move(field));
-    field.clear();
-    at = At::Start;
-  };
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (at == At::Quoted) {
-      if (c == '"' && i + 1 < text.size() && text[i + 1] == '"') {
-        field += '"';
-        ++i;
-      } else if (c == '"') {
-        at = At::AfterQuote;
-      } else {
-        line += c == '\n';
-        field += c;
-      }
-    } else if (c == ',') {
-      end_field();
-    } else if (c == '\n' || (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n')) {
-      i += c == '\r';
-      end_field();
-      csv.rows.push_back(std::move(row));
-      row.clear();
-      row_line = ++line;
-    } else if (at == At::AfterQuote) {
-      csv.error = line_error(line, "text after a closing double quote");
-      return csv;
-    } else if (c == '"' && at == At::Start) {
-      at = At::Quoted;
-    } else {
-      field += c;
-      at = At::Plain;
-    }
-  }
-  if (at == At::Quoted) {
-    csv.error = line_error(row_line, "a double quote is never closed");
-    return csv;
-  }
-  if (at != At::Start || !row.empty()) {
-    end_field();
-    csv.rows.push_back(std::move(row));
-  }
-  return csv;
-}
-
-std::string ctl_csv_row(const std::vector<std::string>& row) {
-  std::string line;
-  for (std::size_t i = 0; i < row.size(); ++i) {
-    const std::string& v = row[i];
-    if (i > 0) line += ',';
-    bool quote = v.empty() || v.find_first_of(",\"\r\n") != std::string::npos || v.front() == ' ' || v.back() == ' ';
-    if (!quote) {
-      line += v;
-      continue;
-    }
-    line += '"';
-    for (char c : v) line += c == '"' ? std::string("\"\"") : std::string(1, c);
-    line += '"';
-  }
-  return line + "\n";
-}
-
-// ---------------------------------------------------------------------------
 // Table files
 
 CtlOutcome ctl_table_to_csv(const std::string& table_path) {
@@ -108,6 +45,7 @@ CtlOutcome ctl_table_to_csv(const std::string& table_path) {
   int columns = rdw_count_columns(table.get());
   if (columns < 0) return failed(table_path + ": the first record is damaged");
   ColumnArray buffers(static_cast<std::size_t>(columns));
+  std::vector<std::string_view> row(buffers.size());
   CtlOutcome outcome;
   std::size_t record = 0;
   for (int rc; (rc = rdw_read_record(table.get(), buffers, columns)) != -1;) {
@@ -117,37 +55,113 @@ CtlOutcome ctl_table_to_csv(const std::string& table_path) {
       outcome.error = table_path + ": record " + std::to_string(record) + " is damaged";
       return outcome;
     }
-    std::vector<std::string> row;
-    for (const ColumnBuffer& b : buffers) row.emplace_back(b.data());
-    outcome.out += ctl_csv_row(row);
+    for (std::size_t c = 0; c < buffers.size(); ++c) row[c] = buffers[c].data();
+    ctl_csv_append_row(row, outcome.out);
   }
   return outcome;
 }
 
-CtlOutcome ctl_csv_to_table(std::string_view csv_text, const std::string& table_path, bool json) {
-  CtlCsv csv = ctl_csv_parse(csv_text);
-  if (!csv.error.empty()) return {kCtlUsage, "", "CSV " + csv.error};
-  std::size_t columns = csv.rows.empty() ? 0 : csv.rows.front().size();
-  for (std::size_t r = 0; r < csv.rows.size(); ++r) {
-    if (csv.rows[r].size() != columns)
-      return {kCtlUsage, "", "CSV row " + std::to_string(r + 1) + " has " + std::to_string(csv.rows[r].size()) +
-                                 " values, the first has " + std::to_string(columns)};
-    for (const std::string& v : csv.rows[r])
-      if (v.size() > kMaxFieldLength || v.find('\0') != std::string::npos)
-        return {kCtlUsage, "", "CSV row " + std::to_string(r + 1) +
-                                   ": a value is longer than 259 bytes or holds a NUL byte"};
+namespace {
+
+// The table file csv-to-table writes. A regular file (or a new one) is
+// written under a temporary name beside it and renamed over it once
+// complete, so that a conversion that fails half-way leaves the old table
+// as it was; it keeps the old file's mode (and owner, for root). Anything
+// else (a device, a pipe), or a file in a directory where no new file can
+// be made, is written in place.
+class TableOut {
+ public:
+  ~TableOut() {
+    if (fd_ >= 0) close(fd_);
+    if (!temporary_.empty()) unlink(temporary_.c_str());
   }
-  FilePtr table = rdw_open(table_path, 'W');
-  if (!table) return failed("cannot create " + table_path);
-  for (const auto& row : csv.rows) {
-    std::vector<std::string_view> values(row.begin(), row.end());
-    if (rdw_write_record(table.get(), values) != 0) return failed("cannot write " + table_path);
+
+  bool open(const std::string& path) {
+    struct stat st {};
+    bool exists = stat(path.c_str(), &st) == 0;
+    if (!exists || S_ISREG(st.st_mode)) {
+      char* real = exists ? realpath(path.c_str(), nullptr) : nullptr;
+      target_ = real != nullptr ? real : path;
+      std::free(real);
+      std::string name = target_ + ".XXXXXX";
+      fd_ = mkostemp(name.data(), O_CLOEXEC);
+      if (fd_ >= 0) {
+        temporary_ = name;
+        mode_t mask = umask(0);
+        umask(mask);
+        (void)!fchmod(fd_, exists ? st.st_mode & 07777 : 0666 & ~mask);
+        if (exists && geteuid() == 0) (void)!fchown(fd_, st.st_uid, st.st_gid);
+        return true;
+      }
+    }
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    return fd_ >= 0;
   }
-  if (std::fflush(table.get()) != 0) return failed("cannot write " + table_path);
-  std::string rows = std::to_string(csv.rows.size()), cols = std::to_string(columns);
+
+  bool write(const char* bytes, std::size_t size) {
+    while (size > 0) {
+      ssize_t n = ::write(fd_, bytes, size);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      bytes += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+
+  bool commit() {
+    int fd = std::exchange(fd_, -1);
+    if (close(fd) != 0) return false;
+    if (temporary_.empty()) return true;
+    if (rename(temporary_.c_str(), target_.c_str()) != 0) return false;
+    temporary_.clear();
+    return true;
+  }
+
+ private:
+  int fd_ = -1;
+  std::string target_;
+  std::string temporary_;  // removed unless renamed
+};
+
+CtlOutcome csv_error(std::size_t row, const std::string& why) {
+  return {kCtlUsage, "", "CSV row " + std::to_string(row) + why};
+}
+
+}  // namespace
+
+CtlOutcome ctl_csv_to_table(CtlCsvReader& csv, const std::string& table_path, bool json) {
+  TableOut table;
+  if (!table.open(table_path)) return failed("cannot create " + table_path);
+  // Records are gathered and written a large piece at a time.
+  constexpr std::size_t kPiece = std::size_t{1} << 20;
+  std::vector<char> records(kPiece + 2 * (UINT16_MAX + 2));
+  std::size_t used = 0, columns = 0, rows = 0;
+  CtlCsvReader::Row row;
+  while (csv.next(row)) {
+    if (row.number == 1) columns = row.values.size();
+    if (row.values.size() != columns)
+      return csv_error(row.number, " has " + std::to_string(row.values.size()) + " values, the first has " +
+                                       std::to_string(columns));
+    bool too_long = row.has_nul;
+    for (std::string_view v : row.values) too_long |= v.size() > kMaxFieldLength;
+    if (too_long) return csv_error(row.number, ": a value is longer than 259 bytes or holds a NUL byte");
+    std::size_t size = rdw_record_size(row.values);
+    if (size == 0) return csv_error(row.number, " is too long for a table record (65535 bytes)");
+    rdw_encode_record(records.data() + used, row.values);
+    used += size;
+    rows = row.number;
+    if (used >= kPiece) {
+      if (!table.write(records.data(), used)) return failed("cannot write " + table_path);
+      used = 0;
+    }
+  }
+  if (!csv.error().empty()) return {kCtlUsage, "", "CSV " + csv.error()};
+  if (!table.write(records.data(), used) || !table.commit()) return failed("cannot write " + table_path);
+  std::string rows_text = std::to_string(rows), cols = std::to_string(columns);
   return {kCtlOk,
-          json ? "{\"rows\":" + rows + ",\"columns\":" + cols + "}\n"
-               : "wrote " + rows + " rows of " + cols + " columns to " + table_path + "\n",
+          json ? "{\"rows\":" + rows_text + ",\"columns\":" + cols + "}\n"
+               : "wrote " + rows_text + " rows of " + cols + " columns to " + table_path + "\n",
           ""};
 }
 
@@ -186,13 +200,10 @@ CtlOutcome ctl_calendar_show(const std::string& path, bool json) {
 
 namespace {
 
-// The data segment's items; for a table the first is the column count,
-// which every buffer's segment repeats.
+// The data segment's items: a calendar's, a list's lines, commands.
 struct DataItems {
   std::string tag;
   std::vector<std::string> items;
-  bool repeat_first = false;
-  std::size_t group = 1;  // items that must share a buffer: a table row
   std::string error;
 };
 
@@ -207,23 +218,8 @@ DataItems data_items(const CtlBuild& spec) {
   switch (spec.data) {
     case CtlBuild::Data::None:
       break;
-    case CtlBuild::Data::Table: {
-      std::string text;
-      if (!read_file(spec.source, text)) return data_error("cannot read " + spec.source);
-      CtlCsv csv = ctl_csv_parse(text);
-      if (!csv.error.empty()) return data_error(spec.source + ": " + csv.error);
-      if (csv.rows.empty()) return data_error(spec.source + ": no rows");
-      d.tag = kRdwTag;
-      d.repeat_first = true;
-      d.group = csv.rows.front().size();
-      d.items.push_back(std::to_string(d.group));
-      for (std::size_t r = 0; r < csv.rows.size(); ++r) {
-        if (csv.rows[r].size() != csv.rows.front().size())
-          return data_error(spec.source + ": row " + std::to_string(r + 1) + " has another number of values");
-        for (std::string& v : csv.rows[r]) d.items.push_back(std::move(v));
-      }
+    case CtlBuild::Data::Table:  // streamed instead: build_table
       break;
-    }
     case CtlBuild::Data::Calendar: {
       d.tag = kCalTag;
       int rc = cal_file_items(spec.source, d.items);
@@ -275,67 +271,205 @@ void begin_buffer(const CtlBuild& spec, bool first, OutBuf& out) {
   }
 }
 
-}  // namespace
+// The buffers of one request, built one at a time in the same place and
+// handed on as each is complete.
+class Buffers {
+ public:
+  Buffers(const CtlBuild& spec, const CtlBufferSink& sink, std::string_view tag)
+      : spec_(spec), sink_(sink), tag_(tag) {}
 
-namespace {
+  OutBuf& out() { return out_; }
+  std::size_t delivered() const { return delivered_; }
 
-CtlBuilt build_error(std::string why) {
-  CtlBuilt built;
-  built.error = std::move(why);
-  return built;
+  // A new buffer: the headers (the selection list in the first), and the
+  // data segment opened with `first_item` (a table's column count) in it.
+  void begin(std::string_view first_item = {}) {
+    out_ = OutBuf(buf_);
+    begin_buffer(spec_, delivered_ == 0, out_);
+    if (tag_.empty()) return;
+    field_ = buf_begin_segment(out_, tag_);
+    if (!first_item.empty()) buf_add_item(out_, first_item);
+  }
+
+  // Ends the buffer with a trailer saying whether more follow, and hands it
+  // on. False when it does not fit (`error` says so) or the sink stopped.
+  bool finish(bool more, std::string& error) {
+    if (!tag_.empty()) buf_end_segment(out_, field_);
+    quor_trl_put(more ? "Y" : "N", out_);
+    if (out_.overflow) {
+      error = "request does not fit in " + std::to_string(BUFFER_MAX) + " bytes";
+      return false;
+    }
+    char prefix[LENGTH_PREFIX];
+    std::snprintf(prefix, sizeof prefix, "%5ld", static_cast<long>(out_.pos));
+    std::memcpy(buf_.data(), prefix, LENGTH_PREFIX);
+    if (!sink_(std::span<char>(buf_.data(), out_.pos))) return false;
+    ++delivered_;
+    return true;
+  }
+
+ private:
+  const CtlBuild& spec_;
+  const CtlBufferSink& sink_;
+  std::string_view tag_;
+  std::array<char, BUFFER_MAX> buf_{};
+  OutBuf out_{buf_};
+  std::size_t field_ = 0;
+  std::size_t delivered_ = 0;
+};
+
+// Room a table row leaves in a buffer for the end of the segment and the
+// trailer.
+constexpr std::size_t kRowMargin = kSplitMargin + 32;
+
+// A table: the CSV read a piece at a time, as many whole rows in each
+// buffer as fit, every buffer's segment beginning with the column count.
+CtlBuildResult build_table(const CtlBuild& spec, const CtlBufferSink& sink) {
+  Buffers buffers(spec, sink, kRdwTag);
+  CtlBuildResult result;
+  auto fail = [&](std::string why) {
+    result.error = std::move(why);
+    result.delivered = buffers.delivered();
+    return result;
+  };
+  int fd = open(spec.source.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return fail("cannot read " + spec.source);
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
+  CtlCsvReader csv(fd);
+  CtlCsvReader::Row row;
+  if (!csv.next(row)) return fail(spec.source + ": " + (csv.error().empty() ? "no rows" : csv.error()));
+  const std::size_t columns = row.values.size();
+  const std::string count = std::to_string(columns);
+  buffers.begin(count);
+  std::size_t in_buffer = 0;  // rows
+  do {
+    if (row.values.size() != columns)
+      return fail(spec.source + ": row " + std::to_string(row.number) + " has another number of values");
+    std::size_t need = 0;
+    for (std::string_view v : row.values) need += v.size() + 1;
+    if (buffers.out().pos + need + kRowMargin > BUFFER_MAX) {
+      if (in_buffer == 0) return fail("a row or item is too long for a request buffer");
+      std::string error;
+      if (!buffers.finish(true, error)) return fail(error);
+      buffers.begin(count);
+      in_buffer = 0;
+      if (buffers.out().pos + need + kRowMargin > BUFFER_MAX)
+        return fail("a row or item is too long for a request buffer");
+    }
+    OutBuf& out = buffers.out();
+    if (row.has_nul) {  // an item ends at its first NUL
+      for (std::string_view v : row.values) buf_add_item(out, v);
+    } else {
+      char* to = out.data.data() + out.pos;
+      for (std::string_view v : row.values) {
+        std::memcpy(to, v.data(), v.size());
+        to[v.size()] = '\0';
+        to += v.size() + 1;
+      }
+      out.pos += need;
+    }
+    ++in_buffer;
+  } while (csv.next(row));
+  if (!csv.error().empty()) return fail(spec.source + ": " + csv.error());
+  std::string error;
+  buffers.finish(false, error);
+  return fail(error);
 }
 
 }  // namespace
 
-CtlBuilt ctl_build_transaction(const CtlBuild& spec) {
-  CtlBuilt built;
-  if (spec.selections.size() > 100) return build_error("at most 100 selections");
+CtlBuildResult ctl_build_stream(const CtlBuild& spec, const CtlBufferSink& sink) {
+  CtlBuildResult result;
+  if (spec.selections.size() > 100) {
+    result.error = "at most 100 selections";
+    return result;
+  }
+  if (spec.data == CtlBuild::Data::Table) return build_table(spec, sink);
   DataItems data = data_items(spec);
-  if (!data.error.empty()) return build_error(data.error);
+  if (!data.error.empty()) {
+    result.error = data.error;
+    return result;
+  }
+  // These are in memory whole: the buffers are built first, so that an
+  // item too long for a buffer is found before any is delivered.
+  std::vector<std::vector<char>> built;
+  CtlBufferSink keep = [&](std::span<char> plain) {
+    built.emplace_back(plain.begin(), plain.end());
+    return true;
+  };
+  Buffers buffers(spec, keep, data.tag);
   std::size_t next = 0;
   do {
-    std::vector<char> buf(BUFFER_MAX);
-    OutBuf out(buf);
-    begin_buffer(spec, built.buffers.empty(), out);
-    if (!data.tag.empty()) {
-      std::size_t field = buf_begin_segment(out, data.tag);
-      if (data.repeat_first) {
-        buf_add_item(out, data.items.front());
-        next = std::max<std::size_t>(next, 1);
-      }
-      // Whole groups (table rows), as long as they leave room for the end
-      // of the segment and the trailer.
-      std::size_t added = 0;
-      while (next < data.items.size()) {
-        std::size_t end = std::min(next + data.group, data.items.size()), need = 0;
-        for (std::size_t i = next; i < end; ++i) need += data.items[i].size() + 1;
-        if (out.pos + need + kSplitMargin + 32 > BUFFER_MAX) break;
-        for (; next < end; ++next, ++added) buf_add_item(out, data.items[next]);
-      }
-      if (added == 0 && next < data.items.size()) return build_error("a row or item is too long for a request buffer");
-      buf_end_segment(out, field);
+    buffers.begin();
+    OutBuf& out = buffers.out();
+    // Whole items, as long as they leave room for the end of the segment
+    // and the trailer.
+    std::size_t added = 0;
+    for (; !data.tag.empty() && next < data.items.size(); ++next, ++added) {
+      if (out.pos + data.items[next].size() + 1 + kRowMargin > BUFFER_MAX) break;
+      buf_add_item(out, data.items[next]);
     }
-    bool more = next < data.items.size();
-    quor_trl_put(more ? "Y" : "N", out);
-    CtlRequest request = ctl_request_from(out);
-    if (!request.error.empty()) return build_error(request.error);
-    built.buffers.push_back(std::move(request.bytes));
+    if (added == 0 && next < data.items.size()) {
+      result.error = "a row or item is too long for a request buffer";
+      return result;
+    }
+    if (!buffers.finish(next < data.items.size(), result.error)) return result;
   } while (next < data.items.size());
+  for (std::vector<char>& plain : built) {
+    if (!sink(plain)) break;
+    ++result.delivered;
+  }
+  return result;
+}
+
+std::vector<char> ctl_cancel_request(const CtlBuild& spec) {
+  std::array<char, BUFFER_MAX> buf{};
+  OutBuf out(buf);
+  begin_buffer(spec, false, out);
+  std::size_t field = buf_begin_segment(out, kRdwTag);
+  buf_add_item(out, "0");
+  buf_end_segment(out, field);
+  quor_trl_put("N", out);
+  return ctl_request_from(out).bytes;
+}
+
+CtlBuilt ctl_build_transaction(const CtlBuild& spec) {
+  CtlBuilt built;
+  CtlBuildResult result = ctl_build_stream(spec, [&](std::span<char> plain) {
+    built.buffers.emplace_back(plain.begin(), plain.end());
+    return true;
+  });
+  if (!result.error.empty()) {
+    built.buffers.clear();
+    built.error = result.error;
+  }
   return built;
 }
 
 CtlOutcome ctl_build_files(const CtlBuild& spec, const std::string& prefix, bool json) {
-  CtlBuilt built = ctl_build_transaction(spec);
-  if (!built.error.empty()) return {kCtlUsage, "", built.error};
-  std::string out = json ? "{\"files\":[" : "";
-  for (std::size_t i = 0; i < built.buffers.size(); ++i) {
-    std::string name = prefix + "." + std::to_string(i + 1);
+  std::vector<std::string> names;
+  std::string out = json ? "{\"files\":[" : "", write_error;
+  CtlBuildResult result = ctl_build_stream(spec, [&](std::span<char> plain) {
+    std::string name = prefix + "." + std::to_string(names.size() + 1);
     std::ofstream file(name, std::ios::binary | std::ios::trunc);
-    file.write(built.buffers[i].data(), static_cast<std::streamsize>(built.buffers[i].size()));
+    file.write(plain.data(), static_cast<std::streamsize>(plain.size()));
     file.close();
-    if (!file) return failed("cannot write " + name);
-    out += json ? (i > 0 ? "," : "") + ctl_json_string(name)
-                : name + " (" + std::to_string(built.buffers[i].size()) + " bytes)\n";
+    names.push_back(name);
+    if (!file) {
+      write_error = "cannot write " + name;
+      return false;
+    }
+    out += json ? (names.size() > 1 ? "," : "") + ctl_json_string(name)
+                : name + " (" + std::to_string(plain.size()) + " bytes)\n";
+    return true;
+  });
+  if (!result.error.empty() || !write_error.empty()) {
+    // A request that cannot be built whole leaves no part of it behind.
+    for (const std::string& name : names) std::remove(name.c_str());
+    return write_error.empty() ? CtlOutcome{kCtlUsage, "", result.error} : failed(write_error);
   }
   if (json) out += "]}\n";
   return {kCtlOk, std::move(out), ""};

@@ -91,19 +91,33 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
                                              target.timeout_ms, expect_reply));
 }
 
-CtlExchange ctl_transaction(const CtlTarget& target, std::vector<std::vector<char>> buffers,
-                            const std::function<void()>& waiting) {
-  TevClient client;
-  if (!client.ok())
-    return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
-                                             client.feedback().FB_ErrorText);
-  if (target.root_server) client.require_root_peers();
-  for (std::vector<char>& plain : buffers) {
-    if (quor_wire_seal(plain, plain.size()) != 0) return failure(CtlFailure::Request, "a request buffer is too long");
-    TevCallResult sent =
-        client.call(target.server, std::vector<std::uint8_t>(plain.begin(), plain.end()), 0, false);
-    if (sent.rc != 0) return exchange_result(target, sent);
+CtlTransaction::CtlTransaction(const CtlTarget& target) : target_(target) {
+  if (!client_.ok())
+    failure_ = ::failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
+                                                 client_.feedback().FB_ErrorText);
+  else if (target.root_server)
+    client_.require_root_peers();
+}
+
+bool CtlTransaction::send(std::span<char> plain) {
+  if (!failure_.ok()) return false;
+  if (quor_wire_seal(plain, plain.size()) != 0) {
+    failure_ = ::failure(CtlFailure::Request, "a request buffer is too long");
+    return false;
   }
+  // Sent from where it was built: no reply is awaited here, so the
+  // conversation id only has to be one of this registration's.
+  TevIdentity remote;
+  remote.set_system_id(tev_node_name());
+  remote.set_app_name(target_.server);
+  TevCallResult sent;
+  sent.rc = TevSend(sent.fb, client_.identity(), remote, plain.data(), plain.size(), kTevModeNormal, 1);
+  if (sent.rc != 0) failure_ = exchange_result(target_, sent);
+  return failure_.ok();
+}
+
+CtlExchange CtlTransaction::answer(const std::function<void()>& waiting) {
+  if (!failure_.ok()) return failure_;
   if (waiting) waiting();
-  return exchange_result(target, client.wait_reply(target.timeout_ms));
+  return exchange_result(target_, client_.wait_reply(target_.timeout_ms));
 }

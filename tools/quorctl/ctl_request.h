@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "ctl_decode.h"
 #include "ctl_text.h"
 #include "quortev.h"
+#include "tev_client.h"
 
 // Where requests go and how long to wait for each reply buffer.
 struct CtlTarget {
@@ -55,9 +57,25 @@ struct CtlExchange {
 // one. Partial buffers are answered by the transport client as they come.
 CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool expect_reply);
 
-// A command request's buffers sent in order to the target, then the answer
-// awaited: the agent's (which comes on its own, from the agent) or the
-// daemon's refusal. `waiting`, when given, is called once all buffers are
-// out (to show progress).
-CtlExchange ctl_transaction(const CtlTarget& target, std::vector<std::vector<char>> buffers,
-                            const std::function<void()>& waiting = {});
+// A command request sent a buffer at a time, as each is built, then its
+// answer awaited. Registers with the transport when made.
+class CtlTransaction {
+ public:
+  explicit CtlTransaction(const CtlTarget& target);
+
+  // Seals `plain` in place and sends it, without waiting. False when it
+  // cannot be sent (or the registration failed); failure() says why.
+  bool send(std::span<char> plain);
+
+  // After the last buffer: the answer, the agent's (which comes on its own,
+  // from the agent) or the daemon's refusal. `waiting`, when given, is
+  // called first (to show progress).
+  CtlExchange answer(const std::function<void()>& waiting = {});
+
+  const CtlExchange& failure() const { return failure_; }
+
+ private:
+  CtlTarget target_;
+  TevClient client_;
+  CtlExchange failure_;
+};

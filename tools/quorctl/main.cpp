@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "ctl_commands.h"
@@ -152,7 +153,9 @@ constexpr CommandHelp kHelp[] = {
     {"csv-to-table",
      "usage: quorctl csv-to-table CSV TABLE\n"
      "Writes the rows of the CSV file ('-': standard input) as the table file\n"
-     "TABLE. Every row needs the same number of values, each at most 259 bytes.\n"},
+     "TABLE. Every row needs the same number of values, each at most 259 bytes.\n"
+     "The CSV is read a piece at a time; TABLE is replaced only once it is\n"
+     "complete, so a conversion that fails leaves it as it was.\n"},
     {"calendar",
      "usage: quorctl calendar FILE\n"
      "Prints the header fields of the calendar file FILE (PI, CU, UU, DS, RL,\n"
@@ -442,9 +445,10 @@ int run_file_tool(const Options& o) {
   if (!only_flags(o, {}, error)) return usage_error(error);
   if (o.command == "csv-to-table") {
     if (o.args.size() != 2) return usage_error("csv-to-table takes CSV and TABLE");
-    auto csv = read_all(o.args[0]);
-    if (!csv) return finish({kCtlFailed, "", "cannot read " + o.args[0]});
-    return finish(ctl_csv_to_table(*csv, o.args[1], o.json));
+    int fd = o.args[0] == "-" ? 0 : open(o.args[0].c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return finish({kCtlFailed, "", "cannot read " + o.args[0]});
+    CtlCsvReader csv(fd);
+    return finish(ctl_csv_to_table(csv, o.args[1], o.json));
   }
   if (o.args.size() != 1) return usage_error(o.command + " takes one FILE");
   if (o.command == "calendar") return finish(ctl_calendar_show(o.args[0], o.json));
