@@ -185,7 +185,8 @@ int quor_records_read(const std::string& path, std::size_t count,
   for (;;) {
     std::array<char, 4> head{};
     if (!read_exactly(fd, head.data(), head.size())) break;
-    long length = std::strtol(head.data(), nullptr, 10);
+    // Three characters of length and a NUL; the number is read within them.
+    long length = head[3] == '\0' ? buf_decimal(std::string_view(head.data(), 3)) : -1;
     std::vector<char> payload(static_cast<std::size_t>(std::clamp<long>(length, 0, kMaxUserRecord)));
     if (length < 0 || length > static_cast<long>(kMaxUserRecord) ||
         !read_exactly(fd, payload.data(), payload.size())) {
