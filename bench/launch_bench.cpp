@@ -88,6 +88,7 @@ int main(int argc, char** argv) {
   setenv("TEV_DIR", (root / "tev").c_str(), 1);
   setenv("TMPDIR", (root / "tmp").c_str(), 1);
   setenv("QUORNULL_FIFO", fifo_path.c_str(), 1);
+  setenv("MOXQUORKEEPENV", "QUORNULL_FIFO", 1);  // agents get a clean environment
   unsetenv("MOXQUORDEBUG");
   unsetenv("MOXQUORSPIN");
   prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -96,7 +97,7 @@ int main(int argc, char** argv) {
     execl(QUORDAEMON_PATH, QUORDAEMON_PATH, static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int i = 0; i < 500 && !fs::exists(root / "tev" / std::string(kServerName)); ++i) usleep(10000);
+  for (int i = 0; i < 500 && !fs::exists(root / "tev/root" / std::string(kServerName)); ++i) usleep(10000);
   kill(starter, SIGKILL);
   waitpid(starter, nullptr, 0);
 

@@ -117,7 +117,7 @@ int main(int argc, char** argv) {
     execl(QUORDAEMON_PATH, QUORDAEMON_PATH, static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int i = 0; i < 500 && !fs::exists(root / "tev" / std::string(kServerName)); ++i) usleep(10000);
+  for (int i = 0; i < 500 && !fs::exists(root / "tev/root" / std::string(kServerName)); ++i) usleep(10000);
   kill(starter, SIGKILL);
   waitpid(starter, nullptr, 0);
 

@@ -255,7 +255,7 @@ int main(int argc, char** argv) {
     execl(QUORDAEMON_PATH, QUORDAEMON_PATH, static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int i = 0; i < 500 && !fs::exists(root / "tev" / std::string(kServerName)); ++i) usleep(10000);
+  for (int i = 0; i < 500 && !fs::exists(root / "tev/root" / std::string(kServerName)); ++i) usleep(10000);
   pid_t daemon = 0;
   {
     StatusClient client;

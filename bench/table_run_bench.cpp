@@ -159,7 +159,7 @@ int main(int argc, char** argv) {
     execl(QUORDAEMON_PATH, QUORDAEMON_PATH, static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int i = 0; i < 500 && !fs::exists(root / "tev" / std::string(kServerName)); ++i) usleep(10000);
+  for (int i = 0; i < 500 && !fs::exists(root / "tev/root" / std::string(kServerName)); ++i) usleep(10000);
   kill(starter, SIGKILL);  // it only waits to return to a shell
   waitpid(starter, nullptr, 0);
   // The daemon it left behind is now a child of this process.
