@@ -20,6 +20,7 @@
 // The request record's command says what to do then:
 //   EXIT<n>     exit with status n
 //   SLEEP<n>    sleep n seconds, then exit 0
+//   STDERR      write a line to standard error, then exit 0
 //   LOGININFO   report a login (LOGININFO) for the record's user name (or,
 //               as LOGININFO:NAME, for NAME) to the daemon, then wait for
 //               SIGTERM as the user's login process
@@ -114,13 +115,16 @@ int main(int argc, char** argv) {
        << "\nMO_MOXMESSAGE=" << (std::getenv("MO_MOXMESSAGE") ? std::getenv("MO_MOXMESSAGE") : "")
        << "\nenv=" << environment_names() << "\nfds=" << descriptors() << "\nstderr=" << standard_error() << "\n";
   write_file(base + ".info", info.str());
-  std::fprintf(stderr, "quorprobe ran %s\n", command.c_str());
 
   if (command == "ANSWER") {
     AgentAnswer answer;
     return answer.open(request, "QUORPROBE") && answer.send(info.str(), 0, "probe") == 0 ? 0 : 3;
   }
   if (command.starts_with("EXIT")) return std::atoi(command.c_str() + 4);
+  if (command == "STDERR") {
+    std::fprintf(stderr, "quorprobe wrote this\n");
+    return 0;
+  }
   if (command.starts_with("SLEEP")) {
     sleep(static_cast<unsigned>(std::atoi(command.c_str() + 5)));
     return 0;

@@ -285,7 +285,7 @@ TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
 // daemon's and a clean environment; what it wrote reaches the log.
 TEST_F(Security, AgentsGetTheirOwnStandardErrorAndNothingElseOfTheDaemons) {
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "PROBE quorprobe\n");
-  request("S", "PROBE", "EXIT0", false);
+  request("S", "PROBE", "STDERR", false);
   std::optional<Probe> probe = next_probe();
   ASSERT_TRUE(probe) << daemon_->output();
   EXPECT_EQ(probe->info["fds"], "0,1,2");
@@ -294,7 +294,7 @@ TEST_F(Security, AgentsGetTheirOwnStandardErrorAndNothingElseOfTheDaemons) {
   EXPECT_EQ(probe->info["env"],
             "PATH,HOME,USER,LOGNAME,SHELL,MOXGLBL0000,TMPDIR,TEV_DIR,QUORPROBE_DIR,QUOR_CLIENT_UID,QUOR_CLIENT_PID");
   EXPECT_EQ(settle(kNone), kNone);
-  EXPECT_TRUE(logged("QUOR0302E Standard error of agent pid"));
+  EXPECT_TRUE(logged("QUOR0302E Standard error of agent pid " + std::to_string(probe->pid) + " of uid 0: quorprobe wrote this"));
 }
 
 // A pid the daemon reaped may be anybody's next: neither a logoff's sweep
