@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -72,10 +73,12 @@ class Daemon {
   // Kills the daemon (and a detached daemon) and reaps it. Its children
   // (login programs, agents) go first, so that none outlives the test, and
   // so do the programs of this installation that a daemon which crashed or
-  // was killed left behind.
+  // was killed left behind. A coverage build asks them with SIGTERM first,
+  // so that they write their counters.
   void stop() {
     bool running = pid_ > 0 && !exited_;
     std::string programs = (root_.path() / "quor/bin/").string();
+    std::vector<pid_t> others;
     for (const auto& e : std::filesystem::directory_iterator("/proc")) {
       std::string stat = read_file(e.path() / "stat");
       std::size_t paren = stat.rfind(')');
@@ -85,8 +88,18 @@ class Daemon {
       std::error_code ec;
       std::string exe = std::filesystem::read_symlink(e.path() / "exe", ec).string();
       if ((running && ppid == pid_) || exe.rfind(programs, 0) == 0)
-        kill(static_cast<pid_t>(std::stol(e.path().filename().string())), SIGKILL);
+        others.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
     }
+#ifdef QUOR_COVERAGE
+    for (pid_t pid : others) kill(pid, SIGTERM);
+    if (running) kill(pid_, SIGTERM);
+    for (int i = 0; i < 200 && (alive() || std::any_of(others.begin(), others.end(), [](pid_t p) {
+                                  return kill(p, 0) == 0;
+                                })); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    running = running && !exited_;
+#endif
+    for (pid_t pid : others) kill(pid, SIGKILL);
     if (running) {
       kill(pid_, SIGKILL);
       waitpid(pid_, &status_, 0);

@@ -38,7 +38,7 @@ class ForkedServer : public ::testing::Test {
 
 // Receives one request on `conn` into `buf`; exits the child on failure.
 inline void receive_or_die(ConnRecord& conn, std::array<char, BUFFER_MAX>& buf) {
-  if (quor_tev_receive(conn, buf) != 0) _exit(10);
+  if (quor_tev_receive(conn, buf) != 0) testutil::child_exit(10);
 }
 
 struct Decoded {

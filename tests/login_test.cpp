@@ -180,7 +180,7 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
   UserEntry& ann = pending("ann");
   ChildEntry& agent = login_agent(ann, [] {});
   pid_t sender = fork();
-  if (sender == 0) _exit(send_report(agent.agent_pid, "root"));
+  if (sender == 0) testutil::child_exit(send_report(agent.agent_pid, "root"));
   ASSERT_EQ(waitpid(sender, nullptr, 0), sender);
   serve();
   EXPECT_EQ(ann.login_name, "");
@@ -192,7 +192,7 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
       << log();
 
   pid_t stranger = fork();
-  if (stranger == 0) _exit(send_report(getpid(), "root"));
+  if (stranger == 0) testutil::child_exit(send_report(getpid(), "root"));
   ASSERT_EQ(waitpid(stranger, nullptr, 0), stranger);
   serve();
   EXPECT_EQ(ann.login_name, "");

@@ -334,7 +334,13 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
     });
   };
   auto held = start({name, "pc7", "0"});
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // Ready once it blocks SIGTERM to wait for it.
+  auto blocks_sigterm = [](pid_t pid) {
+    std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    std::size_t at = status.find("SigBlk:\t");
+    return at != std::string::npos && (std::stoull(status.substr(at + 8, 16), nullptr, 16) & (1ULL << (SIGTERM - 1)));
+  };
+  for (int i = 0; i < 500 && !blocks_sigterm(held->pid()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(waitpid(held->pid(), nullptr, WNOHANG), 0) << "ended without being told";
   kill(held->pid(), SIGTERM);
   EXPECT_EQ(held->wait(), 0);

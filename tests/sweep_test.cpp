@@ -58,7 +58,7 @@ class Sweep : public ::testing::Test {
 
   pid_t start(std::function<int()> body) {
     pid_t pid = fork();
-    if (pid == 0) _exit(body());
+    if (pid == 0) testutil::child_exit(body());
     started_.push_back(pid);
     return pid;
   }
