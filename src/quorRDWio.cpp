@@ -117,21 +117,6 @@ int rdw_read_record(std::FILE* stream, ColumnArray& columns, int count, std::siz
   return finish(closing == length ? 0 : 1);
 }
 
-int rdw_read_fields(std::FILE* stream, ColumnArray& columns, int max) {
-  std::uint16_t length = 0;
-  if (!read_word(stream, length)) return 0;
-  int count = 0;
-  for (; count < max && static_cast<std::size_t>(count) < columns.size(); ++count) {
-    std::uint16_t word = 0;
-    if (!read_word(stream, word)) return -1;
-    if (word == length) break;
-    char* text = columns[static_cast<std::size_t>(count)].data();
-    if (word > kMaxFieldLength || std::fread(text, 1, word, stream) != word) return -1;
-    text[word] = '\0';
-  }
-  return count;
-}
-
 namespace {
 
 // An empty value is stored as one NUL byte.

@@ -50,10 +50,6 @@ int rdw_count_columns(std::FILE* stream);
 // to `size` bytes. 0 a good record, 1 a damaged one, -1 end of file.
 int rdw_read_record(std::FILE* stream, ColumnArray& columns, int count, std::size_t size = COLUMN_BUFFER_SIZE);
 
-// Lenient reader: up to `max` fields of the next record, without blank
-// stripping. The number read, 0 at end of file, -1 on a short read.
-int rdw_read_fields(std::FILE* stream, ColumnArray& columns, int max);
-
 // Appends one record of `values`. 0, or 1 when writing failed or the record
 // would be longer than its 16-bit length word can say.
 int rdw_write_record(std::FILE* stream, std::span<const std::string_view> values);
