@@ -6,7 +6,7 @@
 #   scripts/package.sh [OUTDIR]     the package goes to OUTDIR (default build/pkg)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/deps.sh debhelper dpkg-dev lintian systemd
+scripts/deps.sh debhelper dpkg-dev lintian systemd logrotate
 
 out=$(realpath -m "${1:-build/pkg}")
 version=$(dpkg-parsechangelog -S Version)
