@@ -22,9 +22,7 @@ TevCallResult TevClient::call(std::string_view server, const std::vector<std::ui
     result.fb = fb_;
     return result;
   }
-  TevIdentity remote;
-  remote.set_system_id(tev_node_name());
-  remote.set_app_name(server);
+  TevIdentity remote = server_identity(server);
   std::uint32_t conversation = next_conv_++;
   if (next_conv_ == 0) next_conv_ = 1;
 
@@ -37,6 +35,13 @@ TevCallResult TevClient::call(std::string_view server, const std::vector<std::ui
   if (!expect_reply) return result;
   collect(result, timeout_ms, conversation);
   return result;
+}
+
+TevIdentity TevClient::server_identity(std::string_view server) const {
+  TevIdentity remote;
+  remote.set_system_id(server_node_.empty() ? tev_node_name() : server_node_);
+  remote.set_app_name(server);
+  return remote;
 }
 
 TevCallResult TevClient::wait_reply(int timeout_ms) {

@@ -40,6 +40,11 @@ class TevClient {
   void require_root_peers() {
     if (registered_) TevRequireRootPeers(fb_, id_, true);
   }
+  // From now on, address servers on `node` (empty: this host), through the
+  // broker when it is another host's.
+  void set_server_node(std::string node) { server_node_ = std::move(node); }
+  // The identity block of server application `server` on the chosen node.
+  TevIdentity server_identity(std::string_view server) const;
   const TevFeedback& feedback() const { return fb_; }
   const TevIdentity& identity() const { return id_; }
 
@@ -63,5 +68,6 @@ class TevClient {
   TevIdentity id_;
   TevFeedback fb_;
   bool registered_ = false;
+  std::string server_node_;
   std::uint32_t next_conv_ = 1;
 };

@@ -84,6 +84,7 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
     return failure(CtlFailure::Request, "a request of " + std::to_string(plain.size()) + " bytes is outside 7.." +
                                             std::to_string(BUFFER_MAX));
   TevClient client;
+  client.set_server_node(target.node);
   if (!client.ok())
     return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
                                              client.feedback().FB_ErrorText);
@@ -92,6 +93,7 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
 }
 
 CtlTransaction::CtlTransaction(const CtlTarget& target) : target_(target) {
+  client_.set_server_node(target.node);
   if (!client_.ok())
     failure_ = ::failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
                                                  client_.feedback().FB_ErrorText);
@@ -107,9 +109,7 @@ bool CtlTransaction::send(std::span<char> plain) {
   }
   // Sent from where it was built: no reply is awaited here, so the
   // conversation id only has to be one of this registration's.
-  TevIdentity remote;
-  remote.set_system_id(tev_node_name());
-  remote.set_app_name(target_.server);
+  TevIdentity remote = client_.server_identity(target_.server);
   TevCallResult sent;
   sent.rc = TevSend(sent.fb, client_.identity(), remote, plain.data(), plain.size(), kTevModeNormal, 1);
   if (sent.rc != 0) failure_ = exchange_result(target_, sent);

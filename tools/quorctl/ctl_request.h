@@ -18,6 +18,7 @@ struct CtlTarget {
   std::string server = std::string(kServerName);
   int timeout_ms = 10000;
   bool root_server = false;  // send only to a server registered by root (a request carrying a secret)
+  std::string node{};        // the server's host (empty: this one), reached through the broker
 };
 
 // A plain request: a transaction header of `type` for this process, a

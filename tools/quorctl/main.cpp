@@ -23,7 +23,7 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND [ARGS]\n"
+    "usage: quorctl [--server NAME] [--host NODE] [--timeout SECONDS] [--user NAME] [--json] COMMAND [ARGS]\n"
     "\n"
     "commands:\n"
     "  status [--full]                 the daemon's brief (or full) status report\n"
@@ -48,6 +48,7 @@ constexpr const char* kUsage =
     "\n"
     "options:\n"
     "  --server NAME      the daemon's transport name (default MO_QUORUNIX_SERVER)\n"
+    "  --host NODE        the daemon on host NODE, through the broker (TEV_URL)\n"
     "  --timeout SECONDS  wait this long for each reply buffer (default 10)\n"
     "  --user NAME        the client user name of requests (default MOX_QUORUSER,\n"
     "                     else the caller's login name)\n"
@@ -218,7 +219,7 @@ std::optional<Options> parse(int argc, char** argv, std::string& error) {
       value = a.substr(eq + 1);
       has_value = true;
     }
-    bool needs_value = name == "--server" || name == "--timeout" || name == "--user" || takes_value(name);
+    bool needs_value = name == "--server" || name == "--host" || name == "--timeout" || name == "--user" || takes_value(name);
     if (needs_value && !has_value) {
       if (i + 1 >= argc) {
         error = name + " needs a value";
@@ -246,6 +247,12 @@ std::optional<Options> parse(int argc, char** argv, std::string& error) {
         return std::nullopt;
       }
       o.target.server = value;
+    } else if (name == "--host") {
+      if (value.empty() || value.size() > kTevMaxSystemId || value == kTevEveryNode) {
+        error = "--host needs a node name of at most 64 characters";
+        return std::nullopt;
+      }
+      o.target.node = value;
     } else if (name == "--timeout") {
       char* end = nullptr;
       double secs = std::strtod(value.c_str(), &end);
