@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <chrono>
+
 
 TevClient::TevClient(std::string name) {
   if (name.empty()) name = "QUORCTL." + std::to_string(static_cast<long>(getpid()));
@@ -75,9 +77,60 @@ void TevClient::collect(TevCallResult& result, int timeout_ms, std::optional<std
     } else if (conversation && in_conversation != *conversation) {
       continue;  // a late reply to an earlier request
     }
-    result.replies.push_back(TevReply{kind, std::string(sender.app_name()),
+    result.replies.push_back(TevReply{kind, std::string(sender.app_name()), std::string(sender.system_id()),
                                       std::vector<std::uint8_t>(buffer.begin(),
                                                                 buffer.begin() + fb.FB_DataLen)});
     if (kind == kTevKindData) return;
+  }
+}
+
+TevCallResult TevClient::call_everywhere(std::string_view server, const std::vector<std::uint8_t>& payload,
+                                         int window_ms) {
+  TevCallResult result;
+  if (!registered_) {
+    result.rc = 1;
+    result.fb = fb_;
+    return result;
+  }
+  std::uint32_t conversation = next_conv_++;
+  if (next_conv_ == 0) next_conv_ = 1;
+  bool sent = false;
+  for (std::string_view node : {std::string_view(tev_node_name()), kTevEveryNode}) {
+    if (node == kTevEveryNode && !tev_broker_configured()) continue;
+    TevIdentity remote;
+    remote.set_system_id(node);
+    remote.set_app_name(server);
+    TevFeedback fb;
+    if (TevSend(fb, id_, remote, payload.data(), payload.size(), kTevModeNormal, conversation) == 0)
+      sent = true;
+    else
+      result.fb = fb;
+  }
+  if (!sent) {
+    result.rc = 1;
+    return result;
+  }
+  std::vector<std::uint8_t> buffer(kTevMaxPayload);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(window_ms);
+  for (;;) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return result;
+    TevIdentity sender;
+    TevInquiry inquiry;
+    TevFeedback fb;
+    if (TevRecvTimed(fb, id_, sender, buffer.data(), buffer.size(), inquiry, static_cast<int>(left.count())) != 0) {
+      if (fb.FB_Src == kTevSrcRcvCnc || fb.FB_Src == kTevSrcRtmOut) continue;
+      result.rc = 1;
+      result.fb = fb;
+      return result;
+    }
+    if (fb.FB_InKind == kTevKindConv) {
+      TevFeedback answer_fb;
+      TevAnswer(answer_fb, id_, sender, fb.FB_InConversId, "OK");
+      continue;
+    }
+    if (fb.FB_InConversId != conversation) continue;
+    result.replies.push_back(TevReply{fb.FB_InKind, std::string(sender.app_name()), std::string(sender.system_id()),
+                                      std::vector<std::uint8_t>(buffer.begin(), buffer.begin() + fb.FB_DataLen)});
   }
 }

@@ -17,6 +17,7 @@
 struct TevReply {
   std::uint8_t kind = 0;             // kTevKindConv (partial) or kTevKindData (last)
   std::string sender;                // application name of the sender
+  std::string node;                  // the sender's node
   std::vector<std::uint8_t> payload;
 };
 
@@ -56,6 +57,12 @@ class TevClient {
   // the call returns right after the send.
   TevCallResult call(std::string_view server, const std::vector<std::uint8_t>& payload,
                      int timeout_ms, bool expect_reply = true);
+
+  // Sends `payload` to application `server` on this host and, with a
+  // broker, on every host, then gathers the DATA replies that arrive
+  // within `window_ms` (partial ones are answered and dropped). rc is 0
+  // when the request went out at least one way.
+  TevCallResult call_everywhere(std::string_view server, const std::vector<std::uint8_t>& payload, int window_ms);
 
   // Collects what anyone sends to this client next (an agent answering a
   // request on its own, or the daemon refusing it): CONV messages are

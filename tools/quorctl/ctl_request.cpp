@@ -50,7 +50,7 @@ CtlExchange exchange_result(const CtlTarget& target, const TevCallResult& r) {
     CtlLoaded loaded = ctl_load(std::span<const char>(reinterpret_cast<const char*>(reply.payload.data()),
                                                       reply.payload.size()),
                                 CtlForm::Wire);
-    ex.replies.push_back(CtlReply{reply.kind == kTevKindConv, reply.sender, std::move(loaded.decoded)});
+    ex.replies.push_back(CtlReply{reply.kind == kTevKindConv, reply.sender, std::move(loaded.decoded), reply.node});
   }
   if (r.rc == 0) return ex;
   if (r.fb.FB_Src == kTevSrcNoRcvr) {
@@ -90,6 +90,17 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
                                              client.feedback().FB_ErrorText);
   return exchange_result(target, client.call(target.server, std::vector<std::uint8_t>(plain.begin(), plain.end()),
                                              target.timeout_ms, expect_reply));
+}
+
+CtlExchange ctl_exchange_everywhere(const CtlTarget& target, std::vector<char> plain, int window_ms) {
+  if (quor_wire_seal(plain, plain.size()) != 0) return failure(CtlFailure::Request, "the request is too long");
+  TevClient client;
+  if (!client.ok())
+    return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
+                                             client.feedback().FB_ErrorText);
+  return exchange_result(target, client.call_everywhere(target.server,
+                                                        std::vector<std::uint8_t>(plain.begin(), plain.end()),
+                                                        window_ms));
 }
 
 CtlTransaction::CtlTransaction(const CtlTarget& target) : target_(target) {
