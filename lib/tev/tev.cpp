@@ -187,13 +187,13 @@ int TevInit(TevFeedback& fb, TevIdentity& id, int mode) {
   completed.set_flag(id.flag());
   completed.set_system_id(tev_node_name());
   completed.set_app_name(name);
+  // The broker's subscriptions are in place before the local name appears,
+  // so whoever sees the name registered can reach it from any host.
+  std::unique_ptr<TevEndpoint> broker;
+  if (tev_broker_configured() && !(broker = tev_nats_open(fb, completed))) return 1;
   auto endpoint = tev_unix_open(fb, completed);
   if (!endpoint) return 1;
-  if (tev_broker_configured()) {
-    auto broker = tev_nats_open(fb, completed);
-    if (!broker) return 1;
-    endpoint = tev_route(std::move(endpoint), std::move(broker));
-  }
+  if (broker) endpoint = tev_route(std::move(endpoint), std::move(broker));
   Registration& reg = registrations()[name];
   reg.endpoint = std::move(endpoint);
   reg.identity = completed;

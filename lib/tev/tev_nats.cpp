@@ -282,6 +282,9 @@ class NatsEndpoint final : public TevEndpoint {
     for (const std::string& subject : {tev_subject_inbox(node, app), tev_subject_broadcast_inbox(app)})
       if (int rc = subscribe(fb, subject); rc != 0) return rc;
     link_.watch(inbox_);
+    // The broker knows the subscriptions once it has answered a ping; when
+    // it is away, they are made again on reconnecting.
+    if (link_.connected()) natsConnection_FlushTimeout(link_.connection(), kConnectTimeoutMs);
     return 0;
   }
 
