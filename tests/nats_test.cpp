@@ -25,7 +25,8 @@ using testutil::read_file;
 // Host A's node name holds a dot, as a domain name does: subjects encode it.
 constexpr const char* kNodeA = "nodea.example";
 constexpr const char* kNodeB = "nodeb";
-constexpr const char* kAccount = "quornatst";
+// An account of this process's own (tests may run in parallel processes).
+const std::string kAccount = "qnt" + std::to_string(getpid());
 constexpr const char* kPassword = "Remote-login-1";
 
 bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
@@ -116,7 +117,7 @@ class Fleet : public testutil::AgentDaemonTest {
                                       << "tls { cert_file: \"" << d << "/server.pem\"\n key_file: \"" << d
                                       << "/server.key\"\n ca_file: \"" << d << "/ca.pem\"\n verify: true }\n"
                                       << "include \"hosts.conf\"\n";
-    made = made && run("useradd -M -s /usr/sbin/nologin " + std::string(kAccount) + " && echo '" + kAccount + ":" +
+    made = made && run("useradd -M -s /usr/sbin/nologin " + kAccount + " && echo '" + kAccount + ":" +
                            kPassword + "' | chpasswd");
     broker_ = new Broker(d + "/broker.conf", port_);
     if (!made || !broker_->start()) skip("cannot make the certificates, the account or start the broker");
@@ -124,7 +125,7 @@ class Fleet : public testutil::AgentDaemonTest {
   static void TearDownTestSuite() {
     delete broker_;
     delete dir_;
-    if (geteuid() == 0) run("userdel " + std::string(kAccount) + " 2>/dev/null");
+    if (geteuid() == 0) run("userdel " + kAccount + " 2>/dev/null");
   }
   static void skip(std::string why) { skip_ = std::move(why); }
 
@@ -242,11 +243,11 @@ TEST_F(Fleet, RemoteStatusServedAndControlRefused) {
 // which answers the client on host B, and the logoff ends the session.
 TEST_F(Fleet, RemoteLoginTableAndLogoff) {
   start_host_a();
-  Outcome without = to_a({"login"});
+  Outcome without = to_a({"--timeout", "10", "login"});
   EXPECT_EQ(without.status, kCtlDaemonError) << without.err;
-  Outcome wrong = to_a({"login", "--password-stdin"}, {}, kNodeB, "not-it\n");
-  EXPECT_EQ(wrong.status, kCtlDaemonError) << wrong.err;
-  Outcome login = to_a({"login", "--password-stdin"}, {}, kNodeB, std::string(kPassword) + "\n");
+  Outcome wrong = to_a({"--timeout", "10", "login", "--password-stdin"}, {}, kNodeB, "not-it\n");
+  EXPECT_EQ(wrong.status, kCtlDaemonError) << wrong.err << daemon_->log() << daemon_->output();
+  Outcome login = to_a({"--timeout", "10", "login", "--password-stdin"}, {}, kNodeB, std::string(kPassword) + "\n");
   ASSERT_EQ(login.status, 0) << login.out << login.err << daemon_->log();
 
   std::string csv = dir_->str() + "/t.csv";
@@ -273,11 +274,13 @@ TEST_F(Fleet, BrokerRefusesImpostorsAndBadCredentials) {
   fs::path wrong = dir_->path() / "wrong.password";
   std::ofstream(wrong) << "not-the-password\n";
   std::map<std::string, std::string> wrong_password = {{"TEV_NATS_PASSWORD_FILE", wrong.string()}};
-  EXPECT_EQ(to_a({"status"}, wrong_password).status, kCtlNotRunning);
+  Outcome refused = to_a({"status"}, wrong_password);
+  EXPECT_EQ(refused.status, kCtlNotRunning) << refused.err;
   EXPECT_EQ(to_a({"status"}, {{"TEV_NATS_USER", ""}}).status, kCtlNotRunning);
   std::map<std::string, std::string> plain_text = {
       {"TEV_URL", "nats://127.0.0.1:" + std::to_string(port_)}, {"TEV_TLS_CA", ""}, {"TEV_TLS_CERT", ""}, {"TEV_TLS_KEY", ""}};
-  EXPECT_EQ(to_a({"status"}, plain_text).status, kCtlNotRunning);
+  Outcome plain = to_a({"status"}, plain_text);
+  EXPECT_EQ(plain.status, kCtlNotRunning) << plain.err;
   // Host B's user on a machine calling itself nodec: the broker drops what
   // it publishes as nodec.
   EXPECT_EQ(to_a({"status"}, {}, "nodec").status, kCtlNoReply);

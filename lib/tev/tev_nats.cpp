@@ -30,6 +30,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tev_backend.h"
@@ -41,8 +42,9 @@ namespace {
 // Messages a registration keeps before it reads them; past this the
 // newest is dropped and counted, so no sender can fill the process.
 constexpr int kMaxQueuedMessages = 256;
-constexpr int kConnectTimeoutMs = 1000;
+constexpr int kConnectTimeoutMs = 2000;
 constexpr int kReconnectWaitMs = 500;
+constexpr int kConnectRetryMs = 1000;
 constexpr int kPingIntervalMs = 5000;
 
 int broker_error(TevFeedback& fb, const std::string& what, natsStatus status) {
@@ -131,6 +133,9 @@ void on_complete(void* closure) { delete static_cast<InboxRef*>(closure); }
 
 enum class LinkState { unknown, up, down };
 
+class NatsLink;
+NatsLink* g_link = nullptr;  // the process's link, once made
+
 TevBrokerNotice g_notice = nullptr;
 
 class NatsLink {
@@ -139,16 +144,26 @@ class NatsLink {
   // settings are unusable. A broker that cannot be reached is no failure:
   // the link keeps trying in the background.
   static NatsLink* get(TevFeedback& fb) {
-    static NatsLink* link = nullptr;  // never destroyed: the library's threads outlive main
-    if (link != nullptr) return link;
+    if (g_link != nullptr) return g_link;
     auto made = std::make_unique<NatsLink>();
     if (made->connect(fb) != 0) return nullptr;
-    link = made.release();
-    return link;
+    g_link = made.release();  // never destroyed: the library's threads outlive main
+    return g_link;
   }
 
-  natsConnection* connection() const { return conn_; }
+  // Null until the first connection was made.
+  natsConnection* connection() const { return conn_.load(); }
+  unsigned generation() const { return generation_.load(); }
   bool connected() const { return state_.load() == LinkState::up; }
+
+  // A process whose first connection is still being made (a busy host, a
+  // slow handshake) waits for it a little before its first send; once the
+  // link has been up, a send never waits.
+  bool connected_or_first_wait() {
+    for (int i = 0; i < kConnectTimeoutMs / 20 && !connected() && !ever_up_.load(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return connected();
+  }
   pid_t owner() const { return owner_; }
 
   void watch(const std::shared_ptr<Inbox>& inbox) {
@@ -170,22 +185,57 @@ class NatsLink {
   }
 
  private:
+  // A broker that refuses or cannot be reached is no failure. The library
+  // reconnects to one that went away; a connection it gave up on (never
+  // made, or closed, as after a refused login) is made anew here, once a
+  // second, on a thread of the link's own.
   int connect(TevFeedback& fb) {
-    natsOptions* opts = nullptr;
-    if (natsStatus s = natsOptions_Create(&opts); s != NATS_OK) return broker_error(fb, "Broker options", s);
-    int rc = configure(fb, opts);
-    if (rc == 0) {
-      natsStatus s = with_signals_blocked([&] { return natsConnection_Connect(&conn_, opts); });
-      if (s == NATS_NOT_YET_CONNECTED) {
-        set_state(LinkState::down);  // retried in the background
-      } else if (s != NATS_OK) {
-        rc = broker_error(fb, "Broker " + broker_address(), s);
-      } else {
-        set_state(LinkState::up);
-      }
-    }
-    natsOptions_Destroy(opts);
-    return rc;
+    if (natsStatus s = natsOptions_Create(&opts_); s != NATS_OK) return broker_error(fb, "Broker options", s);
+    if (int rc = configure(fb, opts_); rc != 0) return rc;
+    retrying_ = true;
+    if (!try_connect()) start_retrying();
+    return 0;
+  }
+
+  // The retrying thread ends before the process does (an exit must not
+  // find it inside the library).
+  void start_retrying() {
+    set_state(LinkState::down);
+    std::lock_guard lock(retry_mutex_);
+    if (retry_thread_.joinable()) retry_thread_.join();  // a thread that has finished
+    retry_thread_ = with_signals_blocked([this] {
+      return std::thread([this] {
+        while (!stopping_ && !try_connect())
+          for (int i = 0; i < kConnectRetryMs / 50 && !stopping_; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      });
+    });
+    static bool registered = std::atexit([] { if (g_link != nullptr) g_link->stop_retrying(); }) == 0;
+    (void)registered;
+  }
+
+  void stop_retrying() {
+    stopping_ = true;
+    std::lock_guard lock(retry_mutex_);
+    if (retry_thread_.joinable()) retry_thread_.join();
+  }
+
+  // True when the library has a connection (up, or reconnecting by itself).
+  // Subscriptions on an earlier connection keep their own reference to it.
+  bool try_connect() {
+    natsConnection* conn = nullptr;
+    natsStatus s = with_signals_blocked([&] { return natsConnection_Connect(&conn, opts_); });
+    if (s != NATS_OK && s != NATS_NOT_YET_CONNECTED) return false;
+    if (natsConnection* old = conn_.exchange(conn)) natsConnection_Destroy(old);
+    generation_.fetch_add(1);
+    retrying_ = false;
+    set_state(s == NATS_OK ? LinkState::up : LinkState::down);
+    return true;
+  }
+
+  static void on_closed(natsConnection*, void* closure) {
+    auto* link = static_cast<NatsLink*>(closure);
+    if (!link->retrying_.exchange(true)) link->start_retrying();
   }
 
   int configure(TevFeedback& fb, natsOptions* opts) {
@@ -201,7 +251,7 @@ class NatsLink {
     if (s == NATS_OK) s = natsOptions_SetRetryOnFailedConnect(opts, true, on_up, this);
     if (s == NATS_OK) s = natsOptions_SetReconnectedCB(opts, on_up, this);
     if (s == NATS_OK) s = natsOptions_SetDisconnectedCB(opts, on_down, this);
-    if (s == NATS_OK) s = natsOptions_SetClosedCB(opts, on_down, this);
+    if (s == NATS_OK) s = natsOptions_SetClosedCB(opts, on_closed, this);
     if (s != NATS_OK) return broker_error(fb, "Broker options", s);
     if (int rc = configure_credentials(fb, opts); rc != 0) return rc;
     return configure_tls(fb, opts);
@@ -240,6 +290,7 @@ class NatsLink {
 
   void set_state(LinkState state) {
     state_.store(state);
+    if (state == LinkState::up) ever_up_.store(true);
     std::lock_guard lock(mutex_);
     for (const auto& inbox : watchers_) inbox->wake();
   }
@@ -249,7 +300,14 @@ class NatsLink {
     static_cast<NatsLink*>(closure)->set_state(LinkState::down);
   }
 
-  natsConnection* conn_ = nullptr;
+  natsOptions* opts_ = nullptr;  // kept for connecting again
+  std::atomic<natsConnection*> conn_{nullptr};
+  std::atomic<unsigned> generation_{0};  // connections made so far
+  std::atomic<bool> retrying_{false};
+  std::atomic<bool> stopping_{false};
+  std::atomic<bool> ever_up_{false};
+  std::mutex retry_mutex_;
+  std::thread retry_thread_;
   pid_t owner_ = getpid();
   std::atomic<LinkState> state_{LinkState::unknown};
   LinkState reported_ = LinkState::unknown;  // the receiving thread's alone
@@ -270,21 +328,13 @@ class NatsEndpoint final : public TevEndpoint {
     // library's threads did not come with it.
     if (getpid() != link_.owner()) return;
     link_.unwatch(inbox_);
-    for (natsSubscription* sub : subs_) {
-      natsSubscription_Unsubscribe(sub);
-      natsSubscription_Destroy(sub);
-    }
+    drop_subscriptions();
   }
 
   int open(TevFeedback& fb) {
     if (inbox_->event_fd < 0) return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, errno, "Broker wake-up");
-    std::string node(identity_.system_id()), app(identity_.app_name());
-    for (const std::string& subject : {tev_subject_inbox(node, app), tev_subject_broadcast_inbox(app)})
-      if (int rc = subscribe(fb, subject); rc != 0) return rc;
     link_.watch(inbox_);
-    // The broker knows the subscriptions once it has answered a ping; when
-    // it is away, they are made again on reconnecting.
-    if (link_.connected()) natsConnection_FlushTimeout(link_.connection(), kConnectTimeoutMs);
+    (void)subscribe_once_connected(fb);  // else on a later receive or send
     return 0;
   }
 
@@ -294,7 +344,8 @@ class NatsEndpoint final : public TevEndpoint {
 
   int send(TevFeedback& fb, std::uint8_t kind, std::uint32_t conversation, const TevIdentity& local,
            const TevIdentity& remote, std::span<const std::uint8_t> payload) override {
-    if (!link_.connected()) return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, 0, "Broker not connected");
+    if (!link_.connected_or_first_wait() || subscribe_once_connected(fb) != 0)
+      return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, 0, "Broker not connected");
     TevSubject subject{std::string(remote.system_id()), std::string(remote.app_name()),
                        std::string(local.system_id()), std::string(local.app_name())};
     std::vector<std::uint8_t> message(kTevHeaderSize + payload.size());
@@ -312,6 +363,8 @@ class NatsEndpoint final : public TevEndpoint {
   int receive(TevFeedback& fb, TevIncoming& out, std::size_t max_payload, int timeout_ms) override {
     release_current();
     link_.report_changes();
+    TevFeedback ignored;
+    (void)subscribe_once_connected(ignored);
     for (;;) {
       inbox_->clear_wake();
       if (natsMsg* msg = next(fb)) {
@@ -329,15 +382,40 @@ class NatsEndpoint final : public TevEndpoint {
       if (r < 0 && errno == EINTR) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRcvCnc, EINTR, "Receive was canceled");
       if (r == 0) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
       link_.report_changes();
+      (void)subscribe_once_connected(ignored);
     }
   }
 
  private:
-  int subscribe(TevFeedback& fb, const std::string& subject) {
+  // Subscribes as soon as the link has a connection (the library makes
+  // the subscriptions again after a reconnect). The broker knows them once
+  // it has answered a ping.
+  int subscribe_once_connected(TevFeedback& fb) {
+    natsConnection* conn = link_.connection();
+    unsigned generation = link_.generation();
+    if (conn == nullptr || generation == subscribed_generation_) return 0;
+    drop_subscriptions();
+    std::string node(identity_.system_id()), app(identity_.app_name());
+    for (const std::string& subject : {tev_subject_inbox(node, app), tev_subject_broadcast_inbox(app)})
+      if (int rc = subscribe(fb, conn, subject); rc != 0) return rc;
+    subscribed_generation_ = generation;
+    if (link_.connected()) natsConnection_FlushTimeout(conn, kConnectTimeoutMs);
+    return 0;
+  }
+
+  void drop_subscriptions() {
+    for (natsSubscription* sub : subs_) {
+      natsSubscription_Unsubscribe(sub);
+      natsSubscription_Destroy(sub);
+    }
+    subs_.clear();
+  }
+
+  int subscribe(TevFeedback& fb, natsConnection* conn, const std::string& subject) {
     auto* ref = new InboxRef{inbox_};
     natsSubscription* sub = nullptr;
     natsStatus s = with_signals_blocked(
-        [&] { return natsConnection_Subscribe(&sub, link_.connection(), subject.c_str(), on_message, ref); });
+        [&] { return natsConnection_Subscribe(&sub, conn, subject.c_str(), on_message, ref); });
     if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(sub, on_complete, ref);
     if (s != NATS_OK) {
       if (sub != nullptr) natsSubscription_Destroy(sub);
@@ -389,6 +467,7 @@ class NatsEndpoint final : public TevEndpoint {
   std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
   std::vector<natsSubscription*> subs_;
   natsMsg* current_ = nullptr;  // holds the payload of the last message received
+  unsigned subscribed_generation_ = 0;  // the link's connection the subscriptions are on
 };
 
 }  // namespace

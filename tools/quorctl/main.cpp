@@ -23,7 +23,7 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: quorctl [--server NAME] [--host NODE] [--timeout SECONDS] [--user NAME] [--json] COMMAND [ARGS]\n"
+    "usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND [ARGS]\n"
     "\n"
     "commands:\n"
     "  status [--full]                 the daemon's brief (or full) status report\n"
