@@ -145,8 +145,9 @@ class NatsLink {
   // the link keeps trying in the background.
   static NatsLink* get(TevFeedback& fb) {
     if (g_link != nullptr) return g_link;
+    // The library starts threads of its own from its first call on.
     auto made = std::make_unique<NatsLink>();
-    if (made->connect(fb) != 0) return nullptr;
+    if (with_signals_blocked([&] { return made->connect(fb); }) != 0) return nullptr;
     g_link = made.release();  // never destroyed: the library's threads outlive main
     return g_link;
   }
