@@ -95,7 +95,8 @@ TevCallResult TevClient::call_everywhere(std::string_view server, const std::vec
   std::uint32_t conversation = next_conv_++;
   if (next_conv_ == 0) next_conv_ = 1;
   bool sent = false;
-  for (std::string_view node : {std::string_view(tev_node_name()), kTevEveryNode}) {
+  const std::string here = tev_node_name();
+  for (std::string_view node : {std::string_view(here), kTevEveryNode}) {
     if (node == kTevEveryNode && !tev_broker_configured()) continue;
     TevIdentity remote;
     remote.set_system_id(node);
