@@ -238,6 +238,19 @@ TEST_F(Fleet, RemoteStatusServedAndControlRefused) {
   EXPECT_NE(daemon_->log().find("T request from host nodeb"), std::string::npos);
 }
 
+// What a remote host may do is the configuration's to say: a host in
+// ADMIN_NODES may control the daemon; the default login account is for
+// local users only, so a remote request without a session is refused.
+TEST_F(Fleet, RemoteRightsFollowTheConfiguration) {
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  start_host_a("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\nADMIN_NODES: nodec,nodeb\n");
+  Outcome refresh = to_a({"refresh"});
+  EXPECT_EQ(refresh.status, 0) << refresh.err;
+  Outcome run = to_a({"run", "PROBE", "ANSWER"});
+  EXPECT_EQ(run.status, kCtlDaemonError) << run.out;
+  EXPECT_FALSE(next_probe(25));
+}
+
 // A remote login needs the account's password (the client's own account
 // counts for nothing from another host); then a table goes to an agent,
 // which answers the client on host B, and the logoff ends the session.
