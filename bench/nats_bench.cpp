@@ -33,14 +33,15 @@
 #include <string>
 #include <vector>
 
-#include "quortev.h"
-#include "quortran.h"
-#include "quortrl.h"
-#include "quorutl.h"
-#include "tev.h"
+#include "bench_util.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using bench::Figures;
+using bench::StatusClient;
+using bench::pin;
+using bench::proc_field;
+using bench::summarize;
 
 namespace {
 
@@ -48,40 +49,6 @@ constexpr const char* kDaemonNode = "bench-a";
 constexpr const char* kClientNode = "bench-b";
 constexpr int kClients = 64;
 constexpr int kThroughputSeconds = 5;
-
-struct Figures {
-  double mean_us = 0;
-  double median_us = 0;
-};
-
-Figures summarize(std::vector<double>& samples) {
-  std::sort(samples.begin(), samples.end());
-  double sum = 0;
-  for (double s : samples) sum += s;
-  return {sum / static_cast<double>(samples.size()), samples[samples.size() / 2]};
-}
-
-// Pins `pid` and all its threads to CPU 0, or lets them run anywhere.
-void pin(pid_t pid, bool on) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  if (on) {
-    CPU_SET(0, &set);
-  } else {
-    for (int cpu = 0; cpu < CPU_SETSIZE && cpu < static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)); ++cpu)
-      CPU_SET(cpu, &set);
-  }
-  std::error_code ec;
-  for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec))
-    sched_setaffinity(static_cast<pid_t>(std::stol(task.path().filename().string())), sizeof set, &set);
-}
-
-std::string proc_field(pid_t pid, const char* field) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(in, line);)
-    if (line.rfind(field, 0) == 0) return line.substr(std::string(field).size() + 1);
-  return "?";
-}
 
 int free_port() {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -151,55 +118,6 @@ Figures plain_request_reply(natsConnection* nc, std::size_t request_size, int ro
 
 // ---------------------------------------------------------------------------
 // The daemon
-
-class StatusClient {
- public:
-  explicit StatusClient(const std::string& node) {
-    static int made = 0;
-    id_.set_app_name("BENCH." + std::to_string(getpid()) + "." + std::to_string(++made));
-    if (TevInit(fb_, id_, kTevModeNormal) != 0) {
-      std::fprintf(stderr, "nats_bench: cannot register: %s\n", fb_.FB_ErrorText.c_str());
-      std::exit(3);
-    }
-    id_ = fb_.FB_Local_Id;
-    server_.set_system_id(node);
-    server_.set_app_name(kServerName);
-    std::array<char, BUFFER_MAX> buf{};
-    OutBuf out(buf);
-    tran_header_put("B", "N", out);
-    quor_trl_put("N", out);
-    quor_wire_seal(buf, out.pos);
-    request_.assign(buf.begin(), buf.begin() + static_cast<long>(out.pos));
-    reply_.resize(kTevMaxPayload);
-  }
-  ~StatusClient() { TevTerm(fb_, id_, kTevModeNormal); }
-
-  // One brief status round trip; the reply's size, 0 on failure.
-  std::size_t round_trip() {
-    TevFeedback fb;
-    if (TevSend(fb, id_, server_, request_.data(), request_.size(), kTevModeNormal, ++conversation_) != 0) return 0;
-    TevIdentity sender;
-    TevInquiry inquiry;
-    if (TevRecvTimed(fb, id_, sender, reply_.data(), reply_.size(), inquiry, 5000) != 0) return 0;
-    return fb.FB_DataLen;
-  }
-  std::size_t request_size() const { return request_.size(); }
-
-  pid_t daemon_pid() {
-    std::size_t n = round_trip();
-    std::vector<char> plain(reply_.begin(), reply_.begin() + static_cast<long>(n));
-    if (n == 0 || quor_wire_open(plain, n) == 0) return 0;
-    std::string text(plain.begin(), plain.end());
-    std::size_t at = text.find("pid=");
-    return at == std::string::npos ? 0 : static_cast<pid_t>(std::atol(text.c_str() + at + 4));
-  }
-
- private:
-  TevIdentity id_, server_;
-  TevFeedback fb_;
-  std::vector<std::uint8_t> request_, reply_;
-  std::uint32_t conversation_ = 0;
-};
 
 Figures status_round_trips(StatusClient& client, int rounds) {
   std::vector<double> samples;
