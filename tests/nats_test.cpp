@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <nats/nats.h>
 #include <sys/socket.h>
 
 #include <cstdio>
@@ -15,6 +16,8 @@
 #include "agent_fixture.h"
 #include "ctl_commands.h"
 #include "ctl_text.h"
+#include "tev_subject.h"
+#include "tev_wire.h"
 
 namespace {
 
@@ -298,6 +301,66 @@ TEST_F(Fleet, BrokerRefusesImpostorsAndBadCredentials) {
   // it publishes as nodec.
   EXPECT_EQ(to_a({"status"}, {}, "nodec").status, kCtlNoReply);
   EXPECT_EQ(daemon_->log().find("nodec"), std::string::npos);
+}
+
+// Publishes `sender`'s datagram to `receiver` as broker user `user`, on the
+// subject naming `subject_sender` as the sender.
+void publish_as(const std::map<std::string, std::string>& settings, const TevIdentity& sender,
+                const TevIdentity& receiver, const TevIdentity& subject_sender) {
+  natsOptions* opts = nullptr;
+  natsConnection* nc = nullptr;
+  std::string password = read_file(settings.at("TEV_NATS_PASSWORD_FILE"));
+  password.pop_back();
+  ASSERT_EQ(natsOptions_Create(&opts), NATS_OK);
+  natsOptions_SetURL(opts, settings.at("TEV_URL").c_str());
+  natsOptions_SetUserInfo(opts, settings.at("TEV_NATS_USER").c_str(), password.c_str());
+  natsOptions_SetSecure(opts, true);
+  natsOptions_LoadCATrustedCertificates(opts, settings.at("TEV_TLS_CA").c_str());
+  natsOptions_LoadCertificatesChain(opts, settings.at("TEV_TLS_CERT").c_str(), settings.at("TEV_TLS_KEY").c_str());
+  ASSERT_EQ(natsConnection_Connect(&nc, opts), NATS_OK);
+  std::vector<std::uint8_t> datagram(kTevHeaderSize + 2, 'x');
+  tev_encode_header(std::span<std::uint8_t, kTevHeaderSize>(datagram.data(), kTevHeaderSize), kTevKindData, 7, sender,
+                    receiver, 2);
+  std::string subject = tev_subject_text({std::string(receiver.system_id()), std::string(receiver.app_name()),
+                                          std::string(subject_sender.system_id()), std::string(subject_sender.app_name())});
+  EXPECT_EQ(natsConnection_Publish(nc, subject.c_str(), datagram.data(), static_cast<int>(datagram.size())), NATS_OK);
+  natsConnection_Flush(nc);
+  natsConnection_Destroy(nc);
+  natsOptions_Destroy(opts);
+}
+
+// A receiver takes the sender from the subject, which the broker checked:
+// a datagram whose sender block names another node, or a message claiming
+// the receiver's own node, is dropped and counted.
+TEST_F(Fleet, ReceiverTrustsTheSubjectNotTheSenderBlock) {
+  std::map<std::string, std::string> a = host_env(kNodeA);
+  std::vector<std::unique_ptr<testutil::EnvGuard>> env;
+  for (auto& [k, v] : a) env.push_back(std::make_unique<testutil::EnvGuard>(k.c_str(), v));
+  TevIdentity receiver, b, c, own;
+  receiver.set_app_name("NATSRCV");
+  TevFeedback fb;
+  ASSERT_EQ(TevInit(fb, receiver, kTevModeNormal), 0) << fb.FB_ErrorText;
+  receiver = fb.FB_Local_Id;
+  b.set_system_id(kNodeB);
+  b.set_app_name("SENDER");
+  c = b;
+  c.set_system_id("nodec");
+  own = b;
+  own.set_system_id(kNodeA);
+  publish_as(host_env(kNodeB), c, receiver, b);     // the block lies about the node
+  publish_as(host_env(kNodeB), b, receiver, b);     // as it should be
+  publish_as(host_env(kNodeA), own, receiver, own);  // this node, through the broker
+  TevIdentity from;
+  TevInquiry inquiry;
+  char buf[16];
+  TevFeedback rfb;
+  ASSERT_EQ(TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 3000), 0) << rfb.FB_ErrorText;
+  EXPECT_EQ(from, b);
+  EXPECT_EQ(inquiry.host, kNodeB);
+  EXPECT_EQ(inquiry.uid, static_cast<uid_t>(-1));
+  EXPECT_EQ(TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 500), 1);
+  EXPECT_EQ(rfb.FB_Dropped, 2u);
+  TevTerm(fb, receiver, kTevModeNormal);
 }
 
 // The broker going away and coming back: local clients are served all the
