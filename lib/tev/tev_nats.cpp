@@ -149,6 +149,7 @@ class NatsLink {
     auto made = std::make_unique<NatsLink>();
     if (with_signals_blocked([&] { return made->connect(fb); }) != 0) return nullptr;
     g_link = made.release();  // never destroyed: the library's threads outlive main
+    std::atexit(at_exit);
     return g_link;
   }
 
@@ -211,8 +212,23 @@ class NatsLink {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
       });
     });
-    static bool registered = std::atexit([] { if (g_link != nullptr) g_link->stop_retrying(); }) == 0;
-    (void)registered;
+  }
+
+ public:
+  // Hands what was published to the broker before the caller goes on (a
+  // process about to exit must not lose its last message in a buffer).
+  void flush() {
+    if (natsConnection* conn = conn_.load(); conn != nullptr && connected())
+      natsConnection_FlushTimeout(conn, kConnectTimeoutMs);
+  }
+
+ private:
+  // At exit: the last messages go out, and the retrying thread ends before
+  // the library is torn down.
+  static void at_exit() {
+    if (g_link == nullptr || getpid() != g_link->owner_) return;
+    g_link->flush();
+    g_link->stop_retrying();
   }
 
   void stop_retrying() {
@@ -330,6 +346,7 @@ class NatsEndpoint final : public TevEndpoint {
     if (getpid() != link_.owner()) return;
     link_.unwatch(inbox_);
     drop_subscriptions();
+    link_.flush();
   }
 
   int open(TevFeedback& fb) {

@@ -1,7 +1,9 @@
 // One registration over both backends. Traffic between processes of this
 // host stays on the local backend, with the kernel's word on the sender; a
-// message for another node goes through the broker. A receive takes from
-// whichever has something, in turn, so neither can starve the other.
+// message for another node goes through the broker. A receive takes what
+// has arrived locally first: a local message sent before something that
+// caused a remote one (an agent reporting a login, then answering its remote
+// client, who then sends the next request) is then also read first.
 #include <poll.h>
 
 #include <cerrno>
@@ -53,10 +55,8 @@ class RoutedEndpoint final : public TevEndpoint {
   // A message from either backend without waiting: 0 taken, 1 failed,
   // -1 nothing there.
   int take_either(TevFeedback& fb, TevIncoming& out, std::size_t max_payload) {
-    unsigned first = turn_++;
-    for (unsigned i = 0; i < 2; ++i) {
-      TevEndpoint& from = ((first + i) % 2 == 0) ? *local_ : *broker_;
-      if (from.receive(fb, out, max_payload, 0) == 0) return 0;
+    for (TevEndpoint* from : {local_.get(), broker_.get()}) {
+      if (from->receive(fb, out, max_payload, 0) == 0) return 0;
       if (fb.FB_Src != kTevSrcRtmOut) return 1;
     }
     return -1;
@@ -64,7 +64,6 @@ class RoutedEndpoint final : public TevEndpoint {
 
   std::unique_ptr<TevEndpoint> local_;
   std::unique_ptr<TevEndpoint> broker_;
-  unsigned turn_ = 0;
 };
 
 }  // namespace
