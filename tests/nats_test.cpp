@@ -240,7 +240,7 @@ TEST_F(Fleet, RemoteLoginTableAndLogoff) {
   EXPECT_EQ(without.status, kCtlDaemonError) << without.err;
   settle();
   Outcome wrong = to_a({"--timeout", "10", "login", "--password-stdin"}, {}, kNodeB, "not-it\n");
-  EXPECT_EQ(wrong.status, kCtlDaemonError) << wrong.err;
+  EXPECT_EQ(wrong.status, kCtlDaemonError) << wrong.err << daemon_->log();
   settle();
   Outcome login = to_a({"--timeout", "10", "login", "--password-stdin"}, {}, kNodeB, std::string(kPassword) + "\n");
   ASSERT_EQ(login.status, 0) << login.out << login.err << daemon_->log();
