@@ -230,6 +230,11 @@ TEST_F(Fleet, RemoteRightsFollowTheConfiguration) {
 // counts for nothing from another host); then a table goes to an agent,
 // which answers the client on host B, and the logoff ends the session.
 TEST_F(Fleet, RemoteLoginTableAndLogoff) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The sanitizer's crypt interceptor has no function to call when PAM's
+  // module loads the crypt library itself: a real password check crashes.
+  GTEST_SKIP() << "a password check through PAM cannot run under AddressSanitizer";
+#endif
   start_host_a();
   // A refused login's agent ends, and its session with it, before the next.
   auto settle = [&] {
