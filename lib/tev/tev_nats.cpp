@@ -83,6 +83,28 @@ auto with_signals_blocked(Fn fn) {
   return result;
 }
 
+// Runs `fn`, which may write to the broker's socket from this thread, with
+// SIGPIPE held back and any it raised discarded: a connection the broker
+// dropped must fail the write, not end the process (the daemon treats
+// SIGPIPE as fatal; a TLS write cannot ask the kernel not to raise it).
+template <typename Fn>
+auto without_sigpipe(Fn fn) {
+  sigset_t pipe, old, pending;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, &old);
+  sigpending(&pending);
+  bool was_pending = sigismember(&pending, SIGPIPE) == 1;
+  auto result = fn();
+  sigpending(&pending);
+  if (!was_pending && sigismember(&pending, SIGPIPE) == 1) {
+    timespec none{0, 0};
+    sigtimedwait(&pipe, nullptr, &none);
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  return result;
+}
+
 // ---------------------------------------------------------------------------
 // What one registration has received and not yet read.
 
@@ -219,7 +241,7 @@ class NatsLink {
   // process about to exit must not lose its last message in a buffer).
   void flush() {
     if (natsConnection* conn = conn_.load(); conn != nullptr && connected())
-      natsConnection_FlushTimeout(conn, kConnectTimeoutMs);
+      without_sigpipe([&] { return natsConnection_FlushTimeout(conn, kConnectTimeoutMs); });
   }
 
  private:
@@ -370,8 +392,11 @@ class NatsEndpoint final : public TevEndpoint {
     tev_encode_header(std::span<std::uint8_t, kTevHeaderSize>(message.data(), kTevHeaderSize), kind, conversation,
                       local, remote, payload.size());
     if (!payload.empty()) std::memcpy(message.data() + kTevHeaderSize, payload.data(), payload.size());
-    natsStatus s = natsConnection_Publish(link_.connection(), tev_subject_text(subject).c_str(), message.data(),
-                                          static_cast<int>(message.size()));
+    std::string subject_text = tev_subject_text(subject);
+    natsStatus s = without_sigpipe([&] {
+      return natsConnection_Publish(link_.connection(), subject_text.c_str(), message.data(),
+                                    static_cast<int>(message.size()));
+    });
     if (s == NATS_OK) return 0;
     if (s == NATS_CONNECTION_DISCONNECTED || s == NATS_CONNECTION_CLOSED)
       return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, 0, "Broker not connected");
@@ -417,7 +442,7 @@ class NatsEndpoint final : public TevEndpoint {
     for (const std::string& subject : {tev_subject_inbox(node, app), tev_subject_broadcast_inbox(app)})
       if (int rc = subscribe(fb, conn, subject); rc != 0) return rc;
     subscribed_generation_ = generation;
-    if (link_.connected()) natsConnection_FlushTimeout(conn, kConnectTimeoutMs);
+    if (link_.connected()) without_sigpipe([&] { return natsConnection_FlushTimeout(conn, kConnectTimeoutMs); });
     return 0;
   }
 
