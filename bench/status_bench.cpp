@@ -24,47 +24,17 @@
 #include <string>
 #include <vector>
 
-#include "quortev.h"
-#include "quortran.h"
-#include "quortrl.h"
-#include "quorutl.h"
-#include "tev.h"
+#include "bench_util.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using bench::Figures;
+using bench::StatusClient;
+using bench::pin;
+using bench::proc_field;
+using bench::summarize;
 
 namespace {
-
-struct Figures {
-  double mean_us = 0;
-  double median_us = 0;
-};
-
-Figures summarize(std::vector<double>& samples) {
-  std::sort(samples.begin(), samples.end());
-  double sum = 0;
-  for (double s : samples) sum += s;
-  return {sum / static_cast<double>(samples.size()), samples[samples.size() / 2]};
-}
-
-void pin(pid_t pid, bool on) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  if (on) {
-    CPU_SET(0, &set);
-  } else {
-    for (int cpu = 0; cpu < CPU_SETSIZE && cpu < static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)); ++cpu)
-      CPU_SET(cpu, &set);
-  }
-  sched_setaffinity(pid, sizeof set, &set);
-}
-
-std::string proc_field(pid_t pid, const char* field) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(in, line);)
-    if (line.rfind(field, 0) == 0) return line.substr(std::string(field).size() + 1);
-  return "?";
-}
 
 // ---------------------------------------------------------------------------
 // Baseline: a request of `request_size` bytes answered by `reply_size` bytes
@@ -165,52 +135,6 @@ Figures transport_echo(std::size_t request_size, std::size_t reply_size, int rou
 
 // ---------------------------------------------------------------------------
 // The daemon
-
-class StatusClient {
- public:
-  StatusClient() {
-    id_.set_app_name("BENCH." + std::to_string(getpid()));
-    if (TevInit(fb_, id_, kTevModeNormal) != 0) std::exit(3);
-    id_ = fb_.FB_Local_Id;
-    server_.set_system_id(tev_node_name());
-    server_.set_app_name(kServerName);
-    std::array<char, BUFFER_MAX> buf{};
-    OutBuf out(buf);
-    tran_header_put("B", "N", out);
-    quor_trl_put("N", out);
-    quor_wire_seal(buf, out.pos);
-    request_.assign(buf.begin(), buf.begin() + static_cast<long>(out.pos));
-    reply_.resize(kTevMaxPayload);
-  }
-  ~StatusClient() { TevTerm(fb_, id_, kTevModeNormal); }
-
-  // One brief status round trip; the reply's size, 0 on failure.
-  std::size_t round_trip() {
-    TevFeedback fb;
-    if (TevSend(fb, id_, server_, request_.data(), request_.size(), kTevModeNormal, ++conversation_) != 0) return 0;
-    TevIdentity sender;
-    TevInquiry inquiry;
-    if (TevRecv(fb, id_, sender, reply_.data(), reply_.size(), kTevModeRecvAny, inquiry) != 0) return 0;
-    return fb.FB_DataLen;
-  }
-  std::size_t request_size() const { return request_.size(); }
-
-  // The daemon's pid from the first line of its report.
-  pid_t daemon_pid() {
-    std::size_t n = round_trip();
-    std::vector<char> plain(reply_.begin(), reply_.begin() + static_cast<long>(n));
-    if (n == 0 || quor_wire_open(plain, n) == 0) return 0;
-    std::string text(plain.begin(), plain.end());
-    std::size_t at = text.find("pid=");
-    return at == std::string::npos ? 0 : static_cast<pid_t>(std::atol(text.c_str() + at + 4));
-  }
-
- private:
-  TevIdentity id_, server_;
-  TevFeedback fb_;
-  std::vector<std::uint8_t> request_, reply_;
-  std::uint32_t conversation_ = 0;
-};
 
 Figures status_round_trips(StatusClient& client, pid_t daemon, int rounds, bool pinned) {
   pin(daemon, pinned);

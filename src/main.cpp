@@ -99,7 +99,14 @@ void capture_standard_error() {
   quor_capture_set_file(name);
 }
 
+// The broker connection coming and going is logged once each way; the
+// daemon goes on serving local clients meanwhile.
+void log_broker_change(bool connected, const std::string& broker) {
+  quor_msg_log(connected ? 403 : 404, connected ? 1 : 2, broker);
+}
+
 void register_server(Registration& reg) {
+  TevSetBrokerNotice(log_broker_change);
   if (int rc = quor_tev_register_server(reg.id, reg.fb, kServerName); rc != 0) {
     MOmsgf(2, __LINE__, "../src/quordaemon", mo_identifier(20, 4), MO_LOG | 1, {std::to_string(rc)});
     if (quor_debug() && rc == 2) tev_dump_feedback("    TevInit failed", reg.fb);

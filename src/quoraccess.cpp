@@ -4,6 +4,7 @@
 
 #include <charconv>
 
+#include "quorconfig.h"
 #include "quorderr.h"
 #include "quortev.h"
 
@@ -49,9 +50,18 @@ bool quor_client_may_use(const ClientId& owner, const ClientId& client) {
 
 bool quor_control_permitted(char type, ConnRecord& conn) {
   ClientId client = quor_client_of(conn.inquiry);
-  if (quor_client_trusted(client)) return true;
+  if (quor_client_trusted(client) || (client.known && quor_admin_node(client.host))) return true;
   std::string what = std::string(1, type) + " request from " + quor_client_text(client);
   quor_msg_log(304, 2, what);
   quor_error_reply(1, quor_msg_text(304, 2, what), conn);
+  return false;
+}
+
+bool quor_node_claim_permitted(std::string_view claimed_node, ConnRecord& conn) {
+  const std::string& host = conn.inquiry.host;
+  if (!conn.inquiry.valid || host.empty() || claimed_node == host) return true;
+  std::string what = host + " (NOD " + std::string(claimed_node) + ")";
+  quor_msg_log(313, 2, what);
+  quor_error_reply(1, quor_msg_text(313, 2, what), conn);
   return false;
 }

@@ -48,10 +48,15 @@ std::optional<ClientId> quor_client_parse(std::string_view text);
 // Whether `client` may act in a session that `owner` logged in.
 bool quor_client_may_use(const ClientId& owner, const ClientId& client);
 
-// TERMINATE, KILLALL, REFRESH and CLEANUP come only from trusted clients.
-// For anybody else the request is answered with an error reply, logged,
-// and false returned.
+// TERMINATE, KILLALL, REFRESH and CLEANUP come only from trusted clients,
+// or from clients on a host listed in ADMIN_NODES. For anybody else the
+// request is answered with an error reply, logged, and false returned.
 bool quor_control_permitted(char type, ConnRecord& conn);
+
+// A client on another host may name only its own node in a request's "NOD"
+// (sessions are kept by user and node). A request that names another is
+// answered with an error reply, logged, and false returned.
+bool quor_node_claim_permitted(std::string_view claimed_node, ConnRecord& conn);
 
 // What one client may hold at a time. A trusted client may be a gateway
 // relaying for many users, so its limit on unfinished transactions is high

@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstdlib>
@@ -59,17 +60,29 @@ std::optional<std::string_view> line_value(std::string_view line) {
   return line.substr(i, end - i);
 }
 
-enum class Key { ObjectMap, LanguageMap, TransactionTimeout, LoginTimeout, LoginRequired, DefaultLogin };
+enum class Key { ObjectMap, LanguageMap, TransactionTimeout, LoginTimeout, LoginRequired, DefaultLogin, AdminNodes };
 
 // Tried in this order; a line matches a key when it begins with it.
-constexpr std::array<std::pair<std::string_view, Key>, 6> kKeys = {{
+constexpr std::array<std::pair<std::string_view, Key>, 7> kKeys = {{
     {"OBJECT_MAP_FILE", Key::ObjectMap},
     {"LANGUAGE_MAP_FILE", Key::LanguageMap},
     {"TRANSACTION_TIMEOUT", Key::TransactionTimeout},
     {"LOGIN_TIMEOUT", Key::LoginTimeout},
     {"LOGIN_REQUIRED", Key::LoginRequired},
     {"DEFAULT_LOGIN_NAME", Key::DefaultLogin},
+    {"ADMIN_NODES", Key::AdminNodes},
 }};
+
+// A comma-separated list of node names; empty entries are skipped.
+std::vector<std::string> node_list(std::string_view value) {
+  std::vector<std::string> nodes;
+  while (!value.empty()) {
+    std::size_t comma = std::min(value.find(','), value.size());
+    if (comma > 0) nodes.emplace_back(value.substr(0, comma));
+    value.remove_prefix(std::min(comma + 1, value.size()));
+  }
+  return nodes;
+}
 
 std::optional<Key> line_key(std::string_view line) {
   for (const auto& [name, key] : kKeys)
@@ -90,6 +103,9 @@ int apply(QuorConfig& config, Key key, std::string_view value) {
     case Key::DefaultLogin:
       config.nologin_user = value.substr(0, kMaxLoginName);
       if (quor_debug()) quor_trace("nologinUser = %s\n", config.nologin_user.c_str());
+      return 0;
+    case Key::AdminNodes:
+      config.admin_nodes = node_list(value);
       return 0;
     default:
       break;
@@ -178,6 +194,11 @@ QuorConfig& quor_config() {
 ObjectMap& quor_objmap() {
   static ObjectMap map;
   return map;
+}
+
+bool quor_admin_node(std::string_view node) {
+  const std::vector<std::string>& nodes = quor_config().admin_nodes;
+  return !node.empty() && std::find(nodes.begin(), nodes.end(), node) != nodes.end();
 }
 
 std::string quor_install_root() {

@@ -36,7 +36,11 @@ struct QuorConfig {
   std::string nologin_user;             // DEFAULT_LOGIN_NAME, at most 32 characters
   std::int32_t login_required = 1;      // LOGIN_REQUIRED; 0: run as nologin_user
   pid_t default_login_child = 0;        // login program of nologin_user
+  std::vector<std::string> admin_nodes; // ADMIN_NODES: hosts whose clients may control the daemon
 };
+
+// Whether clients on host `node` may control the daemon (ADMIN_NODES).
+bool quor_admin_node(std::string_view node);
 
 struct ObjectMapEntry {
   std::string object_name;

@@ -186,6 +186,7 @@ void quor_dispatch(DaemonLoop& loop) {
   (void)tran_header_read(request_text(loop), header);
   char type = header.type();
   loop.last_type = type;
+  if (!quor_node_claim_permitted(header.node, loop.conn)) return;
   note_activity(header, loop.conn);
   // Only the operator controls the daemon; anybody may ask for its status.
   if ((type == 'T' || type == 'K' || type == 'R' || type == 'C') && !quor_control_permitted(type, loop.conn)) return;

@@ -127,10 +127,12 @@ UserEntry* login_session(const TransactionHeader& header, const ClientId& sender
 
 // A transaction without a login, where one is needed, or that claims a
 // session another client owns, is refused once its last buffer has arrived.
-bool refused_without_login(ChildEntry& entry, bool foreign, InBuf buf, ConnRecord& conn) {
+// A client on another host always needs a login: the default account is
+// for this host's users.
+bool refused_without_login(ChildEntry& entry, bool foreign, bool remote, InBuf buf, ConnRecord& conn) {
   const QuorConfig& config = quor_config();
-  if (!foreign && (entry.user != nullptr || (config.login_required == 0 && config.default_login_child > 0)))
-    return false;
+  bool default_login = !remote && config.login_required == 0 && config.default_login_child > 0;
+  if (!foreign && (entry.user != nullptr || default_login)) return false;
   // Marked continuing too, so that the later buffers find the transaction
   // and the last one gets the refusal (and removes it).
   entry.flags |= kChildRefused;
@@ -264,7 +266,7 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
     foreign = entry->user != nullptr && !quor_client_may_use(entry->user->owner, sender);
     if (foreign) entry->user = nullptr;
   }
-  if (refused_without_login(*entry, foreign, buf, conn)) return 0;
+  if (refused_without_login(*entry, foreign, !sender.host.empty(), buf, conn)) return 0;
   if (entry->flags & kChildNew)
     if (int code = first_buffer(*entry, header, buf, conn); code != 0) return code == kAnswered ? 0 : code;
 

@@ -109,6 +109,14 @@ Registration* find_registration(TevFeedback& fb, const TevIdentity& local) {
   return &it->second;
 }
 
+// Whether `a` and `b` name the same registration; an empty system id is
+// this node.
+bool same_peer(const TevIdentity& a, const TevIdentity& b) {
+  if (a.app_name() != b.app_name()) return false;
+  bool a_here = tev_is_this_node(a.system_id()), b_here = tev_is_this_node(b.system_id());
+  return a_here ? b_here : a.system_id() == b.system_id();
+}
+
 std::uint32_t fresh_conversation(Registration& reg) {
   std::uint32_t id = reg.next_conversation++;
   if (reg.next_conversation == 0) reg.next_conversation = 1;
@@ -179,8 +187,13 @@ int TevInit(TevFeedback& fb, TevIdentity& id, int mode) {
   completed.set_flag(id.flag());
   completed.set_system_id(tev_node_name());
   completed.set_app_name(name);
+  // The broker's subscriptions are in place before the local name appears,
+  // so whoever sees the name registered can reach it from any host.
+  std::unique_ptr<TevEndpoint> broker;
+  if (tev_broker_configured() && !(broker = tev_nats_open(fb, completed))) return 1;
   auto endpoint = tev_unix_open(fb, completed);
   if (!endpoint) return 1;
+  if (broker) endpoint = tev_route(std::move(endpoint), std::move(broker));
   Registration& reg = registrations()[name];
   reg.endpoint = std::move(endpoint);
   reg.identity = completed;
@@ -268,7 +281,7 @@ int Tev_Conv(TevFeedback& fb, const TevIdentity& local, const TevIdentity& remot
     // is not held up by a peer that never answers.
     if (reg->endpoint->receive(fb, in, kTevMaxPayload, static_cast<int>(left.count())) != 0) return 1;
     if (in.kind == kTevKindAnswer) {
-      if (in.conversation != conversation || in.sender.app_name() != remote.app_name()) {
+      if (in.conversation != conversation || !same_peer(in.sender, remote)) {
         ++fb.FB_Dropped;
         continue;
       }

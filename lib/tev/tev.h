@@ -189,3 +189,22 @@ std::string tev_directory();
 
 // This host's node name, as put into identity blocks.
 std::string tev_node_name();
+
+// ---------------------------------------------------------------------------
+// The broker backend (docs/transport.md). With TEV_URL set, every
+// registration also listens on the broker, and a message whose receiver
+// block names another node goes through it; with TEV_URL unset everything
+// stays on this host.
+
+// Whether TEV_URL names a broker.
+bool tev_broker_configured();
+
+// The receiver node that addresses the registrations of that name on every
+// host that listens on the broker (a broadcast).
+inline constexpr std::string_view kTevEveryNode = "*";
+
+// Called from a receiving thread, once each time the broker connection is
+// found lost or back: `connected`, and the broker's address (without
+// credentials) or the reason.
+using TevBrokerNotice = void (*)(bool connected, const std::string& detail);
+void TevSetBrokerNotice(TevBrokerNotice notice);

@@ -36,10 +36,24 @@ class TevEndpoint {
   virtual void set_send_wait(int milliseconds) = 0;
   // Sends only to registrations made by root.
   virtual void set_root_peers_only(bool on) = 0;
+  // A descriptor that becomes readable when a receive may find something;
+  // a receive with time-out 0 then never waits.
+  virtual int wait_fd() const = 0;
 };
 
 // Registers `id`'s application name with the local datagram backend.
 std::unique_ptr<TevEndpoint> tev_unix_open(TevFeedback& fb, const TevIdentity& id);
+
+// Registers `id` with the broker named by TEV_URL (see tev_nats.cpp).
+std::unique_ptr<TevEndpoint> tev_nats_open(TevFeedback& fb, const TevIdentity& id);
+
+// One endpoint over both backends: a message for this host's node goes
+// through `local`, any other through `broker`; a receive takes from both.
+std::unique_ptr<TevEndpoint> tev_route(std::unique_ptr<TevEndpoint> local,
+                                       std::unique_ptr<TevEndpoint> broker);
+
+// Whether the node named in an identity block is this host's (an empty one is).
+bool tev_is_this_node(std::string_view node);
 
 // Fills the feedback block for a failure and returns 1.
 int tev_fail(TevFeedback& fb, std::int16_t prc, std::int16_t src, std::int32_t detail,

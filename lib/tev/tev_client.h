@@ -17,6 +17,7 @@
 struct TevReply {
   std::uint8_t kind = 0;             // kTevKindConv (partial) or kTevKindData (last)
   std::string sender;                // application name of the sender
+  std::string node;                  // the sender's node
   std::vector<std::uint8_t> payload;
 };
 
@@ -40,6 +41,11 @@ class TevClient {
   void require_root_peers() {
     if (registered_) TevRequireRootPeers(fb_, id_, true);
   }
+  // From now on, address servers on `node` (empty: this host), through the
+  // broker when it is another host's.
+  void set_server_node(std::string node) { server_node_ = std::move(node); }
+  // The identity block of server application `server` on the chosen node.
+  TevIdentity server_identity(std::string_view server) const;
   const TevFeedback& feedback() const { return fb_; }
   const TevIdentity& identity() const { return id_; }
 
@@ -52,6 +58,12 @@ class TevClient {
   TevCallResult call(std::string_view server, const std::vector<std::uint8_t>& payload,
                      int timeout_ms, bool expect_reply = true);
 
+  // Sends `payload` to application `server` on this host and, with a
+  // broker, on every host, then gathers the DATA replies that arrive
+  // within `window_ms` (partial ones are answered and dropped). rc is 0
+  // when the request went out at least one way.
+  TevCallResult call_everywhere(std::string_view server, const std::vector<std::uint8_t>& payload, int window_ms);
+
   // Collects what anyone sends to this client next (an agent answering a
   // request on its own, or the daemon refusing it): CONV messages are
   // answered and kept, and the wait ends at the first DATA message.
@@ -63,5 +75,6 @@ class TevClient {
   TevIdentity id_;
   TevFeedback fb_;
   bool registered_ = false;
+  std::string server_node_;
   std::uint32_t next_conv_ = 1;
 };

@@ -122,6 +122,7 @@ class UnixEndpoint final : public TevEndpoint {
     setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   }
   void set_root_peers_only(bool on) override { root_peers_only_ = on; }
+  int wait_fd() const override { return fd_; }
 
   // A name is looked for in root's directory first, then in the shared one,
   // unless only root's registrations may receive. The sender of the last

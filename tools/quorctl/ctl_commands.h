@@ -31,6 +31,11 @@ struct CtlOutcome {
 // buffer, in order.
 CtlOutcome ctl_status(const CtlTarget& target, bool full, bool json);
 
+// hosts: a brief status request to the daemon on this host and on every
+// host of the broker; one line per daemon that answers within `window_ms`
+// (node, name, pid, start time), sorted by node.
+CtlOutcome ctl_hosts(const CtlTarget& target, int window_ms, bool json);
+
 // refresh [PATH]: request 'R' with PATH in a "ZZZFIL" segment when given;
 // the return code and message of the reply.
 CtlOutcome ctl_refresh(const CtlTarget& target, const std::optional<std::string>& path, bool json);

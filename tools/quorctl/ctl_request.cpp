@@ -50,7 +50,7 @@ CtlExchange exchange_result(const CtlTarget& target, const TevCallResult& r) {
     CtlLoaded loaded = ctl_load(std::span<const char>(reinterpret_cast<const char*>(reply.payload.data()),
                                                       reply.payload.size()),
                                 CtlForm::Wire);
-    ex.replies.push_back(CtlReply{reply.kind == kTevKindConv, reply.sender, std::move(loaded.decoded)});
+    ex.replies.push_back(CtlReply{reply.kind == kTevKindConv, reply.sender, std::move(loaded.decoded), reply.node});
   }
   if (r.rc == 0) return ex;
   if (r.fb.FB_Src == kTevSrcNoRcvr) {
@@ -84,6 +84,7 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
     return failure(CtlFailure::Request, "a request of " + std::to_string(plain.size()) + " bytes is outside 7.." +
                                             std::to_string(BUFFER_MAX));
   TevClient client;
+  client.set_server_node(target.node);
   if (!client.ok())
     return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
                                              client.feedback().FB_ErrorText);
@@ -91,7 +92,19 @@ CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool 
                                              target.timeout_ms, expect_reply));
 }
 
+CtlExchange ctl_exchange_everywhere(const CtlTarget& target, std::vector<char> plain, int window_ms) {
+  if (quor_wire_seal(plain, plain.size()) != 0) return failure(CtlFailure::Request, "the request is too long");
+  TevClient client;
+  if (!client.ok())
+    return failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
+                                             client.feedback().FB_ErrorText);
+  return exchange_result(target, client.call_everywhere(target.server,
+                                                        std::vector<std::uint8_t>(plain.begin(), plain.end()),
+                                                        window_ms));
+}
+
 CtlTransaction::CtlTransaction(const CtlTarget& target) : target_(target) {
+  client_.set_server_node(target.node);
   if (!client_.ok())
     failure_ = ::failure(CtlFailure::Register, "cannot register with the transport in " + tev_directory() + ": " +
                                                  client_.feedback().FB_ErrorText);
@@ -107,9 +120,7 @@ bool CtlTransaction::send(std::span<char> plain) {
   }
   // Sent from where it was built: no reply is awaited here, so the
   // conversation id only has to be one of this registration's.
-  TevIdentity remote;
-  remote.set_system_id(tev_node_name());
-  remote.set_app_name(target_.server);
+  TevIdentity remote = client_.server_identity(target_.server);
   TevCallResult sent;
   sent.rc = TevSend(sent.fb, client_.identity(), remote, plain.data(), plain.size(), kTevModeNormal, 1);
   if (sent.rc != 0) failure_ = exchange_result(target_, sent);

@@ -18,6 +18,7 @@ struct CtlTarget {
   std::string server = std::string(kServerName);
   int timeout_ms = 10000;
   bool root_server = false;  // send only to a server registered by root (a request carrying a secret)
+  std::string node{};        // the server's host (empty: this one), reached through the broker
 };
 
 // A plain request: a transaction header of `type` for this process, a
@@ -42,6 +43,7 @@ struct CtlReply {
   bool partial = false;  // a CONV buffer (more follow) rather than the final DATA
   std::string sender;    // the sender's application name
   CtlDecoded decoded;    // unscrambled and decoded
+  std::string node{};    // the sender's node
 };
 
 struct CtlExchange {
@@ -56,6 +58,10 @@ struct CtlExchange {
 // target; with `expect_reply`, collects every reply buffer up to the final
 // one. Partial buffers are answered by the transport client as they come.
 CtlExchange ctl_exchange(const CtlTarget& target, std::vector<char> plain, bool expect_reply);
+
+// Sends `plain` to the target's server name on this host and on every host
+// of the broker, and gathers the final replies that come within `window_ms`.
+CtlExchange ctl_exchange_everywhere(const CtlTarget& target, std::vector<char> plain, int window_ms);
 
 // A command request sent a buffer at a time, as each is built, then its
 // answer awaited. Registers with the transport when made.

@@ -27,6 +27,7 @@ constexpr const char* kUsage =
     "\n"
     "commands:\n"
     "  status [--full]                 the daemon's brief (or full) status report\n"
+    "  hosts                           the daemons that answer, here and on the broker\n"
     "  refresh [PATH]                  re-read the configuration (the default file, or PATH)\n"
     "  check-config [PATH]             check a configuration and its maps as the daemon reads them\n"
     "  cleanup                         sweep finished and overdue agents now\n"
@@ -48,6 +49,7 @@ constexpr const char* kUsage =
     "\n"
     "options:\n"
     "  --server NAME      the daemon's transport name (default MO_QUORUNIX_SERVER)\n"
+    "  --host NODE        the daemon on host NODE, through the broker (TEV_URL)\n"
     "  --timeout SECONDS  wait this long for each reply buffer (default 10)\n"
     "  --user NAME        the client user name of requests (default MOX_QUORUSER,\n"
     "                     else the caller's login name)\n"
@@ -57,6 +59,9 @@ constexpr const char* kUsage =
     "1 failed, 2 usage error, 3 the daemon answered with a non-zero return code,\n"
     "4 daemon not running, 5 no reply in time. 'quorctl COMMAND --help' describes\n"
     "one command.\n";
+
+// How long "hosts" gathers answers.
+constexpr int kHostsWindowMs = 1000;
 
 struct CommandHelp {
   const char* name;
@@ -70,6 +75,13 @@ constexpr CommandHelp kHelp[] = {
      "its lines. A long report arrives in several buffers; they are joined in\n"
      "order. JSON: {\"type\",\"buffers\",\"lines\"}. Exits 3 when the daemon answers\n"
      "with an error instead, 5 when no reply comes within the timeout.\n"},
+    {"hosts",
+     "usage: quorctl hosts\n"
+     "Asks the daemon on this host and, with a broker (TEV_URL), the daemons on\n"
+     "every host for their brief status, and prints one line per daemon that\n"
+     "answers within a second (or the timeout, when shorter): node, name, pid\n"
+     "and start time, sorted by node. JSON: [{\"node\",\"name\",\"pid\",\"started\"}].\n"
+     "Exits 5 when none answers.\n"},
     {"refresh",
      "usage: quorctl refresh [PATH]\n"
      "Makes the daemon re-read its configuration: the default file, or PATH.\n"
@@ -218,7 +230,7 @@ std::optional<Options> parse(int argc, char** argv, std::string& error) {
       value = a.substr(eq + 1);
       has_value = true;
     }
-    bool needs_value = name == "--server" || name == "--timeout" || name == "--user" || takes_value(name);
+    bool needs_value = name == "--server" || name == "--host" || name == "--timeout" || name == "--user" || takes_value(name);
     if (needs_value && !has_value) {
       if (i + 1 >= argc) {
         error = name + " needs a value";
@@ -246,6 +258,12 @@ std::optional<Options> parse(int argc, char** argv, std::string& error) {
         return std::nullopt;
       }
       o.target.server = value;
+    } else if (name == "--host") {
+      if (value.empty() || value.size() > kTevMaxSystemId || value == kTevEveryNode) {
+        error = "--host needs a node name of at most 64 characters";
+        return std::nullopt;
+      }
+      o.target.node = value;
     } else if (name == "--timeout") {
       char* end = nullptr;
       double secs = std::strtod(value.c_str(), &end);
@@ -509,6 +527,11 @@ int main(int argc, char** argv) {
     return finish(ctl_util(o.target, {line}, o.json, waiting));
   }
   if (o.command == "table-to-csv" || o.command == "csv-to-table" || o.command == "calendar") return run_file_tool(o);
+  if (o.command == "hosts") {
+    if (!only_flags(o, {}, error)) return usage_error(error);
+    if (!o.args.empty()) return usage_error("hosts takes no arguments");
+    return finish(ctl_hosts(o.target, std::min(o.target.timeout_ms, kHostsWindowMs), o.json));
+  }
   if (o.command == "status") {
     if (!only_flags(o, {"--full"}, error)) return usage_error(error);
     if (!o.args.empty()) return usage_error("status takes no arguments");

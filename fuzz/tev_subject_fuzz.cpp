@@ -1,0 +1,16 @@
+// Arbitrary text as the subject of a broker message: the parser must refuse
+// or accept without reading outside it, and what it accepts must be the one
+// spelling of its names (encoding them again gives the same subject), so
+// that no sender can appear under two names or a name under two subjects.
+#include <cstdint>
+#include <string_view>
+
+#include "tev_subject.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string_view text(reinterpret_cast<const char*>(data), size);
+  std::optional<TevSubject> subject = tev_subject_parse(text);
+  if (!subject) return 0;
+  if (tev_subject_text(*subject) != text) __builtin_trap();
+  return 0;
+}
