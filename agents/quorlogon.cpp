@@ -27,6 +27,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -98,9 +100,15 @@ int main(int argc, char** argv) {
   openlog("quorlogon", LOG_PID, LOG_AUTH);
   AgentRequest request;
   if (argc < 2) return 2;
-  if (!agent_take_request(std::atoi(argv[1]), request)) return 1;
+  if (!agent_take_request(std::atoi(argv[1]), request)) {
+    std::fprintf(stderr, "quorlogon: cannot take the request segment %s: %s\n", argv[1], std::strerror(errno));
+    return 1;
+  }
   AgentAnswer answer;
-  if (!answer.open(request, "QUORLOGON")) return 1;
+  if (!answer.open(request, "QUORLOGON")) {
+    std::fprintf(stderr, "quorlogon: cannot register with the transport\n");
+    return 1;
+  }
   std::string account = request.field(smc::username);
   std::string client = request.field(smc::node);
 
@@ -117,7 +125,8 @@ int main(int argc, char** argv) {
                   (vouched_for(uid) || (!password.empty() && password_accepted(account, password)));
   if (!accepted) {
     syslog(LOG_NOTICE, "login of %s from %s refused", account.c_str(), client.c_str());
-    answer.send("", 1, "login refused for " + account);
+    if (answer.send("", 1, "login refused for " + account) != 0)
+      std::fprintf(stderr, "quorlogon: cannot answer the client\n");
     return 1;
   }
   if (agent_report_login(account, gid) != 0) {
