@@ -63,7 +63,7 @@ void add_line(OutBuf& out, const Line& line) { buf_add_item(out, line.text()); }
 void add_brief_lines(OutBuf& out) {
   static TimeText now_text, start_text, load_text;
   const QuorConfig& config = quor_config();
-  add_line(out, Line() << "Status of " << quor_program_name() << ", pid=" << static_cast<long>(getpid())
+  add_line(out, Line() << "Status of " << quor_program_name() << ", pid=" << std::string_view(tran_own_pid())
                        << ", on " << now_text.of(std::time(nullptr)));
   add_line(out, Line() << "    Daemon started at " << start_text.of(quor_run_state().start_time));
   if (config.config_path.size() + 21 >= kLineArea - 1) {
@@ -109,6 +109,9 @@ int add_full_lines(OutBuf& out, ConnRecord& conn, std::size_t& length_field) {
 
 int quor_status_report(char type, ConnRecord& conn, std::span<char> buffer) {
   OutBuf out(buffer);
+  // A full report may fill the buffer more than once; the next receive
+  // clears what it wrote.
+  if (type == 'F') conn.dirty = std::max(conn.dirty, buffer.size());
   tran_header_put(type == 'F' ? "F" : "B", "N", out);
   std::size_t length_field = buf_begin_segment(out, kStatusTag);
   add_brief_lines(out);
@@ -117,6 +120,7 @@ int quor_status_report(char type, ConnRecord& conn, std::span<char> buffer) {
   }
   buf_end_segment(out, length_field);
   quor_trl_put("N", out);
+  conn.dirty = std::max(conn.dirty, out.pos);
   // A buffer that did not take everything written to it is never sent.
   if (out.overflow) {
     quor_msg_log(9, 4, "the status report did not fit its buffer");
