@@ -22,11 +22,7 @@
 
 int quor_wire_seal(std::span<char> buf, std::size_t length) {
   if (length < kMinMessage || length > BUFFER_MAX || length > buf.size()) return 3;
-  // "%5ld" and its NUL: the length is at most five digits.
-  char prefix[LENGTH_PREFIX] = {' ', ' ', ' ', ' ', ' ', '\0'};
-  for (std::size_t at = LENGTH_PREFIX - 1, rest = length; rest != 0 && at-- > 0; rest /= 10)
-    prefix[at] = static_cast<char>('0' + rest % 10);
-  std::memcpy(buf.data(), prefix, LENGTH_PREFIX);
+  buf_put_length(buf.data(), length);  // "%5ld" and its NUL
   body_encode(static_cast<int>(length % 256), buf.subspan(LENGTH_PREFIX, length - LENGTH_PREFIX));
   return 0;
 }
