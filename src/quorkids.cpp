@@ -19,6 +19,7 @@
 
 #include "momsg.h"
 #include "quorderr.h"
+#include "quorindex.h"
 #include "quorusers.h"
 
 ChildTable& quor_children() {
@@ -37,12 +38,6 @@ struct ChildSlot {
   pid_t agent = 0;
 };
 
-struct ClientKeyHash {
-  std::size_t operator()(const std::pair<std::string, std::string>& k) const {
-    return std::hash<std::string>()(k.first) * 31 + std::hash<std::string>()(k.second);
-  }
-};
-
 // Entries of one key, newest first (the list's order).
 using Bucket = std::vector<ChildEntry*>;
 
@@ -50,7 +45,7 @@ struct ChildIndex {
   std::uint64_t made = 0;
   std::unordered_map<const ChildEntry*, ChildSlot> slots;
   std::vector<ChildEntry*> fresh;  // made since the last lookup, not indexed yet
-  std::unordered_map<std::pair<std::string, std::string>, Bucket, ClientKeyHash> by_client;
+  std::unordered_map<std::pair<std::string, std::string>, Bucket, StringPairHash> by_client;
   std::unordered_map<pid_t, Bucket> by_agent;
   std::unordered_set<ChildEntry*> waiting;
 };
@@ -60,26 +55,17 @@ ChildIndex& index() {
   return i;
 }
 
-void bucket_add(Bucket& bucket, ChildEntry* entry) {
-  ChildIndex& i = index();
-  std::uint64_t made = i.slots[entry].made;
-  auto at = std::find_if(bucket.begin(), bucket.end(), [&](ChildEntry* e) { return i.slots[e].made < made; });
-  bucket.insert(at, entry);
-}
-
 template <class Map, class Key>
-void bucket_remove(Map& map, const Key& key, ChildEntry* entry) {
-  auto it = map.find(key);
-  if (it == map.end()) return;
-  std::erase(it->second, entry);
-  if (it->second.empty()) map.erase(it);
+void bucket_add(Map& map, const Key& key, ChildEntry* entry) {
+  ChildIndex& i = index();
+  index_add(map, key, entry, i.slots[entry].made, [&](ChildEntry* e) { return i.slots[e].made; });
 }
 
 void index_agent(ChildEntry* entry, ChildSlot& slot, pid_t pid) {
   ChildIndex& i = index();
-  if (slot.agent != 0) bucket_remove(i.by_agent, slot.agent, entry);
+  if (slot.agent != 0) index_remove(i.by_agent, slot.agent, entry);
   slot.agent = pid;
-  if (pid != 0) bucket_add(i.by_agent[pid], entry);
+  if (pid != 0) bucket_add(i.by_agent, pid, entry);
 }
 
 // Indexes the entries made since the last lookup, as their makers left them.
@@ -90,7 +76,7 @@ void index_fresh() {
     slot.indexed = true;
     slot.client_pid = entry->client_pid;
     slot.client_node = entry->client_node;
-    bucket_add(i.by_client[{slot.client_pid, slot.client_node}], entry);
+    bucket_add(i.by_client, std::pair{slot.client_pid, slot.client_node}, entry);
     index_agent(entry, slot, entry->agent_pid);
   }
   i.fresh.clear();
@@ -101,8 +87,8 @@ void unindex(ChildEntry* entry) {
   auto it = i.slots.find(entry);
   if (it == i.slots.end()) return;
   if (it->second.indexed) {
-    bucket_remove(i.by_client, std::pair{it->second.client_pid, it->second.client_node}, entry);
-    if (it->second.agent != 0) bucket_remove(i.by_agent, it->second.agent, entry);
+    index_remove(i.by_client, std::pair{it->second.client_pid, it->second.client_node}, entry);
+    if (it->second.agent != 0) index_remove(i.by_agent, it->second.agent, entry);
   } else {
     std::erase(i.fresh, entry);
   }

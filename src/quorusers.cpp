@@ -19,6 +19,7 @@
 #include "quorconfig.h"
 #include "quordebug.h"
 #include "quorderr.h"
+#include "quorindex.h"
 #include "quorkids.h"
 #include "quortupgm.h"
 
@@ -40,17 +41,11 @@ struct UserSlot {
 
 using PairKey = std::pair<std::string, std::string>;
 
-struct PairHash {
-  std::size_t operator()(const PairKey& k) const {
-    return std::hash<std::string>()(k.first) * 31 + std::hash<std::string>()(k.second);
-  }
-};
-
 struct UserIndex {
   std::uint64_t made = 0;
   std::unordered_map<const UserEntry*, UserSlot> slots;
   std::vector<UserEntry*> fresh;  // made since the last lookup, not indexed yet
-  std::unordered_map<PairKey, std::vector<UserEntry*>, PairHash> by_pair;  // newest first
+  std::unordered_map<PairKey, std::vector<UserEntry*>, StringPairHash> by_pair;  // newest first
   std::unordered_map<pid_t, std::vector<UserEntry*>> by_login;             // newest first
   // Logged-in entries by (last activity, creation): the idle ones come first.
   std::map<std::pair<std::time_t, std::uint64_t>, UserEntry*> by_activity;
@@ -61,26 +56,17 @@ UserIndex& index() {
   return i;
 }
 
-void bucket_add(std::vector<UserEntry*>& bucket, UserEntry* entry) {
-  UserIndex& i = index();
-  std::uint64_t made = i.slots[entry].made;
-  auto at = std::find_if(bucket.begin(), bucket.end(), [&](UserEntry* e) { return i.slots[e].made < made; });
-  bucket.insert(at, entry);
-}
-
 template <class Map, class Key>
-void bucket_remove(Map& map, const Key& key, UserEntry* entry) {
-  auto it = map.find(key);
-  if (it == map.end()) return;
-  std::erase(it->second, entry);
-  if (it->second.empty()) map.erase(it);
+void bucket_add(Map& map, const Key& key, UserEntry* entry) {
+  UserIndex& i = index();
+  index_add(map, key, entry, i.slots[entry].made, [&](UserEntry* e) { return i.slots[e].made; });
 }
 
 void index_login(UserEntry* entry, UserSlot& slot, pid_t pid) {
   UserIndex& i = index();
-  if (slot.login > 0) bucket_remove(i.by_login, slot.login, entry);
+  if (slot.login > 0) index_remove(i.by_login, slot.login, entry);
   slot.login = pid;
-  if (pid > 0) bucket_add(i.by_login[pid], entry);
+  if (pid > 0) bucket_add(i.by_login, pid, entry);
 }
 
 void index_activity(UserEntry* entry, UserSlot& slot, std::time_t when) {
@@ -96,7 +82,7 @@ void index_fresh() {
   for (UserEntry* entry : i.fresh) {
     UserSlot& slot = i.slots[entry];
     slot.indexed = true;
-    bucket_add(i.by_pair[{entry->user_name, entry->node_name}], entry);
+    bucket_add(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
     index_login(entry, slot, entry->login_pid);
     index_activity(entry, slot, entry->last_activity);
   }
@@ -110,7 +96,7 @@ void erase_entry(UserEntry* entry) {
   if (it == i.slots.end()) return;
   UserSlot& slot = it->second;
   if (slot.indexed) {
-    bucket_remove(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
+    index_remove(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
     index_login(entry, slot, 0);
     index_activity(entry, slot, 0);
   } else {
