@@ -198,6 +198,63 @@ void save_users(int count) {
   }
 }
 
+// `count` round trips of `request` to `server` from a registration of this
+// process; false when one failed.
+bool round_trips_to(std::string_view server, const std::vector<std::uint8_t>& request, int count) {
+  TevClient client;
+  TevIdentity to;
+  to.set_system_id(tev_node_name());
+  to.set_app_name(server);
+  std::vector<std::uint8_t> reply(kTevMaxPayload);
+  for (int i = 0; i < count; ++i) {
+    TevFeedback fb;
+    TevIdentity sender;
+    TevInquiry inquiry;
+    if (TevSend(fb, client.identity(), to, request.data(), request.size(), kTevModeNormal,
+                static_cast<std::uint32_t>(i + 1)) != 0 ||
+        TevRecv(fb, client.identity(), sender, reply.data(), reply.size(), kTevModeRecvAny, inquiry) != 0)
+      return false;
+  }
+  return true;
+}
+
+// The CPU time `server_pid` spends per request while `clients` processes
+// send `each` requests at the same time, in µs.
+double cpu_per_request(pid_t server_pid, std::string_view server, const std::vector<std::uint8_t>& request,
+                       int clients, int each) {
+  double before = cpu_of(server_pid);
+  std::vector<pid_t> senders;
+  for (int c = 0; c < clients; ++c) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(round_trips_to(server, request, each) ? 0 : 1);
+    senders.push_back(pid);
+  }
+  for (pid_t pid : senders) waitpid(pid, nullptr, 0);
+  return (cpu_of(server_pid) - before) * 1e6 / (clients * each);
+}
+
+// A server on the same transport that answers every message with
+// `reply_size` bytes and does nothing else; its pid.
+pid_t start_echo(std::size_t reply_size) {
+  pid_t pid = fork();
+  if (pid != 0) {
+    for (int i = 0; i < 500 && !fs::exists(fs::path(std::getenv("TEV_DIR")) / "root/SCALEECHO"); ++i) usleep(10000);
+    return pid;
+  }
+  TevIdentity id;
+  id.set_app_name("SCALEECHO");
+  TevFeedback fb;
+  if (TevInit(fb, id, kTevModeNormal) != 0) _exit(5);
+  id = fb.FB_Local_Id;
+  std::vector<std::uint8_t> buf(kTevMaxPayload), reply(reply_size, 'r');
+  for (;;) {
+    TevIdentity from;
+    TevInquiry inquiry;
+    if (TevRecv(fb, id, from, buf.data(), buf.size(), kTevModeRecvAny, inquiry) != 0) continue;
+    TevSend(fb, id, from, reply.data(), reply.size(), kTevModeNormal, fb.FB_InConversId);
+  }
+}
+
 void write_config(const fs::path& root, bool login_required) {
   std::ofstream(root / "quor/etc/quor.config")
       << "LOGIN_REQUIRED: " << (login_required ? 1 : 0)
@@ -274,13 +331,24 @@ int main(int argc, char** argv) {
     Figures f = daemon.briefs(rounds);
     char what[96];
     std::snprintf(what, sizeof what, "%d users (%ld in the report)", users, seen);
+    std::size_t reply = 0;
     if (users == 0) {
-      std::size_t reply = 0;
       daemon.round_trips(request_of("B"), 1, &reply);
       plain = ping_pong(root, daemon.brief_size() + 190, reply + 190, rounds, true);
       row("plain datagram ping-pong", plain, 1.0, "", "");
       no_users = f;
       row(what, f, f.median_us / plain.median_us, "ping-pong", "<= 1.2");
+      // The daemon's CPU per request with four clients at once, against an
+      // echo server on the same transport.
+      int each = std::max(2000, rounds * 2);
+      double daemon_cpu = cpu_per_request(daemon.pid, kServerName, request_of("B"), 4, each);
+      pid_t echo = start_echo(reply);
+      double echo_cpu = cpu_per_request(echo, "SCALEECHO", request_of("B"), 4, each);
+      kill(echo, SIGKILL);
+      waitpid(echo, nullptr, 0);
+      std::printf("%-46s %10.1f %10s %8.2f  %-14s %s\n", "daemon CPU per brief status, 4 clients", daemon_cpu, "",
+                  daemon_cpu / echo_cpu, "echo server", "<= 1.2");
+      std::printf("%-46s %10.1f\n", "echo server CPU per message, 4 clients", echo_cpu);
     } else {
       row(what, f, f.median_us / no_users.median_us, "0 users", "<= 1.2");
     }

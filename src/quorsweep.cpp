@@ -81,7 +81,7 @@ void agent_ended(ChildEntry& child, const Ended& end) {
 // agent's, since an agent's end may stop its user's login program, which
 // must not be signalled once it has been reaped.
 void program_ended(const Ended& end) {
-  if (UserEntry* user = quor_user_by_login(end.pid)) quor_user_remove_ended(user);
+  while (UserEntry* user = quor_user_by_login(end.pid)) quor_user_remove_ended(user);
   QuorConfig& config = quor_config();
   if (config.login_required == 0 && config.default_login_child == end.pid) config.default_login_child = 0;
   quor_disowned_ended(end.pid);

@@ -407,7 +407,7 @@ int quor_users_load() {
     // A user whose login program cannot start is kept (and said so), so
     // that the next save still holds it.
     std::string why;
-    entry.login_pid = quor_login_restore(entry.login_name, entry.node_name, why);
+    quor_user_set_login(entry, quor_login_restore(entry.login_name, entry.node_name, why));
     if (entry.login_pid == 0) quor_msg_log(122, 2, entry.login_name + " (" + why + ")");
   });
 }
