@@ -36,6 +36,7 @@ struct ChildSlot {
   bool indexed = false;
   std::string client_pid, client_node;
   pid_t agent = 0;
+  std::optional<std::time_t> waiting_since;  // its key among the waiting entries
 };
 
 // Entries of one key, newest first (the list's order).
@@ -47,7 +48,9 @@ struct ChildIndex {
   std::vector<ChildEntry*> fresh;  // made since the last lookup, not indexed yet
   std::unordered_map<std::pair<std::string, std::string>, Bucket, StringPairHash> by_client;
   std::unordered_map<pid_t, Bucket> by_agent;
-  std::unordered_set<ChildEntry*> waiting;
+  // Entries waiting for a buffer or a report, by the time the last came.
+  std::map<std::pair<std::time_t, std::uint64_t>, ChildEntry*> waiting;
+  std::unordered_set<ChildEntry*> failed;  // start attempted and failed (pid -1)
 };
 
 ChildIndex& index() {
@@ -68,6 +71,19 @@ void index_agent(ChildEntry* entry, ChildSlot& slot, pid_t pid) {
   if (pid != 0) bucket_add(i.by_agent, pid, entry);
 }
 
+bool is_waiting(const ChildEntry& entry) { return entry.agent_pid == 0 || (entry.flags & kChildKept) != 0; }
+
+// Files the entry among the waiting ones under its latest buffer's time, or
+// takes it out.
+void index_waiting(ChildEntry* entry, ChildSlot& slot, bool waiting) {
+  ChildIndex& i = index();
+  if (slot.waiting_since) i.waiting.erase({*slot.waiting_since, slot.made});
+  slot.waiting_since.reset();
+  if (!waiting) return;
+  slot.waiting_since = entry->last_buffer;
+  i.waiting[{entry->last_buffer, slot.made}] = entry;
+}
+
 // Indexes the entries made since the last lookup, as their makers left them.
 void index_fresh() {
   ChildIndex& i = index();
@@ -78,6 +94,8 @@ void index_fresh() {
     slot.client_node = entry->client_node;
     bucket_add(i.by_client, std::pair{slot.client_pid, slot.client_node}, entry);
     index_agent(entry, slot, entry->agent_pid);
+    index_waiting(entry, slot, is_waiting(*entry));
+    if (entry->agent_pid == -1) i.failed.insert(entry);
   }
   i.fresh.clear();
 }
@@ -89,10 +107,11 @@ void unindex(ChildEntry* entry) {
   if (it->second.indexed) {
     index_remove(i.by_client, std::pair{it->second.client_pid, it->second.client_node}, entry);
     if (it->second.agent != 0) index_remove(i.by_agent, it->second.agent, entry);
+    index_waiting(entry, it->second, false);
   } else {
     std::erase(i.fresh, entry);
   }
-  i.waiting.erase(entry);
+  i.failed.erase(entry);
   i.slots.erase(it);
 }
 
@@ -140,7 +159,6 @@ ChildEntry& quor_child_new(const ClientId& owner) {
   slot.at = table.begin();
   slot.made = ++i.made;
   i.fresh.push_back(&entry);
-  i.waiting.insert(&entry);
   entry.created = std::time(nullptr);
   entry.last_buffer = entry.created;
   entry.owner = owner;
@@ -222,9 +240,13 @@ void quor_child_set_agent(ChildEntry& entry, pid_t pid) {
   entry.agent_pid = pid;
   ChildIndex& i = index();
   auto slot = i.slots.find(&entry);
-  if (slot == i.slots.end()) return;
-  if (pid >= 1) i.waiting.erase(&entry);
-  if (slot->second.indexed) index_agent(&entry, slot->second, pid);
+  if (slot == i.slots.end() || !slot->second.indexed) return;
+  index_agent(&entry, slot->second, pid);
+  index_waiting(&entry, slot->second, is_waiting(entry));
+  if (pid == -1)
+    i.failed.insert(&entry);
+  else
+    i.failed.erase(&entry);
 }
 
 ChildEntry* quor_child_by_agent(pid_t pid, std::uint32_t mask) {
@@ -237,18 +259,30 @@ ChildEntry* quor_child_by_agent(pid_t pid, std::uint32_t mask) {
   return nullptr;
 }
 
-std::vector<ChildEntry*> quor_children_waiting() {
+std::vector<ChildEntry*> quor_children_to_drop(std::time_t now) {
+  index_fresh();
   ChildIndex& i = index();
-  std::vector<ChildEntry*> entries(i.waiting.begin(), i.waiting.end());
-  std::sort(entries.begin(), entries.end(),
-            [&](ChildEntry* a, ChildEntry* b) { return i.slots[a].made > i.slots[b].made; });
-  return entries;
+  std::vector<ChildEntry*> drop(i.failed.begin(), i.failed.end());
+  for (auto& [key, entry] : i.waiting) {
+    if (now - key.first <= kPendingExpirySeconds) break;
+    drop.push_back(entry);
+  }
+  std::sort(drop.begin(), drop.end(), [&](ChildEntry* a, ChildEntry* b) { return i.slots[a].made > i.slots[b].made; });
+  drop.erase(std::unique(drop.begin(), drop.end()), drop.end());
+  return drop;
+}
+
+void quor_child_touch(ChildEntry& entry, std::time_t when) {
+  entry.last_buffer = when;
+  auto slot = index().slots.find(&entry);
+  if (slot != index().slots.end() && slot->second.waiting_since) index_waiting(&entry, slot->second, true);
 }
 
 void quor_child_keep(ChildEntry& entry) {
   entry.flags = kChildKept;
   entry.last_buffer = std::time(nullptr);  // its report has until the expiry from now
-  if (index().slots.contains(&entry)) index().waiting.insert(&entry);
+  auto slot = index().slots.find(&entry);
+  if (slot != index().slots.end() && slot->second.indexed) index_waiting(&entry, slot->second, true);
 }
 
 namespace {

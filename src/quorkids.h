@@ -7,8 +7,9 @@
 // references other tables keep to them stay valid until they are removed.
 //
 // The list is the order of record; beside it the table keeps hash indexes
-// (by client pid and node, by agent pid) and the set of transactions that
-// wait for a buffer or a report, so that a lookup or a sweep costs the same
+// (by client pid and node, by agent pid) and the transactions that wait for
+// a buffer or a report, by when the last came, so that a lookup or a sweep
+// costs the same
 // whatever the number of entries. An entry is indexed as its maker left it
 // at the first lookup after it was made; an agent pid that changes later
 // goes through quor_child_set_agent. Since entries go to the front with the
@@ -126,10 +127,14 @@ void quor_child_set_agent(ChildEntry& entry, pid_t pid);
 // with `mask`; none when there is none.
 ChildEntry* quor_child_by_agent(pid_t pid, std::uint32_t mask);
 
-// Entries that may be waiting for a buffer or a report (never started, or
-// kept after their agent ended), newest first, and every entry with a start
-// attempt that failed (-1). A superset: the caller checks each.
-std::vector<ChildEntry*> quor_children_waiting();
+// The entries a sweep at `now` drops, newest first: those whose start
+// failed (pid -1), and those waiting for a buffer or a report (never
+// started, or kept after their agent ended) whose last buffer came more
+// than kPendingExpirySeconds before `now`. Only these are looked at.
+std::vector<ChildEntry*> quor_children_to_drop(std::time_t now);
+
+// A buffer of the entry's transaction arrived at `when`.
+void quor_child_touch(ChildEntry& entry, std::time_t when);
 
 // Marks the entry as kept after its agent ended cleanly: flags exactly
 // kChildKept, waiting for its report from now.

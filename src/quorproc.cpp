@@ -249,7 +249,7 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
   int rc = 0;
   ChildEntry* entry = transaction_of(header, sender, conn, rc);
   if (entry == nullptr) return rc;
-  entry->last_buffer = std::time(nullptr);
+  quor_child_touch(*entry, std::time(nullptr));
 
   // The session: a login's own (kept across its buffers), or the sender's
   // if it may use the one its request names.

@@ -96,25 +96,16 @@ void agent_process_ended(const Ended& end) {
   }
 }
 
-// A transaction whose next buffer never came, or a login agent that ended
-// without its report, would hold its segment, files and session for good.
-bool expired(const ChildEntry& child, std::time_t now) {
-  bool waiting = child.agent_pid == 0 || (child.flags & kChildKept) != 0;
-  return waiting && now - child.last_buffer > kPendingExpirySeconds;
-}
-
-// Drops the entries whose start failed and the transactions that expired.
+// Drops the entries whose start failed, and the transactions whose next
+// buffer never came or whose login agent ended without its report, which
+// would hold their segment, files and session for good.
 void sweep_waiting() {
-  std::time_t now = std::time(nullptr);
-  for (ChildEntry* child : quor_children_waiting()) {
-    if (child->agent_pid == -1) {
-      quor_child_remove(child);
-    } else if (expired(*child, now)) {
+  for (ChildEntry* child : quor_children_to_drop(std::time(nullptr))) {
+    if (child->agent_pid != -1)
       quor_msg_log(307, 2, "client pid " + child->client_pid + " from " + child->client_node + " (" +
                                quor_client_text(child->owner) + "), nothing for " +
                                std::to_string(kPendingExpirySeconds) + " s");
-      quor_child_remove(child);
-    }
+    quor_child_remove(child);
   }
 }
 
