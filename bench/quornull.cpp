@@ -1,7 +1,9 @@
 // quornull: the smallest agent, for measuring agent launch. Removes the
 // segment it is handed and, when QUORNULL_FIFO names a FIFO, writes one
-// byte to it so that the benchmark knows it ran.
+// byte to it so that the benchmark knows it ran. With QUORNULL_WAIT set it
+// then runs until SIGTERM, as a long-running agent would.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -14,6 +16,15 @@ int main(int argc, char** argv) {
     if (fd >= 0) {
       (void)!write(fd, "x", 1);
       close(fd);
+    }
+  }
+  if (std::getenv("QUORNULL_WAIT") != nullptr) {
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, nullptr);
+    int signo = 0;
+    while (sigwait(&term, &signo) != 0 || signo != SIGTERM) {
     }
   }
   return 0;

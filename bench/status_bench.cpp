@@ -25,69 +25,15 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "quortev.h"
+#include "quortran.h"
+#include "quortrl.h"
+#include "quorutl.h"
+#include "tev.h"
 
-namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-using bench::Figures;
-using bench::StatusClient;
-using bench::pin;
-using bench::proc_field;
-using bench::summarize;
+using namespace bench;
 
 namespace {
-
-// ---------------------------------------------------------------------------
-// Baseline: a request of `request_size` bytes answered by `reply_size` bytes
-// between two processes over AF_UNIX datagram sockets.
-
-sockaddr_un address(const fs::path& path) {
-  sockaddr_un a{};
-  a.sun_family = AF_UNIX;
-  path.string().copy(a.sun_path, sizeof a.sun_path - 1);
-  return a;
-}
-
-int bound_socket(const fs::path& path) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un a = address(path);
-  unlink(path.c_str());
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) std::exit(2);
-  return fd;
-}
-
-Figures ping_pong(const fs::path& dir, std::size_t request_size, std::size_t reply_size, int rounds, bool pinned) {
-  fs::path server_path = dir / "pong", client_path = dir / "ping";
-  int server = bound_socket(server_path);
-  pid_t child = fork();
-  if (child == 0) {
-    std::vector<char> buf(65536), reply(reply_size, 'r');
-    sockaddr_un from{};
-    for (;;) {
-      socklen_t len = sizeof from;
-      ssize_t n = recvfrom(server, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr*>(&from), &len);
-      if (n <= 0) _exit(0);
-      sendto(server, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from), len);
-    }
-  }
-  close(server);
-  pin(child, pinned);
-  pin(0, pinned);
-  int client = bound_socket(client_path);
-  sockaddr_un to = address(server_path);
-  std::vector<char> request(request_size, 'q'), buf(65536);
-  std::vector<double> samples;
-  for (int i = 0; i < rounds; ++i) {
-    auto start = Clock::now();
-    sendto(client, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    recv(client, buf.data(), buf.size(), 0);
-    samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-  }
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  close(client);
-  pin(0, false);
-  return summarize(samples);
-}
 
 // The same exchange through the transport library, with an echo server in
 // place of the daemon: what the transport itself costs.

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "quortev.h"
 #include "quortran.h"
 #include "quortrl.h"
@@ -34,6 +35,8 @@
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+
+using bench::cpu_of;
 
 namespace {
 
@@ -93,20 +96,6 @@ long write_csv(const fs::path& path, long megabytes) {
     size += static_cast<long>(row.size());
   }
   return rows;
-}
-
-// CPU time (user + system) the process `pid` has used so far, in seconds.
-double cpu_of(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::size_t paren = text.rfind(')');
-  if (paren == std::string::npos) return 0;
-  std::istringstream fields(text.substr(paren + 2));
-  std::string skip;
-  for (int i = 0; i < 11; ++i) fields >> skip;  // state .. cmajflt
-  double user = 0, system = 0;
-  fields >> user >> system;
-  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 Run median(std::vector<Run> runs) {

@@ -123,7 +123,7 @@ void note_activity(const TransactionHeader& header, const ConnRecord& conn) {
   if (header.node.empty() || header.node == mo_nodename()) return;
   if (UserEntry* user = quor_user_find(header, true);
       user != nullptr && quor_client_may_use(user->owner, quor_client_of(conn.inquiry)))
-    user->last_activity = std::time(nullptr);
+    quor_user_set_activity(*user, std::time(nullptr));
 }
 
 // A handler that ran out of memory: the client is told, then the daemon

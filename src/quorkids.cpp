@@ -13,10 +13,13 @@
 #include <chrono>
 #include <map>
 #include <thread>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "momsg.h"
 #include "quorderr.h"
+#include "quorindex.h"
 #include "quorusers.h"
 
 ChildTable& quor_children() {
@@ -25,6 +28,93 @@ ChildTable& quor_children() {
 }
 
 namespace {
+
+// Where an entry is in the list and what it is indexed under.
+struct ChildSlot {
+  ChildTable::iterator at;
+  std::uint64_t made = 0;  // creation order: larger is newer
+  bool indexed = false;
+  std::string client_pid, client_node;
+  pid_t agent = 0;
+  std::optional<std::time_t> waiting_since;  // its key among the waiting entries
+};
+
+// Entries of one key, newest first (the list's order).
+using Bucket = std::vector<ChildEntry*>;
+
+struct ChildIndex {
+  std::uint64_t made = 0;
+  std::unordered_map<const ChildEntry*, ChildSlot> slots;
+  std::vector<ChildEntry*> fresh;  // made since the last lookup, not indexed yet
+  std::unordered_map<std::pair<std::string, std::string>, Bucket, StringPairHash> by_client;
+  std::unordered_map<pid_t, Bucket> by_agent;
+  // Entries waiting for a buffer or a report, by the time the last came.
+  std::map<std::pair<std::time_t, std::uint64_t>, ChildEntry*> waiting;
+  std::unordered_set<ChildEntry*> failed;  // start attempted and failed (pid -1)
+};
+
+ChildIndex& index() {
+  static ChildIndex i;
+  return i;
+}
+
+template <class Map, class Key>
+void bucket_add(Map& map, const Key& key, ChildEntry* entry) {
+  ChildIndex& i = index();
+  index_add(map, key, entry, i.slots[entry].made, [&](ChildEntry* e) { return i.slots[e].made; });
+}
+
+void index_agent(ChildEntry* entry, ChildSlot& slot, pid_t pid) {
+  ChildIndex& i = index();
+  if (slot.agent != 0) index_remove(i.by_agent, slot.agent, entry);
+  slot.agent = pid;
+  if (pid != 0) bucket_add(i.by_agent, pid, entry);
+}
+
+bool is_waiting(const ChildEntry& entry) { return entry.agent_pid == 0 || (entry.flags & kChildKept) != 0; }
+
+// Files the entry among the waiting ones under its latest buffer's time, or
+// takes it out.
+void index_waiting(ChildEntry* entry, ChildSlot& slot, bool waiting) {
+  ChildIndex& i = index();
+  if (slot.waiting_since) i.waiting.erase({*slot.waiting_since, slot.made});
+  slot.waiting_since.reset();
+  if (!waiting) return;
+  slot.waiting_since = entry->last_buffer;
+  i.waiting[{entry->last_buffer, slot.made}] = entry;
+}
+
+// Indexes the entries made since the last lookup, as their makers left them.
+void index_fresh() {
+  ChildIndex& i = index();
+  for (ChildEntry* entry : i.fresh) {
+    ChildSlot& slot = i.slots[entry];
+    slot.indexed = true;
+    slot.client_pid = entry->client_pid;
+    slot.client_node = entry->client_node;
+    bucket_add(i.by_client, std::pair{slot.client_pid, slot.client_node}, entry);
+    index_agent(entry, slot, entry->agent_pid);
+    index_waiting(entry, slot, is_waiting(*entry));
+    if (entry->agent_pid == -1) i.failed.insert(entry);
+  }
+  i.fresh.clear();
+}
+
+void unindex(ChildEntry* entry) {
+  ChildIndex& i = index();
+  auto it = i.slots.find(entry);
+  if (it == i.slots.end()) return;
+  if (it->second.indexed) {
+    index_remove(i.by_client, std::pair{it->second.client_pid, it->second.client_node}, entry);
+    if (it->second.agent != 0) index_remove(i.by_agent, it->second.agent, entry);
+    index_waiting(entry, it->second, false);
+  } else {
+    std::erase(i.fresh, entry);
+  }
+  i.failed.erase(entry);
+  i.slots.erase(it);
+}
+
 
 struct Loads {
   std::map<ClientId, ClientLoadCount> by_client;
@@ -56,8 +146,19 @@ void count_as(ChildEntry& entry, ChildLoad to) {
 
 }  // namespace
 
+void ChildTable::clear() {
+  std::list<ChildEntry>::clear();
+  index() = ChildIndex{};
+}
+
 ChildEntry& quor_child_new(const ClientId& owner) {
-  ChildEntry& entry = quor_children().emplace_front();
+  ChildTable& table = quor_children();
+  ChildEntry& entry = table.emplace_front();
+  ChildIndex& i = index();
+  ChildSlot& slot = i.slots[&entry];
+  slot.at = table.begin();
+  slot.made = ++i.made;
+  i.fresh.push_back(&entry);
   entry.created = std::time(nullptr);
   entry.last_buffer = entry.created;
   entry.owner = owner;
@@ -109,30 +210,79 @@ ChildTable::iterator quor_child_erase(ChildTable::iterator at) {
   // A login that ends here without its report leaves no pending session
   // behind, or the pair could never log in again.
   if (at->type == 'L' && at->user != nullptr && at->user->last_activity == 0) quor_user_remove(at->user);
+  unindex(&*at);
   return quor_children().erase(at);
 }
 
 int quor_child_remove(ChildEntry* entry) {
   if (entry == nullptr) return 3;
-  ChildTable& table = quor_children();
-  for (auto it = table.begin(); it != table.end(); ++it)
-    if (&*it == entry) {
-      quor_child_erase(it);
-      break;
-    }
+  auto slot = index().slots.find(entry);
+  if (slot != index().slots.end()) quor_child_erase(slot->second.at);
   return 0;
 }
 
 ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask, bool no_create,
                             const ClientId& owner) {
-  for (ChildEntry& entry : quor_children())
-    if (entry.client_pid == header.pid && entry.client_node == header.node && (entry.flags & mask) != 0)
-      return &entry;
+  index_fresh();
+  ChildIndex& i = index();
+  if (auto bucket = i.by_client.find({header.pid, header.node}); bucket != i.by_client.end())
+    for (ChildEntry* entry : bucket->second)
+      if ((entry->flags & mask) != 0) return entry;
   if (no_create) return nullptr;
   ChildEntry& entry = quor_child_new(owner);
   entry.client_pid = header.pid;
   entry.client_node = header.node;
+  index_fresh();
   return &entry;
+}
+
+void quor_child_set_agent(ChildEntry& entry, pid_t pid) {
+  entry.agent_pid = pid;
+  ChildIndex& i = index();
+  auto slot = i.slots.find(&entry);
+  if (slot == i.slots.end() || !slot->second.indexed) return;
+  index_agent(&entry, slot->second, pid);
+  index_waiting(&entry, slot->second, is_waiting(entry));
+  if (pid == -1)
+    i.failed.insert(&entry);
+  else
+    i.failed.erase(&entry);
+}
+
+ChildEntry* quor_child_by_agent(pid_t pid, std::uint32_t mask) {
+  index_fresh();
+  ChildIndex& i = index();
+  auto bucket = i.by_agent.find(pid);
+  if (bucket == i.by_agent.end()) return nullptr;
+  for (ChildEntry* entry : bucket->second)
+    if (entry->agent_pid == pid && (entry->flags & mask) != 0) return entry;
+  return nullptr;
+}
+
+std::vector<ChildEntry*> quor_children_to_drop(std::time_t now) {
+  index_fresh();
+  ChildIndex& i = index();
+  std::vector<ChildEntry*> drop(i.failed.begin(), i.failed.end());
+  for (auto& [key, entry] : i.waiting) {
+    if (now - key.first <= kPendingExpirySeconds) break;
+    drop.push_back(entry);
+  }
+  std::sort(drop.begin(), drop.end(), [&](ChildEntry* a, ChildEntry* b) { return i.slots[a].made > i.slots[b].made; });
+  drop.erase(std::unique(drop.begin(), drop.end()), drop.end());
+  return drop;
+}
+
+void quor_child_touch(ChildEntry& entry, std::time_t when) {
+  entry.last_buffer = when;
+  auto slot = index().slots.find(&entry);
+  if (slot != index().slots.end() && slot->second.waiting_since) index_waiting(&entry, slot->second, true);
+}
+
+void quor_child_keep(ChildEntry& entry) {
+  entry.flags = kChildKept;
+  entry.last_buffer = std::time(nullptr);  // its report has until the expiry from now
+  auto slot = index().slots.find(&entry);
+  if (slot != index().slots.end() && slot->second.indexed) index_waiting(&entry, slot->second, true);
 }
 
 namespace {
@@ -156,14 +306,19 @@ ChildEntry* quor_child_find_agent(const TransactionHeader& header, std::uint32_t
   if (header.node != mo_nodename()) return nullptr;
   pid_t pid = pid_value(header.pid);
   if (pid < 1) return nullptr;
-  for (ChildEntry& entry : quor_children())
-    if (entry.agent_pid == pid && (entry.flags & mask) != 0) return &entry;
-  return nullptr;
+  return quor_child_by_agent(pid, mask);
 }
 
 void quor_children_forget_user(const UserEntry* user) {
   for (ChildEntry& entry : quor_children())
     if (entry.user == user) entry.user = nullptr;
+}
+
+void quor_children_forget_users(std::span<UserEntry* const> users) {
+  if (users.empty()) return;
+  std::unordered_set<const UserEntry*> going(users.begin(), users.end());
+  for (ChildEntry& entry : quor_children())
+    if (entry.user != nullptr && going.contains(entry.user)) entry.user = nullptr;
 }
 
 int quor_child_count() { return static_cast<int>(quor_children().size()); }
@@ -175,8 +330,8 @@ void quor_children_drop_idle() {
 
 namespace {
 
-std::vector<pid_t>& disowned() {
-  static std::vector<pid_t> pids;
+std::unordered_set<pid_t>& disowned() {
+  static std::unordered_set<pid_t> pids;
   return pids;
 }
 
@@ -189,8 +344,10 @@ bool reaped(pid_t pid) {
 }  // namespace
 
 void quor_child_disown(pid_t pid) {
-  if (pid > 0) disowned().push_back(pid);
+  if (pid > 0) disowned().insert(pid);
 }
+
+bool quor_disowned_ended(pid_t pid) { return disowned().erase(pid) != 0; }
 
 void quor_reap_disowned() { std::erase_if(disowned(), reaped); }
 

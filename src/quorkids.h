@@ -5,6 +5,15 @@
 // New entries go to the front; walks run from the front, so lookups find the
 // newest matching transaction first. Entries live in a std::list, so the
 // references other tables keep to them stay valid until they are removed.
+//
+// The list is the order of record; beside it the table keeps hash indexes
+// (by client pid and node, by agent pid) and the transactions that wait for
+// a buffer or a report, by when the last came, so that a lookup or a sweep
+// costs the same
+// whatever the number of entries. An entry is indexed as its maker left it
+// at the first lookup after it was made; an agent pid that changes later
+// goes through quor_child_set_agent. Since entries go to the front with the
+// current time, the back of the list holds the oldest transactions.
 #pragma once
 
 #include <sys/types.h>
@@ -12,6 +21,7 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -61,7 +71,11 @@ struct ChildEntry {
   ChildLoad load = ChildLoad::None;
 };
 
-using ChildTable = std::list<ChildEntry>;
+// The list of record. Clearing it forgets its indexes too.
+class ChildTable : public std::list<ChildEntry> {
+ public:
+  void clear();
+};
 
 // The daemon's table.
 ChildTable& quor_children();
@@ -105,8 +119,31 @@ ChildEntry* quor_child_find(const TransactionHeader& header, std::uint32_t mask,
 // `mask`, provided "NOD" is this host. Never creates one.
 ChildEntry* quor_child_find_agent(const TransactionHeader& header, std::uint32_t mask);
 
+// Records the entry's agent pid (0 none, -1 start attempted, else the
+// agent) and indexes it.
+void quor_child_set_agent(ChildEntry& entry, pid_t pid);
+
+// The newest entry whose agent pid is `pid` and whose flags share a bit
+// with `mask`; none when there is none.
+ChildEntry* quor_child_by_agent(pid_t pid, std::uint32_t mask);
+
+// The entries a sweep at `now` drops, newest first: those whose start
+// failed (pid -1), and those waiting for a buffer or a report (never
+// started, or kept after their agent ended) whose last buffer came more
+// than kPendingExpirySeconds before `now`. Only these are looked at.
+std::vector<ChildEntry*> quor_children_to_drop(std::time_t now);
+
+// A buffer of the entry's transaction arrived at `when`.
+void quor_child_touch(ChildEntry& entry, std::time_t when);
+
+// Marks the entry as kept after its agent ended cleanly: flags exactly
+// kChildKept, waiting for its report from now.
+void quor_child_keep(ChildEntry& entry);
+
 // Clears every entry's reference to `user`, which is about to go.
 void quor_children_forget_user(const UserEntry* user);
+// The same for several users at once, in one walk of the table.
+void quor_children_forget_users(std::span<UserEntry* const> users);
 
 int quor_child_count();
 
@@ -123,8 +160,11 @@ void quor_terminate_pids(std::span<const pid_t> pids);
 
 // Children no table tracks any more (stopped ones that had not ended yet,
 // replaced login processes) are reaped by the sweep once they end, so none
-// stays a zombie.
+// stays a zombie. quor_disowned_ended forgets one the sweep reaped (true
+// when it was disowned); quor_reap_disowned reaps, one by one, those that
+// have ended.
 void quor_child_disown(pid_t pid);
+bool quor_disowned_ended(pid_t pid);
 void quor_reap_disowned();
 int quor_disowned_count();
 

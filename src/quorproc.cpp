@@ -251,7 +251,7 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
   int rc = 0;
   ChildEntry* entry = transaction_of(header, sender, conn, rc);
   if (entry == nullptr) return rc;
-  entry->last_buffer = std::time(nullptr);
+  quor_child_touch(*entry, std::time(nullptr));
 
   // The session: a login's own (kept across its buffers), or the sender's
   // if it may use the one its request names.
@@ -339,7 +339,7 @@ int agent_output(ChildEntry& entry) {
 
 int quor_agent_start(ChildEntry& entry) {
   if (quor_debug()) quor_trace("%s:  starting agent.\n", quor_program_name());
-  entry.agent_pid = -1;
+  quor_child_set_agent(entry, -1);
   std::span<char> record = record_of(entry);
   std::string username(smc_get(record, smc::username));
   if (entry.type == 'U') smc_put(record, smc::object, "MOUTIL");
@@ -401,7 +401,7 @@ int quor_agent_start(ChildEntry& entry) {
     quor_msg_log(301, 2, "object " + object + ", account " + username + ": " + std::strerror(started.err));
   if (started.failure == SpawnResult::kExec) quor_msg_log(121, 2, quor_program_name());
 
-  entry.agent_pid = pid;
+  quor_child_set_agent(entry, pid);
   if (entry.type == 'L') {
     entry.kind = 2;
   } else if (entry.type == 'O') {
@@ -410,7 +410,7 @@ int quor_agent_start(ChildEntry& entry) {
     // is forgotten, so that nothing signals it again once it may be reused.
     if (entry.user != nullptr) {
       quor_terminate_pid(entry.user->login_pid);
-      entry.user->login_pid = 0;
+      quor_user_set_login(*entry.user, 0);
     }
   } else {
     entry.kind = 1;

@@ -136,10 +136,15 @@ SpawnResult quor_spawn(const SpawnRequest& request) {
   sigset_t all, mask;
   sigfillset(&all);
   sigprocmask(SIG_SETMASK, &all, &mask);
+  // The daemon keeps SIGCHLD blocked to learn cheaply that a child ended;
+  // its programs start without that.
+  sigset_t child_mask = mask;
+  sigdelset(&child_mask, SIGCHLD);
   ChildReport report;
   pid_t pid = vfork();
   if (pid == 0)
-    run_child(request, const_cast<char* const*>(argv.data()), const_cast<char* const*>(envp.data()), mask, report);
+    run_child(request, const_cast<char* const*>(argv.data()), const_cast<char* const*>(envp.data()), child_mask,
+              report);
   int vfork_errno = errno;
   sigprocmask(SIG_SETMASK, &mask, nullptr);
 

@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "quorconfig.h"
 #include "quordaemon.h"
@@ -60,11 +63,11 @@ struct TimeText {
 
 void add_line(OutBuf& out, const Line& line) { buf_add_item(out, line.text()); }
 
-void add_brief_lines(OutBuf& out) {
+void add_brief_lines(OutBuf& out, std::time_t now) {
   static TimeText now_text, start_text, load_text;
   const QuorConfig& config = quor_config();
-  add_line(out, Line() << "Status of " << quor_program_name() << ", pid=" << static_cast<long>(getpid())
-                       << ", on " << now_text.of(std::time(nullptr)));
+  add_line(out, Line() << "Status of " << quor_program_name() << ", pid=" << std::string_view(tran_own_pid())
+                       << ", on " << now_text.of(now));
   add_line(out, Line() << "    Daemon started at " << start_text.of(quor_run_state().start_time));
   if (config.config_path.size() + 21 >= kLineArea - 1) {
     buf_add_item(out, "    Config path is -\n");
@@ -105,22 +108,80 @@ int add_full_lines(OutBuf& out, ConnRecord& conn, std::size_t& length_field) {
   return 0;
 }
 
+// What a brief report shows. Most brief requests within one second find it
+// unchanged and get the bytes built for the first of them.
+struct BriefKey {
+  std::time_t now = -1;
+  std::time_t start = -1;
+  std::time_t loaded = -1;
+  long users = -1;
+  long children = -1;
+  std::string config_path;
+  std::string pid;
+  std::string user_env;  // the header's user, when set from the environment
+  bool user_env_set = false;
+  bool operator==(const BriefKey&) const = default;
+};
+
+BriefKey brief_key() {
+  const QuorConfig& config = quor_config();
+  BriefKey key;
+  key.now = std::time(nullptr);
+  key.start = quor_run_state().start_time;
+  key.loaded = config.load_time;
+  key.users = quor_user_count();
+  key.children = quor_child_count();
+  key.config_path = config.config_path;
+  key.pid = tran_own_pid();
+  if (const char* user = std::getenv("MOX_QUORUSER")) {
+    key.user_env = user;
+    key.user_env_set = true;
+  }
+  return key;
+}
+
+struct BriefCache {
+  BriefKey key;
+  std::vector<char> bytes;  // the plain message behind the length prefix
+};
+
 }  // namespace
 
 int quor_status_report(char type, ConnRecord& conn, std::span<char> buffer) {
+  static BriefCache brief;
+  BriefKey key;
+  if (type != 'F') {
+    key = brief_key();
+    if (key == brief.key && LENGTH_PREFIX + brief.bytes.size() <= buffer.size()) {
+      std::memcpy(buffer.data() + LENGTH_PREFIX, brief.bytes.data(), brief.bytes.size());
+      std::size_t length = LENGTH_PREFIX + brief.bytes.size();
+      conn.dirty = std::max(conn.dirty, length);
+      int rc = quor_tev_send(conn, buffer, length);
+      if (rc != 0) quor_msg_log(9, 4, conn.fb.FB_ErrorText);
+      return rc;
+    }
+  }
   OutBuf out(buffer);
+  // A full report may fill the buffer more than once; the next receive
+  // clears what it wrote.
+  if (type == 'F') conn.dirty = std::max(conn.dirty, buffer.size());
   tran_header_put(type == 'F' ? "F" : "B", "N", out);
   std::size_t length_field = buf_begin_segment(out, kStatusTag);
-  add_brief_lines(out);
+  add_brief_lines(out, type == 'F' ? std::time(nullptr) : key.now);
   if (type == 'F') {
     if (int rc = add_full_lines(out, conn, length_field); rc != 0) return rc;
   }
   buf_end_segment(out, length_field);
   quor_trl_put("N", out);
+  conn.dirty = std::max(conn.dirty, out.pos);
   // A buffer that did not take everything written to it is never sent.
   if (out.overflow) {
     quor_msg_log(9, 4, "the status report did not fit its buffer");
     return 2;
+  }
+  if (type != 'F') {
+    brief.key = std::move(key);
+    brief.bytes.assign(buffer.begin() + LENGTH_PREFIX, buffer.begin() + static_cast<long>(out.pos));
   }
   int rc = quor_tev_send(conn, buffer, out.pos);
   if (rc != 0) quor_msg_log(9, 4, conn.fb.FB_ErrorText);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
@@ -21,9 +22,7 @@
 
 int quor_wire_seal(std::span<char> buf, std::size_t length) {
   if (length < kMinMessage || length > BUFFER_MAX || length > buf.size()) return 3;
-  char prefix[16];
-  std::snprintf(prefix, sizeof prefix, "%5ld", static_cast<long>(length));
-  std::memcpy(buf.data(), prefix, LENGTH_PREFIX);  // five digits and the NUL
+  buf_put_length(buf.data(), length);  // "%5ld" and its NUL
   body_encode(static_cast<int>(length % 256), buf.subspan(LENGTH_PREFIX, length - LENGTH_PREFIX));
   return 0;
 }
@@ -71,7 +70,8 @@ int quor_tev_deregister(const TevIdentity& id, TevFeedback& fb) {
 }
 
 int quor_tev_receive(ConnRecord& conn, std::span<char> buf) {
-  std::memset(buf.data(), 0, buf.size());
+  std::memset(buf.data(), 0, std::min(conn.dirty, buf.size()));
+  conn.dirty = buf.size();  // until it is known what arrived
   if (TevRecv(conn.fb, conn.local, conn.remote, buf.data(), buf.size(), kTevModeRecvAny,
               conn.inquiry) != 0)
     return 2;
@@ -79,6 +79,7 @@ int quor_tev_receive(ConnRecord& conn, std::span<char> buf) {
   (void)APICHECK(handles);
   conn.remote = conn.fb.FB_Remote_Id;
   std::size_t received = conn.fb.FB_DataLen < buf.size() ? conn.fb.FB_DataLen : buf.size();
+  conn.dirty = received;
   return quor_wire_open(buf, received) == 0 ? 3 : 0;
 }
 
@@ -93,6 +94,7 @@ int seal_for_send(std::span<char> buf, std::size_t length) {
 
 int quor_tev_send(ConnRecord& conn, std::span<char> buf, std::size_t length) {
   if (int rc = seal_for_send(buf, length); rc != 0) return rc;
+  conn.dirty = std::max(conn.dirty, length);
   return TevSend(conn.fb, conn.local, conn.remote, buf.data(), length, kTevModeNormal,
                  conn.fb.FB_InConversId) == 0
              ? 0
@@ -101,6 +103,7 @@ int quor_tev_send(ConnRecord& conn, std::span<char> buf, std::size_t length) {
 
 int quor_tev_converse(ConnRecord& conn, std::span<char> buf, std::size_t length) {
   if (int rc = seal_for_send(buf, length); rc != 0) return rc;
+  conn.dirty = std::max(conn.dirty, length);
   char answer[kTevMaxAnswer];
   return Tev_Conv(conn.fb, conn.local, conn.remote, buf.data(), length, answer, sizeof answer,
                   kTevModeNormal, kConverseWaitSeconds) == 0

@@ -24,6 +24,10 @@ struct ConnRecord {
   TevIdentity remote;   // sender of the last request
   TevFeedback fb;       // feedback of every call made with this record
   TevInquiry inquiry;   // kernel credentials of the last sender
+  // Leading bytes of the receive buffer that may be non-zero: what the last
+  // receive took in and what was sent or written from the buffer since.
+  // The next receive clears only these (all of them at first).
+  std::size_t dirty = static_cast<std::size_t>(-1);
 };
 
 inline constexpr std::string_view kServerName = "MO_QUORUNIX_SERVER";
@@ -46,14 +50,16 @@ int quor_tev_register(TevIdentity& id, TevFeedback& fb, std::string_view app);
 int quor_tev_register_server(TevIdentity& id, TevFeedback& fb, std::string_view app);
 int quor_tev_deregister(const TevIdentity& id, TevFeedback& fb);
 
-// Receives one message into `buf` (zeroed first), reads its length prefix L
+// Receives one message into `buf` (its first conn.dirty bytes zeroed first,
+// so that the whole buffer is zero past what arrives), reads its length prefix L
 // and decodes bytes 6..L-1. 3 when L is below 7, beyond the buffer or beyond
 // what arrived: the body is then left as it came.
 int quor_tev_receive(ConnRecord& conn, std::span<char> buf);
 
 // Writes the prefix for `length` bytes, encodes the body and sends it as the
 // reply to the last request (FB_InConversId). 3 for a length outside 7..32767
-// (nothing sent). The buffer holds encoded bytes afterwards.
+// (nothing sent). The buffer holds encoded bytes afterwards, which
+// conn.dirty counts.
 int quor_tev_send(ConnRecord& conn, std::span<char> buf, std::size_t length);
 
 // As quor_tev_send, but waits up to kConverseWaitSeconds for the peer's

@@ -41,11 +41,19 @@ std::size_t buf_begin_segment(OutBuf& out, std::string_view tag) {
 void buf_end_segment(OutBuf& out, std::size_t length_field) {
   put_string(out, kEndOfSegment);
   if (out.overflow || length_field + 6 > out.pos) return;
-  char digits[16];
-  std::snprintf(digits, sizeof digits, "%5ld", static_cast<long>(out.pos - length_field));
   // The length of a segment that fits a message has at most five digits, so
   // this overwrites exactly the placeholder and its NUL.
-  std::memcpy(out.data.data() + length_field, digits, 6);
+  buf_put_length(out.data.data() + length_field, out.pos - length_field);
+}
+
+void buf_put_length(char* to, std::size_t value) {
+  char digits[6] = {' ', ' ', ' ', ' ', ' ', '\0'};
+  std::size_t at = 5;
+  do {
+    digits[--at] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0 && at > 0);
+  std::memcpy(to, digits, sizeof digits);
 }
 
 int buf_add_item_split(OutBuf& out, std::string_view item, std::size_t capacity, ConnRecord& conn,

@@ -70,6 +70,9 @@ std::size_t buf_begin_segment(OutBuf& out, std::string_view tag);
 // Writes "ZZZEOS" and prints the segment length over the placeholder.
 void buf_end_segment(OutBuf& out, std::size_t length_field);
 
+// Writes `value` (below 100000) as "%5ld" prints it, and a NUL: six bytes.
+void buf_put_length(char* to, std::size_t value);
+
 // Appends an item to a segment that may outgrow the buffer: when fewer than
 // strlen(item) + 46 bytes are left before `capacity`, closes the segment,
 // sends the buffer as a partial reply (send_partial_buffer), and reopens a

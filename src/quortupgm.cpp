@@ -2,9 +2,11 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
 #include <fcntl.h>
 
 #include <fstream>
@@ -22,14 +24,16 @@
 
 std::string quor_login_program() { return quor_install_root() + "/quor/bin/quoruserpgm"; }
 
-pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag) {
+namespace {
+
+SpawnResult login_spawn(std::string_view login_name, std::string_view client, int flag) {
   std::string name(login_name);
   // Looked up before the start, so that the child only makes system calls.
   std::optional<Account> account = quor_account(name);
   if (quor_debug())
     quor_trace("exec login, user = %s, client = %.*s, pwentry = %s\n", name.c_str(), static_cast<int>(client.size()),
                client.data(), account ? "found" : "none");
-  if (!account) return 0;
+  if (!account) return SpawnResult{0};  // pid 0: nothing started
   SpawnRequest spawn{quor_login_program(),
                      {"quoruserpgm", name, std::string(client), flag != 0 ? "1" : "0"},
                      quor_spawn_environment(&*account),
@@ -42,13 +46,35 @@ pid_t quor_login_start(std::string_view login_name, std::string_view client, int
   if (spawn.stderr_fd >= 0) close(spawn.stderr_fd);
   if (started.pid < 0) {
     if (quor_debug()) quor_trace("Fork of login child failed.\n");
-    return 0;
+    return started;
   }
   if (quor_debug()) {
     if (started.failure != SpawnResult::kNone) quor_trace("Exec of login child failed.\n");
     quor_trace("Fork of login child okay, pid = %d.\n", static_cast<int>(started.pid));
   }
-  return started.pid;
+  return started;
+}
+
+}  // namespace
+
+pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag) {
+  SpawnResult started = login_spawn(login_name, client, flag);
+  return started.pid > 0 ? started.pid : 0;
+}
+
+pid_t quor_login_restore(std::string_view login_name, std::string_view client, std::string& why) {
+  SpawnResult started = login_spawn(login_name, client, 0);
+  if (started.pid > 0 && started.failure == SpawnResult::kNone) return started.pid;
+  if (started.pid > 0) {
+    // The child has already ended (vfork returned on its _exit): this wait
+    // only collects it.
+    waitpid(started.pid, nullptr, 0);
+    why = std::string(started.failure == SpawnResult::kIdentity ? "account" : "exec") + ": " +
+          std::strerror(started.err);
+  } else {
+    why = started.pid < 0 ? std::string("no process: ") + std::strerror(started.err) : "no such account";
+  }
+  return 0;
 }
 
 namespace {
@@ -102,8 +128,15 @@ int quor_login_info(const TransactionHeader& header, const TevInquiry& sender) {
   } catch (const std::bad_alloc&) {
     return 1;
   }
-  user->last_activity = std::time(nullptr);
-  user->login_pid = child->agent_pid;
+  quor_user_set_activity(*user, std::time(nullptr));
+  // A kept agent has ended and been reaped already: the session has no
+  // login process left, and the user is logged out as soon as that is seen.
+  if ((child->flags & kChildKept) != 0) {
+    quor_child_remove(child);
+    quor_user_remove_ended(user);
+    return 0;
+  }
+  quor_user_set_login(*user, child->agent_pid);
   quor_child_remove(child);
   return 0;
 }

@@ -21,6 +21,12 @@ std::string quor_login_program();
 // it never runs the program as root on behalf of another account.
 pid_t quor_login_start(std::string_view login_name, std::string_view client, int flag);
 
+// quor_login_start for a user restored at start-up: a child that could not
+// take on the account or exec is reaped at once (it has ended by the time
+// the start returns) and 0 returned, with `why` saying what failed, so that
+// the caller keeps the user without a login process.
+pid_t quor_login_restore(std::string_view login_name, std::string_view client, std::string& why);
+
 // The LOGININFO request: the agent that a login started reports the local
 // account it accepted the user as. The header names the agent ("PID", which
 // must be a running or cleanly ended login agent of this host, "NOD") and

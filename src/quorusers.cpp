@@ -8,6 +8,8 @@
 #include <array>
 #include <functional>
 #include <map>
+#include <unordered_map>
+#include <unordered_set>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "quorconfig.h"
 #include "quordebug.h"
 #include "quorderr.h"
+#include "quorindex.h"
 #include "quorkids.h"
 #include "quortupgm.h"
 
@@ -25,24 +28,166 @@ UserTable& quor_users() {
   return table;
 }
 
-UserEntry& quor_user_new() { return quor_users().emplace_front(); }
+namespace {
+
+// Where an entry is in the list and what it is indexed under.
+struct UserSlot {
+  UserTable::iterator at;
+  std::uint64_t made = 0;  // creation order: larger is newer
+  bool indexed = false;
+  pid_t login = 0;
+  std::time_t activity = 0;
+};
+
+using PairKey = std::pair<std::string, std::string>;
+
+struct UserIndex {
+  std::uint64_t made = 0;
+  std::unordered_map<const UserEntry*, UserSlot> slots;
+  std::vector<UserEntry*> fresh;  // made since the last lookup, not indexed yet
+  std::unordered_map<PairKey, std::vector<UserEntry*>, StringPairHash> by_pair;  // newest first
+  std::unordered_map<pid_t, std::vector<UserEntry*>> by_login;             // newest first
+  // Logged-in entries by (last activity, creation): the idle ones come first.
+  std::map<std::pair<std::time_t, std::uint64_t>, UserEntry*> by_activity;
+};
+
+UserIndex& index() {
+  static UserIndex i;
+  return i;
+}
+
+template <class Map, class Key>
+void bucket_add(Map& map, const Key& key, UserEntry* entry) {
+  UserIndex& i = index();
+  index_add(map, key, entry, i.slots[entry].made, [&](UserEntry* e) { return i.slots[e].made; });
+}
+
+void index_login(UserEntry* entry, UserSlot& slot, pid_t pid) {
+  UserIndex& i = index();
+  if (slot.login > 0) index_remove(i.by_login, slot.login, entry);
+  slot.login = pid;
+  if (pid > 0) bucket_add(i.by_login, pid, entry);
+}
+
+void index_activity(UserEntry* entry, UserSlot& slot, std::time_t when) {
+  UserIndex& i = index();
+  if (slot.activity != 0) i.by_activity.erase({slot.activity, slot.made});
+  slot.activity = when;
+  if (when != 0) i.by_activity[{when, slot.made}] = entry;
+}
+
+// Indexes the entries made since the last lookup, as their makers left them.
+void index_fresh() {
+  UserIndex& i = index();
+  for (UserEntry* entry : i.fresh) {
+    UserSlot& slot = i.slots[entry];
+    slot.indexed = true;
+    bucket_add(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
+    index_login(entry, slot, entry->login_pid);
+    index_activity(entry, slot, entry->last_activity);
+  }
+  i.fresh.clear();
+}
+
+// Drops the entry from the list and every index.
+void erase_entry(UserEntry* entry) {
+  UserIndex& i = index();
+  auto it = i.slots.find(entry);
+  if (it == i.slots.end()) return;
+  UserSlot& slot = it->second;
+  if (slot.indexed) {
+    index_remove(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
+    index_login(entry, slot, 0);
+    index_activity(entry, slot, 0);
+  } else {
+    std::erase(i.fresh, entry);
+  }
+  UserTable::iterator at = slot.at;
+  i.slots.erase(it);
+  static_cast<std::list<UserEntry>&>(quor_users()).erase(at);
+}
+
+}  // namespace
+
+void UserTable::clear() {
+  std::list<UserEntry>::clear();
+  index() = UserIndex{};
+}
+
+UserEntry& quor_user_new() {
+  UserTable& table = quor_users();
+  UserEntry& entry = table.emplace_front();
+  UserIndex& i = index();
+  UserSlot& slot = i.slots[&entry];
+  slot.at = table.begin();
+  slot.made = ++i.made;
+  i.fresh.push_back(&entry);
+  return entry;
+}
+
+void quor_user_set_login(UserEntry& entry, pid_t pid) {
+  entry.login_pid = pid;
+  auto slot = index().slots.find(&entry);
+  if (slot != index().slots.end() && slot->second.indexed) index_login(&entry, slot->second, pid);
+}
+
+void quor_user_set_activity(UserEntry& entry, std::time_t when) {
+  entry.last_activity = when;
+  auto slot = index().slots.find(&entry);
+  if (slot != index().slots.end() && slot->second.indexed) index_activity(&entry, slot->second, when);
+}
+
+UserEntry* quor_user_by_login(pid_t pid) {
+  index_fresh();
+  auto bucket = index().by_login.find(pid);
+  if (bucket == index().by_login.end()) return nullptr;
+  for (UserEntry* entry : bucket->second)
+    if (entry->login_pid == pid) return entry;
+  return nullptr;
+}
+
+std::vector<UserEntry*> quor_users_idle(std::time_t now, std::int32_t timeout) {
+  index_fresh();
+  std::vector<UserEntry*> idle;
+  for (auto& [key, entry] : index().by_activity) {
+    if (now - key.first <= timeout) break;
+    if (entry->last_activity != 0 && now - entry->last_activity > timeout) idle.push_back(entry);
+  }
+  return idle;
+}
 
 int quor_user_remove(UserEntry* entry) {
   if (entry == nullptr) return 3;
   quor_terminate_pid(entry->login_pid);
   quor_children_forget_user(entry);
-  quor_users().remove_if([entry](const UserEntry& e) { return &e == entry; });
+  erase_entry(entry);
   return 0;
 }
 
 int quor_user_remove_ended(UserEntry* entry) {
-  if (entry != nullptr) entry->login_pid = 0;
+  if (entry != nullptr) quor_user_set_login(*entry, 0);
   return quor_user_remove(entry);
 }
 
+void quor_users_remove_ended(std::span<UserEntry* const> entries) {
+  quor_children_forget_users(entries);
+  for (UserEntry* entry : entries) erase_entry(entry);
+}
+
+namespace {
+
+// The newest entry of the pair, whatever its state.
+UserEntry* newest_of(std::string_view user, std::string_view node) {
+  index_fresh();
+  auto bucket = index().by_pair.find(PairKey{user, node});
+  return bucket == index().by_pair.end() ? nullptr : bucket->second.front();
+}
+
+}  // namespace
+
 UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
-  for (UserEntry& entry : quor_users()) {
-    if (entry.user_name != header.user || entry.node_name != header.node) continue;
+  if (UserEntry* found = newest_of(header.user, header.node)) {
+    UserEntry& entry = *found;
     if (entry.last_activity == 0) return nullptr;
     std::int32_t timeout = quor_config().login_timeout;
     if (timeout > 0) {
@@ -65,11 +210,7 @@ UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
   return &entry;
 }
 
-UserEntry* quor_user_entry(std::string_view user, std::string_view node) {
-  for (UserEntry& entry : quor_users())
-    if (entry.user_name == user && entry.node_name == node) return &entry;
-  return nullptr;
-}
+UserEntry* quor_user_entry(std::string_view user, std::string_view node) { return newest_of(user, node); }
 
 int quor_user_count_owned(const ClientId& owner) {
   return static_cast<int>(
@@ -265,7 +406,8 @@ int quor_users_load() {
     entry.owner = owner != owners.end() ? owner->second : owner_by_account(entry.login_name);
     // A user whose login program cannot start is kept (and said so), so
     // that the next save still holds it.
-    entry.login_pid = quor_login_start(entry.login_name, entry.node_name, 0);
-    if (entry.login_pid == 0) quor_msg_log(122, 2, entry.login_name);
+    std::string why;
+    quor_user_set_login(entry, quor_login_restore(entry.login_name, entry.node_name, why));
+    if (entry.login_pid == 0) quor_msg_log(122, 2, entry.login_name + " (" + why + ")");
   });
 }

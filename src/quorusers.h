@@ -3,6 +3,14 @@
 // process. New entries go to the front; walks and lookups run from the
 // front.
 //
+// The list is the order of record (status report, save file). Beside it the
+// table keeps hash indexes by (client user, client node) and by login
+// process, and the logged-in users ordered by their last activity, so that
+// a lookup or the idle check costs the same whatever the number of users.
+// An entry is indexed as its maker left it at the first lookup after it was
+// made; a login pid or activity time that changes later goes through
+// quor_user_set_login or quor_user_set_activity.
+//
 // The table survives restarts in the save file <root>/tmp/quor.sav, one
 // record per entry from the front:
 //
@@ -27,6 +35,7 @@
 #include <ctime>
 #include <functional>
 #include <list>
+#include <span>
 #include <vector>
 #include <string>
 
@@ -43,7 +52,11 @@ struct UserEntry {
   ClientId owner;                 // the client that logged the user in
 };
 
-using UserTable = std::list<UserEntry>;
+// The list of record. Clearing it forgets its indexes too.
+class UserTable : public std::list<UserEntry> {
+ public:
+  void clear();
+};
 
 // Largest payload a save record can carry: its length has three digits.
 inline constexpr std::size_t kMaxUserRecord = 999;
@@ -62,6 +75,20 @@ int quor_user_remove(UserEntry* entry);
 // been stopped: nothing is signalled, since its pid may belong to someone
 // else by now.
 int quor_user_remove_ended(UserEntry* entry);
+
+// quor_user_remove_ended for several entries at once.
+void quor_users_remove_ended(std::span<UserEntry* const> entries);
+
+// Record a new login process or activity time of the entry.
+void quor_user_set_login(UserEntry& entry, pid_t pid);
+void quor_user_set_activity(UserEntry& entry, std::time_t when);
+
+// The entry whose login process is `pid`; none when there is none.
+UserEntry* quor_user_by_login(pid_t pid);
+
+// Logged-in entries idle for longer than `timeout` seconds at `now`,
+// longest idle first.
+std::vector<UserEntry*> quor_users_idle(std::time_t now, std::int32_t timeout);
 
 // The active entry of the header's user and node. A login in progress is
 // never returned (and no second entry made for it); an entry idle longer

@@ -1,5 +1,6 @@
 #include "quorutl.h"
 
+#include <pthread.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -10,37 +11,55 @@
 
 namespace {
 
-// The password database lookup is the slow part of building a header, and
-// every reply builds one; remember the answer for the uid.
-std::string login_name_of_real_uid() {
-  static uid_t cached_uid = static_cast<uid_t>(-1);
-  static std::string cached_name;
-  static bool cached = false;
-  uid_t uid = getuid();
-  if (!cached || uid != cached_uid) {
-    cached_name.clear();
-    if (const passwd* pw = getpwuid(uid); pw != nullptr && pw->pw_name != nullptr)
-      cached_name = pw->pw_name;
-    cached_uid = uid;
-    cached = true;
+// What a header says of this process: its pid, real gid and the login name
+// of its real uid. They do not change while the process runs, so they are
+// looked up once (the password database lookup is the slow part, and every
+// reply builds a header); a forked child looks again.
+struct SelfText {
+  bool known = false;
+  std::string pid;
+  std::string gid;
+  std::string login_name;
+};
+
+SelfText& self_text() {
+  static SelfText self;
+  return self;
+}
+
+void forget_self_text() { self_text().known = false; }
+
+const SelfText& current_self_text() {
+  static const bool watching_forks = pthread_atfork(nullptr, nullptr, forget_self_text) == 0;
+  (void)watching_forks;
+  SelfText& self = self_text();
+  if (!self.known) {
+    self.pid = std::to_string(static_cast<long>(getpid()));
+    self.gid = std::to_string(static_cast<long>(getgid()));
+    self.login_name.clear();
+    if (const passwd* pw = getpwuid(getuid()); pw != nullptr && pw->pw_name != nullptr) self.login_name = pw->pw_name;
+    self.known = true;
   }
-  return cached_name;
+  return self;
 }
 
 }  // namespace
 
+const std::string& tran_own_pid() { return current_self_text().pid; }
+
 int tran_header_fill(std::string_view transcode, std::string_view continuation,
                      TransactionHeader& out) {
+  const SelfText& self = current_self_text();
   out = TransactionHeader{};
   out.transcode = transcode;
   out.continuation = continuation;
-  out.pid = std::to_string(static_cast<long>(getpid()));
+  out.pid = self.pid;
   out.node = mo_nodename();
   if (const char* user = std::getenv("MOX_QUORUSER"); user != nullptr)
     out.user = user;
   else
-    out.user = login_name_of_real_uid();
-  out.gid = std::to_string(static_cast<long>(getgid()));
+    out.user = self.login_name;
+  out.gid = self.gid;
   out.ostype = "UNIX1";
   return 0;
 }

@@ -36,6 +36,9 @@ struct TransactionHeader {
 int tran_header_fill(std::string_view transcode, std::string_view continuation,
                      TransactionHeader& out);
 
+// This process's pid as headers write it (looked up once per process).
+const std::string& tran_own_pid();
+
 // Writes the seven items in the fixed order COD PID NOD USR GID ADD OS.
 void tran_header_write(const TransactionHeader& header, OutBuf& out);
 

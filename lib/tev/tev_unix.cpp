@@ -136,7 +136,7 @@ class UnixEndpoint final : public TevEndpoint {
     iovec iov[2] = {{header.data(), header.size()},
                     {const_cast<std::uint8_t*>(payload.data()), payload.size()}};
     if (name == last_sender_ && (!root_peers_only_ || last_sender_is_root_))
-      return send_to(fb, last_sender_dir(), name, iov, payload.empty() ? 1 : 2);
+      return send_msg(fb, last_sender_addr_, last_sender_len_, iov, payload.empty() ? 1 : 2);
     int rc = send_to(fb, root_dir_, name, iov, payload.empty() ? 1 : 2);
     if (rc == 0 || root_peers_only_ || fb.FB_Src != kTevSrcNoRcvr) return rc;
     return send_to(fb, dir_, name, iov, payload.empty() ? 1 : 2);
@@ -198,6 +198,9 @@ class UnixEndpoint final : public TevEndpoint {
     if (!from_root && where != dir_) return false;
     last_sender_.assign(name);
     last_sender_is_root_ = from_root;
+    // Kept as the kernel gave it, so that a reply needs no address built.
+    last_sender_addr_ = from;
+    last_sender_len_ = msg.msg_namelen;
 
     out.kind = d->kind;
     out.conversation = d->conversation;
@@ -219,13 +222,15 @@ class UnixEndpoint final : public TevEndpoint {
     return true;
   }
 
-  const std::string& last_sender_dir() const { return last_sender_is_root_ ? root_dir_ : dir_; }
-
   int send_to(TevFeedback& fb, const std::string& dir, std::string_view name, iovec* iov, std::size_t parts) {
     sockaddr_un addr;
     socklen_t len;
     if (!make_address(dir + "/" + std::string(name), addr, len))
       return tev_fail(fb, kTevPrcPlistErr, 0, ENAMETOOLONG, "Remote name too long for a path");
+    return send_msg(fb, addr, len, iov, parts);
+  }
+
+  int send_msg(TevFeedback& fb, sockaddr_un& addr, socklen_t len, iovec* iov, std::size_t parts) {
     msghdr msg{};
     msg.msg_name = &addr;
     msg.msg_namelen = len;
@@ -254,6 +259,8 @@ class UnixEndpoint final : public TevEndpoint {
   std::vector<std::uint8_t> buffer_;  // one datagram; reused by every receive
   std::string last_sender_;           // name of the last sender received, and where it lives
   bool last_sender_is_root_ = false;
+  sockaddr_un last_sender_addr_{};    // its address as received
+  socklen_t last_sender_len_ = 0;
   int send_wait_ms_ = kDefaultSendWaitMs;
   bool root_peers_only_ = false;
 };
