@@ -153,7 +153,8 @@ void receive_failed(DaemonLoop& loop, const LoopHooks& hooks, int rc) {
     else
       quor_abnormal_shutdown(quor_registration(), true);
   }
-  (hooks.pause != nullptr ? hooks.pause : ::sleep)(1);
+  // A termination signal that ended the wait ends the loop: no pause first.
+  if (running != 0) (hooks.pause != nullptr ? hooks.pause : ::sleep)(1);
 }
 
 }  // namespace
