@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "quortev.h"
@@ -103,15 +106,18 @@ inline std::array<char, BUFFER_MAX> make_request(std::string_view type, std::siz
 }
 
 // The same request sealed for the wire, its header first changed by
-// `adjust` (to claim another sender, user or node).
+// `adjust` (to claim another sender, user or node); `segments` may write
+// between header and trailer.
 inline std::vector<std::uint8_t> sealed_request(std::string_view type,
-                                                const std::function<void(TransactionHeader&)>& adjust = {}) {
+                                                const std::function<void(TransactionHeader&)>& adjust = {},
+                                                const std::function<void(OutBuf&)>& segments = {}) {
   std::array<char, BUFFER_MAX> buf{};
   OutBuf out(buf);
   TransactionHeader h;
   tran_header_fill(type, "N", h);
   if (adjust) adjust(h);
   tran_header_write(h, out);
+  if (segments) segments(out);
   quor_trl_put("N", out);
   std::size_t length = out.pos;
   quor_wire_seal(buf, length);
@@ -163,6 +169,46 @@ int run_as(const std::string& account, F body) {
     return body();
   });
   return child.wait();
+}
+
+// One segment tagged `tag` holding `items`.
+inline void put_segment(OutBuf& out, std::string_view tag, std::initializer_list<std::string_view> items) {
+  std::size_t field = buf_begin_segment(out, tag);
+  for (auto item : items) buf_add_item(out, item);
+  buf_end_segment(out, field);
+}
+
+// Whether `done` holds within `limit`, polling every 10 ms.
+template <class F>
+bool eventually(F done, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
+  for (auto end = std::chrono::steady_clock::now() + limit;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= end) return false;
+  }
+}
+
+// The processes whose parent is `parent` (any parent when 0) and whose
+// command is `name` or whose executable lies under `exe_prefix` (any when
+// both are empty): the running ones, or with `zombies` the ended ones that
+// nobody has reaped yet.
+inline std::vector<pid_t> processes(pid_t parent, std::string_view name, bool zombies = false,
+                                    std::string_view exe_prefix = {}) {
+  std::vector<pid_t> found;
+  for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+    std::string stat = read_file(e.path() / "stat");
+    std::size_t paren = stat.rfind(')');
+    int ppid = 0;
+    char state = 0;
+    if (paren == std::string::npos || std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) != 2) continue;
+    std::error_code ec;
+    bool match = (name.empty() && exe_prefix.empty()) ||
+                 (!name.empty() && stat.find("(" + std::string(name) + ")") != std::string::npos) ||
+                 (!exe_prefix.empty() &&
+                  std::filesystem::read_symlink(e.path() / "exe", ec).string().starts_with(exe_prefix));
+    if (match && (parent == 0 || ppid == parent) && (state == 'Z') == zombies)
+      found.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
+  }
+  return found;
 }
 
 // The bytes [0, length) of a buffer as a string (NULs included).

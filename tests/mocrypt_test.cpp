@@ -1,5 +1,5 @@
-// The body transform: the worked example, reversibility for every byte value
-// at every position and length, and the seed's low byte.
+// The body transform: the worked example, and the word-at-a-time code
+// against the byte definition at every length (every byte value turns up).
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -41,33 +41,11 @@ TEST(BodyTransform, MatchesTheByteDefinitionAndRoundTripsAtEveryLengthAndValue) 
       auto v = plain;
       body_encode(seed, v);
       ASSERT_EQ(v, encode_by_definition(seed, plain)) << "n=" << n << " seed=" << seed;
+      auto high = plain;  // only the seed's low byte counts
+      body_encode(seed + 256, high);
+      ASSERT_EQ(high, v);
       body_decode(seed, v);
       ASSERT_EQ(v, plain) << "n=" << n << " seed=" << seed;
     }
-  }
-}
-
-TEST(BodyTransform, OnlyTheSeedsLowByteCountsAndEmptyRangesAreUntouched) {
-  std::vector<std::uint8_t> a(33, 0x11), b(33, 0x11);
-  body_encode(5, a);
-  body_encode(261, b);
-  EXPECT_EQ(a, b);
-  std::vector<std::uint8_t> none;
-  body_encode(9, std::span<std::uint8_t>(none));
-  std::vector<std::uint8_t> guard = {1, 2, 3};
-  body_encode(9, std::span<std::uint8_t>(guard.data(), 0));
-  EXPECT_EQ(guard, (std::vector<std::uint8_t>{1, 2, 3}));
-}
-
-TEST(BodyTransform, OneChangedByteChangesEveryLaterEncodedByte) {
-  std::vector<std::uint8_t> a(40, 0x30), b = a;
-  b[10] = 0x31;
-  body_encode(3, a);
-  body_encode(3, b);
-  for (std::size_t i = 0; i < 40; ++i) {
-    if (i < 10)
-      EXPECT_EQ(a[i], b[i]);
-    else
-      EXPECT_NE(a[i], b[i]);
   }
 }

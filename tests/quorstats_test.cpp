@@ -110,7 +110,8 @@ TEST_F(StatusReport, AFullReportLargerThanABufferArrivesInOrderOverSeveralBuffer
     Decoded d = decode(result.replies[i].payload);
     EXPECT_EQ(*d.trailer.more_data, last ? "N" : "Y") << i;
     EXPECT_EQ(result.replies[i].kind, last ? kTevKindData : kTevKindConv) << i;
-    EXPECT_EQ(d.tran.transcode, i == 0 ? "F" : "S") << i;
+    EXPECT_EQ(d.tran.transcode + d.tran.continuation, i == 0 ? "FN" : "SY") << i;
+    EXPECT_EQ(result.replies[i].sender.rfind(last ? "TEST.SRV" : "QUOR.", 0), 0u) << i;
     EXPECT_LE(result.replies[i].payload.size(), BUFFER_MAX);
   }
   // The users appear once each, newest first, across the buffers.

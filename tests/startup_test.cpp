@@ -50,19 +50,10 @@ int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::s
 // Sends REFRESH, with a "ZZZFIL" segment naming `path` when given, and
 // returns the reply's "RC" and "RM" values.
 std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  tran_header_put("R", "N", out);
-  if (path) {
-    std::size_t field = buf_begin_segment(out, "ZZZFIL");
-    buf_add_item(out, *path);
-    buf_end_segment(out, field);
-  }
-  quor_trl_put("N", out);
-  std::size_t length = out.pos;
-  quor_wire_seal(buf, length);
   TevClient client;
-  TevCallResult r = client.call(kServerName, std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length)), 5000);
+  TevCallResult r = client.call(kServerName, testutil::sealed_request("R", {}, [&](OutBuf& out) {
+                                  if (path) testutil::put_segment(out, "ZZZFIL", {*path});
+                                }), 5000);
   if (r.rc != 0 || r.replies.empty()) return {"no reply", ""};
   std::vector<std::string> ret = Daemon::reply_items(r.replies.back().payload, "ZZZRET");
   if (ret.size() != 4) return {"bad reply", ""};
@@ -72,18 +63,12 @@ std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
 #define REQUIRE_ROOT() \
   if (geteuid() != 0) GTEST_SKIP() << "needs root: the daemon detaches only as root"
 
-// Whether `done` holds within two seconds, polling.
-template <class F>
-bool eventually(F done) {
-  for (int i = 0; i < 100; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-    if (done()) return true;
-  return false;
-}
+using testutil::eventually;
 
-// Sends TERMINATE and returns the daemon's exit status.
-int terminate(Daemon& d) {
+// Sends TERMINATE (or KILLALL) and returns the daemon's exit status.
+int terminate(Daemon& d, std::string_view type = "T") {
   TevClient client;
-  client.call(kServerName, Daemon::request("T"), 0, false);
+  client.call(kServerName, Daemon::request(type), 0, false);
   return d.wait_exit();
 }
 
@@ -262,27 +247,10 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   EXPECT_TRUE(d.alive());
 }
 
-// The processes named `name` whose parent is `parent`: the running ones, or
-// with `zombies` the ended ones that nobody has reaped yet.
-std::vector<pid_t> children_of(pid_t parent, std::string_view name, bool zombies = false) {
-  std::vector<pid_t> found;
-  for (const auto& e : fs::directory_iterator("/proc")) {
-    std::string stat = read_file(e.path() / "stat");
-    std::size_t paren = stat.rfind(')');
-    if (stat.find("(" + std::string(name) + ")") == std::string::npos || paren == std::string::npos) continue;
-    int ppid = 0;
-    char state = 0;
-    if (std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) == 2 && ppid == parent &&
-        (state == 'Z') == zombies)
-      found.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
-  }
-  return found;
-}
-
 // The daemon's running login programs, once there are any.
 std::vector<pid_t> login_programs(const Daemon& d) {
   std::vector<pid_t> found;
-  eventually([&] { return !(found = children_of(d.pid(), "quoruserpgm")).empty(); });
+  eventually([&] { return !(found = testutil::processes(d.pid(), "quoruserpgm")).empty(); });
   return found;
 }
 
@@ -316,8 +284,11 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
   EXPECT_NE(status.find("Uid:\t" + std::to_string(account->pw_uid) + "\t"), std::string::npos) << status;
   EXPECT_NE(status.find("Gid:\t" + std::to_string(account->pw_gid) + "\t"), std::string::npos) << status;
-  EXPECT_EQ(terminate(d), 0) << d.output();
-  EXPECT_TRUE(children_of(d.pid(), "quoruserpgm").empty());
+  EXPECT_EQ(terminate(d, "K"), 0) << d.output();
+  EXPECT_TRUE(testutil::processes(d.pid(), "quoruserpgm").empty());
+  EXPECT_NE(d.output().find("message type KILLALL"), std::string::npos);
+  EXPECT_FALSE(fs::exists(d.server_socket()));
+  EXPECT_FALSE(fs::exists(pid_file(d)));
 }
 
 TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
@@ -408,7 +379,7 @@ TEST(Cleanup, ReapsAnEndedLoginProgramAndLogsItsUserOut) {
   std::vector<pid_t> programs = login_programs(d);
   ASSERT_EQ(programs.size(), 1u) << d.output();
   kill(programs[0], SIGKILL);
-  auto zombies = [&] { return children_of(d.pid(), "quoruserpgm", true); };
+  auto zombies = [&] { return testutil::processes(d.pid(), "quoruserpgm", true); };
   ASSERT_TRUE(eventually([&] { return zombies() == programs; })) << "the killed program is not a zombie";
 
   {
