@@ -107,10 +107,11 @@ inline std::array<char, BUFFER_MAX> make_request(std::string_view type, std::siz
 
 // The same request sealed for the wire, its header first changed by
 // `adjust` (to claim another sender, user or node); `segments` may write
-// between header and trailer.
+// between header and trailer, whose value is `more`.
 inline std::vector<std::uint8_t> sealed_request(std::string_view type,
                                                 const std::function<void(TransactionHeader&)>& adjust = {},
-                                                const std::function<void(OutBuf&)>& segments = {}) {
+                                                const std::function<void(OutBuf&)>& segments = {},
+                                                std::string_view more = "N") {
   std::array<char, BUFFER_MAX> buf{};
   OutBuf out(buf);
   TransactionHeader h;
@@ -118,7 +119,7 @@ inline std::vector<std::uint8_t> sealed_request(std::string_view type,
   if (adjust) adjust(h);
   tran_header_write(h, out);
   if (segments) segments(out);
-  quor_trl_put("N", out);
+  quor_trl_put(more, out);
   std::size_t length = out.pos;
   quor_wire_seal(buf, length);
   return std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length));
