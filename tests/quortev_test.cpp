@@ -168,14 +168,20 @@ TEST(Diagnostics, FeedbackDumpListsEveryField) {
   fb.FB_ErrorText = "No receiver online";
   fb.FB_Remote_Id.set_system_id("hostA");
   fb.FB_Remote_Id.set_app_name("MO_QUORUNIX_SERVER");
+  fb.FB_ConversId = 0x1A;
+  fb.FB_InConversId = 0x2B;
+  fb.FB_Error_Detail = 0x3C;
+  fb.FB_Error_Text_Code = 0x4D;
+  fb.FB_DataLen = 0x5E;
   std::string s = printed([&](std::FILE* f) { tev_dump_feedback("    TevInit failed", fb, f); });
-  EXPECT_EQ(s.rfind("    TevInit failed\tContents of  feedback-block at ", 0), 0u) << s;
-  EXPECT_NE(s.find("\tFB_Prc:                   8\n"), std::string::npos);
-  EXPECT_NE(s.find("\tFB_ErrorText:             No receiver online\n"), std::string::npos);
-  EXPECT_NE(s.find("\tFB_Remote_Id:\n\t   ID_systemid:              (hostA)\n"
-                   "\t   ID_appname:               (MO_QUORUNIX_SERVER)\n"),
-            std::string::npos);
-  EXPECT_NE(s.find("\n\tMessage text associated with Prc, Src, Drc\n\n\tPrc =  8: LOGICERR"),
-            std::string::npos);
-  EXPECT_NE(s.find("\tSrc =  6: NORCVR"), std::string::npos);
+  ASSERT_EQ(s.rfind("    TevInit failed\tContents of  feedback-block at ", 0), 0u) << s;
+  EXPECT_EQ(s.substr(s.find('\n')),
+            "\n\n\tFB_ConversId:             1A\n\tFB_InConversId:           2B\n\tFB_Prc:                   8\n"
+            "\tFB_Src:                   6\n\tFB_Error_Detail:          3C\n\tFB_Error_Text_Code:       4D\n"
+            "\tFB_ErrorText:             No receiver online\n\tFB_DataLen:               5E\n\tFB_Remote_Id:\n"
+            "\t   ID_systemid:              (hostA)\n\t   ID_appname:               (MO_QUORUNIX_SERVER)\n"
+            "\tFB_Local_Id:\n\t   ID_systemid:              ()\n\t   ID_appname:               ()\n"
+            "\tFB_Inqy_Count:            0\n\tFB_Inqy_Len:              0\n\tFB_Inqy_Buffer:           0\n\n"
+            "\tMessage text associated with Prc, Src, Drc\n\n\tPrc =  8: LOGICERR, Logic error detected\n"
+            "\tSrc =  6: NORCVR, No receiver online\n\tDrc = 3C: <undefined>\n");
 }

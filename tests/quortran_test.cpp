@@ -208,6 +208,18 @@ TEST(TransactionHeader, UserNameSources) {
   tran_header_fill("B", "N", h);
   const passwd* pw = getpwuid(getuid());
   EXPECT_EQ(h.user, pw != nullptr ? pw->pw_name : "");
+  // After a change to a uid without a name, no name: not the one before.
+  uid_t nameless = 54321;
+  while (getpwuid(nameless) != nullptr) ++nameless;
+  if (geteuid() == 0 && pw != nullptr) {
+    testutil::Child child([&] {
+      if (setuid(nameless) != 0) return 2;
+      TransactionHeader after;
+      tran_header_fill("B", "N", after);
+      return after.user.empty() ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+  }
 }
 
 TEST(ObjectHeader, WriteLeavesOutUnsetFieldsAndReadsBack) {
