@@ -253,12 +253,24 @@ TEST_F(Commands, UtilityRequestsAnswerWithTheCommandsOutput) {
   EXPECT_EQ(files_left(), "") << "command or output files left behind";
 }
 
-TEST_F(Commands, UtilityRequestsNeedALoginWhenLoginsAreRequired) {
+// Without a login a utility request is refused: when logins are required,
+// and when they are not but the default login program has ended.
+TEST_F(Commands, UtilityRequestsNeedALoginOrADefaultLoginProgram) {
   REQUIRE_ROOT();
+  const std::string refused = "RC 1: The request's trailer does not announce more data.";
   start("LOGIN_REQUIRED: 1\n", "MOUTIL quorutil\n");
-  CtlOutcome refused = ctl_util(CtlTarget{}, {"id"}, false);
-  EXPECT_EQ(refused.status, kCtlDaemonError);
-  EXPECT_EQ(refused.error, "RC 1: The request's trailer does not announce more data.");
+  CtlOutcome r = ctl_util(CtlTarget{}, {"id"}, false);
+  EXPECT_EQ(r.status, kCtlDaemonError);
+  EXPECT_EQ(r.error, refused);
+
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  daemon_.reset();
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "MOUTIL quorutil\n");
+  std::vector<pid_t> login;
+  ASSERT_TRUE(testutil::eventually([&] { return !(login = testutil::processes(daemon_->pid(), "quoruserpgm")).empty(); }));
+  kill(login[0], SIGKILL);
+  ASSERT_TRUE(testutil::eventually([&] { return !testutil::processes(daemon_->pid(), "quoruserpgm", true).empty(); }));
+  EXPECT_EQ(ctl_util(CtlTarget{}, {"id"}, false).error, refused);
 }
 
 }  // namespace

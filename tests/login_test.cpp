@@ -239,6 +239,11 @@ TEST(Accounts, LookedUpAndTakenOn) {
     return setuid(0) == 0 ? 4 : 0;
   });
   EXPECT_EQ(child.wait(), 0);
+  // Root's own account is taken on as it is: it can take root back.
+  std::optional<Account> root = quor_account("root");
+  ASSERT_TRUE(root);
+  testutil::Child as_root([&] { return quor_account_become(*root) && getuid() == 0 ? 0 : 1; });
+  EXPECT_EQ(as_root.wait(), 0);
 }
 
 }  // namespace

@@ -143,6 +143,9 @@ TEST_F(Transport, ANameHeldByAnotherProcessIsRefusedAStaleOneTakenOver) {
   kill(holder.pid(), SIGKILL);
   holder.wait();
   ASSERT_TRUE(std::filesystem::exists(socket_of("HELD")));
+  Reg sender("SENDER");
+  EXPECT_NE(TevSend(sender.fb, sender.id, named("HELD"), "x", 1, kTevModeNormal, 0), 0);
+  EXPECT_EQ(sender.fb.FB_Src, kTevSrcNoRcvr) << "a send to the stale socket";
   Reg r("HELD");
   EXPECT_EQ(r.rc, 0) << r.fb.FB_ErrorText;
   close(ready[0]);
@@ -240,7 +243,7 @@ TEST_F(Transport, ConversationAnsweredByAnotherProcessOrTimedOut) {
     return 0;
   });
   // Wait until the peer has registered.
-  for (int i = 0; i < 500 && !std::filesystem::exists(socket_of("CONV.CLI")); ++i) usleep(10000);
+  testutil::eventually([&] { return std::filesystem::exists(socket_of("CONV.CLI")); }, std::chrono::seconds(5));
   // Meanwhile, a DATA message reaches the server: it must be kept for later.
   Reg other("CONV.OTHER");
   ASSERT_EQ(TevSend(other.fb, other.id, named("CONV.SRV"), "queued", 6, kTevModeNormal, 5), 0);
