@@ -20,6 +20,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "quortev.h"
@@ -177,6 +178,23 @@ inline void put_segment(OutBuf& out, std::string_view tag, std::initializer_list
   std::size_t field = buf_begin_segment(out, tag);
   for (auto item : items) buf_add_item(out, item);
   buf_end_segment(out, field);
+}
+
+// A plain request of `type`: the segments, each a tag and its items, then
+// the trailer `more` (none when empty).
+using Segments = std::vector<std::pair<std::string_view, std::vector<std::string>>>;
+inline std::vector<char> plain_request(std::string_view type, const Segments& segments, std::string_view more = "N") {
+  std::vector<char> buf(BUFFER_MAX);
+  OutBuf out(buf);
+  tran_header_put(type, "N", out);
+  for (const auto& [tag, items] : segments) {
+    std::size_t field = buf_begin_segment(out, tag);
+    for (const auto& item : items) buf_add_item(out, item);
+    buf_end_segment(out, field);
+  }
+  if (!more.empty()) quor_trl_put(more, out);
+  buf.resize(out.pos);
+  return buf;
 }
 
 // Whether `done` holds within `limit`, polling every 10 ms.

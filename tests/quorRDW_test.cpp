@@ -38,15 +38,7 @@ Rows read_table(const std::string& path, std::vector<int>* statuses = nullptr) {
 // A request whose "ZZZRDW" segment holds exactly `items` (count first), and
 // a trailer with `more` unless it is empty.
 std::vector<char> raw_request(const std::vector<std::string>& items, std::string_view more = "N") {
-  std::vector<char> buf(BUFFER_MAX);
-  OutBuf out(buf);
-  tran_header_put("S", "N", out);
-  std::size_t field = buf_begin_segment(out, kRdwTag);
-  for (const auto& i : items) buf_add_item(out, i);
-  buf_end_segment(out, field);
-  if (!more.empty()) quor_trl_put(more, out);
-  buf.resize(out.pos);
-  return buf;
+  return testutil::plain_request("S", {{kRdwTag, items}}, more);
 }
 
 // Request buffers carrying `rows` of `columns` values, as many buffers as

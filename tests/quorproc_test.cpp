@@ -12,17 +12,7 @@ using testutil::read_file;
 namespace {
 
 std::vector<char> request(const std::vector<std::string>& commands, const std::vector<std::string>& names) {
-  std::vector<char> buf(BUFFER_MAX);
-  OutBuf out(buf);
-  tran_header_put("U", "N", out);
-  for (auto [tag, items] : {std::pair{"ZZZCMD", &commands}, {"ZZZLST", &names}}) {
-    std::size_t field = buf_begin_segment(out, tag);
-    for (const auto& i : *items) buf_add_item(out, i);
-    buf_end_segment(out, field);
-  }
-  quor_trl_put("N", out);
-  buf.resize(out.pos);
-  return buf;
+  return testutil::plain_request("U", {{"ZZZCMD", commands}, {"ZZZLST", names}});
 }
 
 TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
