@@ -149,39 +149,6 @@ TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
   EXPECT_EQ(files_left(), "") << "data files left behind";
 }
 
-// A login through the logon agent (here the probe, reporting the login),
-// then a service request that runs as the logged-in account, then a logoff
-// that stops the login process and logs the user out.
-TEST_F(Commands, LoginServiceRequestAndLogoff) {
-  REQUIRE_ROOT();
-  const passwd* nobody = getpwnam("nobody");
-  if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
-  uid_t nobody_uid = nobody->pw_uid;
-  start("LOGIN_REQUIRED: 1\n");
-  testutil::EnvGuard user("MOX_QUORUSER", "nobody");  // the client's user name
-
-  request("L", "LOGON", "LOGININFO", false);
-  std::optional<Probe> logon = next_probe();
-  ASSERT_TRUE(logon) << daemon_->output();
-  EXPECT_EQ(logon->info["uid"], "0") << "the logon agent runs as root";
-  settle(users(1));
-  std::vector<std::string> full = daemon_->status("F");
-  EXPECT_NE(std::find(full.begin(), full.end(),
-                      "    User nobody from node " + std::string(mo_nodename()) + " logged in as nobody.\n"),
-            full.end())
-      << daemon_->output();
-
-  request("S", "PROBE", "", false);
-  std::optional<Probe> probe = next_probe();
-  ASSERT_TRUE(probe);
-  EXPECT_EQ(probe->info["uid"], std::to_string(nobody_uid));
-  EXPECT_EQ(probe->field(smc::username), "nobody");
-
-  request("O", "PROBE", "", false);
-  ASSERT_TRUE(next_probe());
-  EXPECT_EQ(settle(users(0)), users(0)) << daemon_->output();
-}
-
 // A login reported for an account this host does not have: requests under
 // it are refused with an error reply, and nothing starts as anyone else.
 TEST_F(Commands, RequestsUnderAnAccountThatDoesNotExistStartNothing) {

@@ -44,25 +44,6 @@ class StatusReport : public ForkedServer {
   }
 };
 
-TEST_F(StatusReport, BriefAndFullLinesWithEmptyTables) {
-  quor_config().config_path = "/etc/q.config";
-  std::vector<std::string> brief = report('B');
-  ASSERT_EQ(brief.size(), 6u);
-  EXPECT_EQ(brief[0].rfind("Status of ", 0), 0u) << brief[0];
-  EXPECT_NE(brief[0].find(", pid="), std::string::npos);
-  EXPECT_EQ(brief[0].back(), '\n');
-  EXPECT_EQ(brief[1].rfind("    Daemon started at ", 0), 0u);
-  EXPECT_EQ(brief[2], "    Config path is /etc/q.config\n");
-  EXPECT_EQ(brief[3].rfind("    Config last updated ", 0), 0u);
-  EXPECT_EQ(brief[4], "    0 users logged into quor\n");
-  EXPECT_EQ(brief[5], "    0 transactions in progress.\n");
-
-  std::vector<std::string> full = report('F');
-  ASSERT_EQ(full.size(), 8u);
-  EXPECT_EQ(full[6], "\n");
-  EXPECT_EQ(full[7], "\n");
-}
-
 TEST_F(StatusReport, ALongConfigurationPathTakesTwoLines) {
   quor_config().config_path = "/" + std::string(240, 'p');  // 241 characters: one line
   EXPECT_EQ(report('B').size(), 6u);

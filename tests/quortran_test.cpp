@@ -100,27 +100,6 @@ TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {
   EXPECT_EQ(std::string(buf.data() + lf, 5), "00000");
 }
 
-TEST(SegmentReader, FindsSegmentsByTagAndReadsTheirItems) {
-  std::string body = nul_join({"ZZZTRN", "ZZZLEN", "   24", "COD", "B", "OS", "X", "ZZZEOS",
-                               "ZZZRET", "ZZZLEN", "   25", "RC", "3", "RM", "bad", "ZZZEOS",
-                               "ZZZEOD"});
-  auto buf = with_prefix(body);
-  auto ret = buf_find_segment(buf, "ZZZRET");
-  ASSERT_TRUE(ret);
-  EXPECT_EQ(std::string(buf.data() + *ret), "RC");
-  EXPECT_FALSE(buf_find_segment(buf, "ZZZHDR"));
-  EXPECT_FALSE(buf_find_segment(buf, "zzzret"));
-
-  static constexpr std::array<std::string_view, 3> names = {"RM", "RC", "XX"};
-  std::array<std::string_view, 3> values;
-  auto end = buf_get_items(buf, *ret, values, names);
-  ASSERT_TRUE(end);
-  EXPECT_EQ(*end, body.size() + 6 - 7);  // just after ZZZEOS, at ZZZEOD
-  EXPECT_EQ(values[0], "bad");
-  EXPECT_EQ(values[1], "3");
-  EXPECT_EQ(values[2], "");
-}
-
 TEST(SegmentReader, ItemsAreMatchedExactlyAndLaterDuplicatesWin) {
   auto buf = with_prefix(nul_join({"ZZZHDR", "ZZZLEN", "   40", "obj", "lower", "OBJ", "first",
                                    "ZZ", "unknown", "OBJ", "second", "ZZZEOS"}));
@@ -155,32 +134,6 @@ TEST(SegmentReader, SegmentLengthField) {
       {"ZZZLEN", "abc", 0}, {"ZZZLEN", "99999999999999999999999", 0}, {"ZZZLE", "   25", -1}};
   for (const auto& [mark, field, length] : cases)
     EXPECT_EQ(buf_segment_length(with_prefix(nul_join({mark, field})), 6), length) << mark << " " << field;
-}
-
-TEST(SegmentReader, DecimalConversion) {
-  const std::pair<const char*, long> cases[] = {{"   42", 42}, {"\t\n 7x", 7}, {"+9", 9}, {"-12", -12}, {"", 0},
-                                                {"x12", 0}, {"123456789012345678901234567890", LONG_MAX}};
-  for (const auto& [text, value] : cases) EXPECT_EQ(buf_decimal(text), value) << text;
-}
-
-TEST(TransactionHeader, ReadsItemsInAnyOrderAndIgnoresUnknownOnes) {
-  auto buf = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   99", "OS", "WIN", "EXTRA", "x", "USR",
-                                   "ann", "NOD", "far", "COD", "F", "PID", "17", "GID", "20",
-                                   "ADD", "N", "ZZZEOS", "ZZZEOD"}));
-  TransactionHeader h;
-  ASSERT_TRUE(tran_header_read(buf, h));
-  EXPECT_EQ(h.type(), 'F');
-  EXPECT_EQ(h.user, "ann");
-  EXPECT_EQ(h.node, "far");
-  EXPECT_EQ(h.pid, "17");
-  EXPECT_EQ(h.gid, "20");
-  EXPECT_EQ(h.continuation, "N");
-  EXPECT_EQ(h.ostype, "WIN");
-
-  auto no_cod = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   20", "USR", "ann", "ZZZEOS"}));
-  ASSERT_TRUE(tran_header_read(no_cod, h));
-  EXPECT_EQ(h.type(), '\0');
-  EXPECT_EQ(h.user, "ann");
 }
 
 TEST(TransactionHeader, DaemonHeaderHasSevenItemsInOrder) {

@@ -139,14 +139,6 @@ TEST(StartUp, CommandLine) {
   EXPECT_EQ(status[2], "    Config path is " + alt + "\n");
 }
 
-TEST(StartUp, AConfigurationThatCannotBeLoadedStopsStartUp) {
-  Daemon d([](const fs::path& root) { write(root / "quor/etc/quorobj.map", "# empty\n"); }, {});
-  EXPECT_EQ(d.wait_exit(), 1);
-  EXPECT_NE(d.log().find("QUOR0114E"), std::string::npos) << d.log();
-  EXPECT_NE(d.log().find("QUOR0016S"), std::string::npos) << d.log();
-  EXPECT_FALSE(fs::exists(d.server_socket()));
-}
-
 TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
   Daemon d({}, /*debug=*/true, {{"MOXQUORSPIN", "1"}});
   ASSERT_TRUE(d.wait_ready()) << d.output();
@@ -364,32 +356,6 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   ASSERT_EQ(activity.size(), 2u);
   EXPECT_GE(activity["ann"], before + 100);
   EXPECT_EQ(activity["bob"], before);
-}
-
-// CLEANUP is answered with nothing and does the sweep at once: a restored
-// user whose login program ended is logged out and the program reaped
-// before any other request comes.
-TEST(Cleanup, ReapsAnEndedLoginProgramAndLogsItsUserOut) {
-  REQUIRE_ROOT();  // the login program runs as "nobody"
-  Daemon d([](const fs::path& root) { save_users(root, {{"ann", "far", "nobody", "65534", std::time(nullptr), 0, {}}}); },
-           {});
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::vector<pid_t> programs = login_programs(d);
-  ASSERT_EQ(programs.size(), 1u) << d.output();
-  kill(programs[0], SIGKILL);
-  auto zombies = [&] { return testutil::processes(d.pid(), "quoruserpgm", true); };
-  ASSERT_TRUE(eventually([&] { return zombies() == programs; })) << "the killed program is not a zombie";
-
-  {
-    TevClient client;  // one client per process at a time
-    EXPECT_TRUE(client.call(kServerName, Daemon::request("C"), 300).replies.empty()) << "CLEANUP was answered";
-  }
-  EXPECT_TRUE(eventually([&] { return zombies().empty(); })) << "CLEANUP left the zombie";
-  std::vector<std::string> brief = d.status("B");
-  ASSERT_GE(brief.size(), 5u) << d.output();
-  EXPECT_EQ(brief[4], "    0 users logged into quor\n");
-  EXPECT_NE(d.output().find("message type CLEANUP"), std::string::npos) << d.output();
-  EXPECT_EQ(terminate(d), 0) << d.output();
 }
 
 }  // namespace

@@ -267,24 +267,6 @@ TEST_F(Transport, ConversationAnsweredByAnotherProcessOrTimedOut) {
   EXPECT_EQ(server.fb.FB_Src, kTevSrcRtmOut);
 }
 
-TEST_F(Transport, ASignalEndsABlockedReceive) {
-  Reg r("SIGNALLED");
-  ASSERT_EQ(r.rc, 0);
-  struct sigaction sa {};
-  sa.sa_handler = [](int) {};  // no SA_RESTART
-  struct sigaction old {};
-  sigaction(SIGALRM, &sa, &old);
-  alarm(1);
-  std::array<char, 64> buf{};
-  TevIdentity remote;
-  TevInquiry inq;
-  int rc = TevRecv(r.fb, r.id, remote, buf.data(), buf.size(), kTevModeRecvAny, inq);
-  sigaction(SIGALRM, &old, nullptr);
-  EXPECT_NE(rc, 0);
-  EXPECT_EQ(r.fb.FB_Prc, kTevPrcLogicErr);
-  EXPECT_EQ(r.fb.FB_Src, kTevSrcRcvCnc);
-}
-
 TEST_F(Transport, RootRefusesAnUnsafeDirectory) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root: only root refuses unsafe directories";
   auto unsafe = dir_.path() / "open";
