@@ -80,6 +80,8 @@ TEST(CapturedOutput, ReadingReturnsTheTextOnceThenTheCatalogueText) {
   EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
   EXPECT_NE(quor_msg_text(23, 4), fallback3);
 
+  quor_capture_set_file(dir.str());  // unreadable: a directory
+  EXPECT_EQ(quor_capture_output(3), fallback3);
   quor_capture_set_file("");  // no capture file at all
   EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
 }

@@ -109,6 +109,7 @@ TEST_F(RequestRecord, FilledAtItsOffsetsFromTheHeaders) {
   EXPECT_NE(dump.find("\nformat = 64\nflag = 64\n"), std::string::npos);
   EXPECT_NE(dump.find("\nPDat.csl.count = \nPDat.scroll_val = "), std::string::npos) << "no csl lines";
   EXPECT_TRUE(dump.ends_with("*** End SMCDAT ***\n"));
+  EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 29) << "a line per field, and the first and last";
 }
 
 TEST_F(RequestRecord, AbsentItemsGiveThePlainDefaults) {
@@ -168,6 +169,9 @@ TEST_F(RequestRecord, SelectionListOfMoreThanAHundredAndBackOut) {
   EXPECT_EQ(smc_get(record_, smc::csl_count), "100");
   EXPECT_EQ(smc_get(record_, smc::slot(smc::csl_name, 99)), "C99");
   EXPECT_EQ(at(record_, smc::csl_value.offset + 100 * 260, 10), std::string(10, '\0')) << "past the last slot";
+  std::vector<char> exact(kRecordSize);  // only a count above the slots is replaced
+  quor_pnd_to_record(exact, request({}, kPndTag, {"+100", "A", "=", "b"}));
+  EXPECT_EQ(smc_get(exact, smc::csl_count), "+100");
 
   std::vector<char> reply(BUFFER_MAX);
   OutBuf out(reply);

@@ -278,7 +278,7 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
   EXPECT_NE(status.find("Gid:\t" + std::to_string(account->pw_gid) + "\t"), std::string::npos) << status;
   EXPECT_EQ(terminate(d, "K"), 0) << d.output();
   EXPECT_TRUE(testutil::processes(d.pid(), "quoruserpgm").empty());
-  EXPECT_NE(d.output().find("message type KILLALL"), std::string::npos);
+  EXPECT_NE(d.output().find("\nquordaemon:  message type KILLALL\n"), std::string::npos) << d.output();
   EXPECT_FALSE(fs::exists(d.server_socket()));
   EXPECT_FALSE(fs::exists(pid_file(d)));
 }

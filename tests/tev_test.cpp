@@ -132,9 +132,12 @@ TEST_F(Transport, ANameHeldByAnotherProcessIsRefusedAStaleOneTakenOver) {
   char c = 0;
   ASSERT_EQ(read(ready[0], &c, 1), 1);
   ASSERT_EQ(c, 'y');
+  auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  auto fds_before = open_fds();
   {
     Reg r("HELD");
     EXPECT_NE(r.rc, 0);
+    EXPECT_EQ(open_fds(), fds_before) << "the refused registration kept its socket";
     EXPECT_EQ(r.fb.FB_Prc, kTevPrcLogicErr);
     EXPECT_EQ(r.fb.FB_Src, kTevSrcNoPath);
   }
