@@ -88,6 +88,23 @@ class EnvGuard {
   std::optional<std::string> old_;
 };
 
+inline void write_file(const std::filesystem::path& p, const std::string& bytes) {
+  std::ofstream(p, std::ios::binary) << bytes;
+}
+
+// What `print` writes to a stream, as text.
+template <class Print>
+std::string printed(Print print) {
+  char* data = nullptr;
+  std::size_t size = 0;
+  std::FILE* f = open_memstream(&data, &size);
+  print(f);
+  std::fclose(f);
+  std::string s(data, size);
+  std::free(data);
+  return s;
+}
+
 inline std::string read_file(const std::filesystem::path& p) {
   std::ifstream in(p, std::ios::binary);
   std::ostringstream s;

@@ -14,6 +14,8 @@
 using testutil::EnvGuard;
 using testutil::TempDir;
 
+using testutil::printed;
+
 namespace {
 
 // A request as a client sends it: transaction header, object header, the
@@ -36,19 +38,6 @@ std::vector<char> request(const ObjectHeader& hdr, std::string_view tag = {},
 
 std::string at(const std::vector<char>& record, std::size_t offset, std::size_t size) {
   return std::string(record.data() + offset, size);
-}
-
-// What a dump prints, as text.
-template <class Dump>
-std::string printed(Dump dump) {
-  char* text = nullptr;
-  std::size_t size = 0;
-  std::FILE* out = open_memstream(&text, &size);
-  dump(out);
-  std::fclose(out);
-  std::string s(text, size);
-  std::free(text);
-  return s;
 }
 
 class RequestRecord : public ::testing::Test {

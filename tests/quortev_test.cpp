@@ -1,9 +1,13 @@
-// The transport adapter's framing (length prefix and body transform), a real
-// send/receive between two registrations, and the transport diagnostics.
+// The body transform (the worked example, and the word-at-a-time code against
+// the byte definition), the transport adapter's framing (length prefix and
+// body transform), a real send/receive between two registrations, and the
+// transport diagnostics.
 #include <gtest/gtest.h>
 
 #include <array>
+#include <bit>
 #include <cstdio>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -14,6 +18,49 @@
 
 using testutil::EnvGuard;
 using testutil::TempDir;
+
+using testutil::printed;
+
+namespace {
+
+// The transform as defined byte by byte; the library works a word at a time.
+std::vector<std::uint8_t> encode_by_definition(int seed, std::vector<std::uint8_t> v) {
+  auto s = static_cast<std::uint8_t>(seed);
+  for (auto& b : v) {
+    s = static_cast<std::uint8_t>(s ^ std::rotl(b, 1));
+    b = s;
+  }
+  return v;
+}
+
+}  // namespace
+
+TEST(BodyTransform, WorkedExample) {
+  std::vector<std::uint8_t> v = {0x41, 0x42};
+  body_encode(0x25, v);
+  EXPECT_EQ(v, (std::vector<std::uint8_t>{0xA7, 0x23}));
+  body_decode(0x25, v);
+  EXPECT_EQ(v, (std::vector<std::uint8_t>{0x41, 0x42}));
+}
+
+TEST(BodyTransform, MatchesTheByteDefinitionAndRoundTripsAtEveryLengthAndValue) {
+  std::mt19937 rng(7);
+  for (std::size_t n = 0; n < 80; ++n) {
+    for (int seed : {0, 1, 44, 0x80, 255}) {
+      std::vector<std::uint8_t> plain(n);
+      for (std::size_t i = 0; i < n; ++i)  // every byte value turns up across the rounds
+        plain[i] = static_cast<std::uint8_t>(rng() + i * 37);
+      auto v = plain;
+      body_encode(seed, v);
+      ASSERT_EQ(v, encode_by_definition(seed, plain)) << "n=" << n << " seed=" << seed;
+      auto high = plain;  // only the seed's low byte counts
+      body_encode(seed + 256, high);
+      ASSERT_EQ(high, v);
+      body_decode(seed, v);
+      ASSERT_EQ(v, plain) << "n=" << n << " seed=" << seed;
+    }
+  }
+}
 
 TEST(Framing, SealWritesThePrefixAndEncodesTheBodyWithTheLengthAsSeed) {
   const struct {
@@ -133,17 +180,6 @@ TEST(Diagnostics, DumpShowsTheBytesUpToOneZeroAfterTheLastGroupedByFour) {
 
 namespace {
 // What `print` writes to a stream, as text.
-template <class Print>
-std::string printed(Print print) {
-  char* data = nullptr;
-  std::size_t size = 0;
-  std::FILE* f = open_memstream(&data, &size);
-  print(f);
-  std::fclose(f);
-  std::string s(data, size);
-  std::free(data);
-  return s;
-}
 std::string explain(int prc, int src, int drc) {
   return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
 }
