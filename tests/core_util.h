@@ -2,6 +2,7 @@
 // guards, and request buffers built with the daemon's own writers.
 #pragma once
 
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -172,6 +174,24 @@ class Child {
  private:
   pid_t pid_ = -1;
 };
+
+// A child running `program` with `args` (after argv[0]), its environment
+// first changed by `env` ("NAME=value" sets, "NAME" unsets), its standard
+// output going nowhere.
+inline std::unique_ptr<Child> exec_child(const char* program, std::vector<std::string> args,
+                                         std::vector<std::string> env = {}) {
+  return std::make_unique<Child>([=]() mutable {
+    for (std::string& e : env)
+      e.find('=') == std::string::npos ? unsetenv(e.c_str()) : putenv(e.data());
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 1);
+    std::vector<char*> argv = {const_cast<char*>(program)};
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(program, argv.data());
+    return 127;
+  });
+}
 
 // Runs `body` in a child process under `account`'s uid and group (no
 // supplementary groups), as an unprivileged client would; the child's exit

@@ -151,12 +151,8 @@ class Daemon {
   // it (which is ended instead of sleeping out its five seconds).
   bool wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     auto socket = server_socket();
-    for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
-      if (std::filesystem::exists(socket)) return debug_ || follow_detached();
-      if (!alive()) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return eventually([&] { return std::filesystem::exists(socket) || !alive(); }, limit) &&
+           std::filesystem::exists(socket) && (debug_ || follow_detached());
   }
 
   // The items of the status report of `type` ('B' or 'F'), every reply
@@ -198,11 +194,8 @@ class Daemon {
   // Exit status once the daemon ends within `limit`; -1 if it does not, or
   // was killed by a signal.
   int wait_exit(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
-      if (!alive() && exited_) return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return -1;
+    if (!eventually([&] { return !alive() && exited_; }, limit)) return -1;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
   }
 
   // A plain request of `type` (transaction header and trailer), sealed.

@@ -25,26 +25,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void write(const fs::path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
-
+using testutil::write_file;
 fs::path pid_file(const Daemon& d) { return d.root().path() / "tmp/quordaemon.pid"; }
 
 // Runs the daemon binary to its end in `root` (none when empty; debug mode,
 // so it does not detach) and returns its exit status.
 int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::string> args) {
-  testutil::Child child([&] {
-    root.empty() ? unsetenv("MOXGLBL0000") : setenv("MOXGLBL0000", root.c_str(), 1);
-    setenv("TEV_DIR", tev_dir.c_str(), 1);
-    setenv("MOXQUORDEBUG", "1", 1);
-    int devnull = open("/dev/null", O_WRONLY);
-    dup2(devnull, 1);
-    std::vector<char*> argv = {const_cast<char*>(QUORDAEMON_PATH)};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execv(QUORDAEMON_PATH, argv.data());
-    return 127;
-  });
-  return child.wait();
+  return testutil::exec_child(QUORDAEMON_PATH, args,
+                              {root.empty() ? "MOXGLBL0000" : "MOXGLBL0000=" + root.string(),
+                               "TEV_DIR=" + tev_dir.string(), "MOXQUORDEBUG=1"})
+      ->wait();
 }
 
 // Sends REFRESH, with a "ZZZFIL" segment naming `path` when given, and
@@ -95,7 +85,7 @@ TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21Or20) {
 
 TEST(StartUp, APidFileNamingNoLiveProcessDoesNotBlock) {
   for (std::string stale : {"0\n", "not a number\n", "-1\n", "", "999999999\n"}) {
-    Daemon d([&](const fs::path& root) { write(root / "tmp/quordaemon.pid", stale); }, {});
+    Daemon d([&](const fs::path& root) { write_file(root / "tmp/quordaemon.pid", stale); }, {});
     ASSERT_TRUE(d.wait_ready()) << "pid file '" << stale << "': " << d.log();
     EXPECT_EQ(read_file(pid_file(d)), std::to_string(d.pid()) + "\n");
   }
@@ -120,7 +110,7 @@ TEST(StartUp, CommandLine) {
 
   // An unknown argument is reported and skipped; the last -c wins.
   Daemon d(
-      [](const fs::path& r) { write(r / "alt.config", "TRANSACTION_TIMEOUT: 5\n"); },
+      [](const fs::path& r) { write_file(r / "alt.config", "TRANSACTION_TIMEOUT: 5\n"); },
       {"-x", "-c", "/nonexistent", "-cjoined", "-c", "ALT"});
   // "ALT" is relative to the daemon's working directory; the test names the
   // real path below instead, so here the load fails.
@@ -131,7 +121,7 @@ TEST(StartUp, CommandLine) {
 
   TempDir other;
   std::string alt = (other.path() / "alt.config").string();
-  write(alt, "TRANSACTION_TIMEOUT: 5\n");
+  write_file(alt, "TRANSACTION_TIMEOUT: 5\n");
   Daemon good({"-x", "-c", alt});
   ASSERT_TRUE(good.wait_ready()) << good.log();
   std::vector<std::string> status = good.status("B");
@@ -207,7 +197,7 @@ TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {
 
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // a later load time
   std::string alt = d.root().str() + "/alt.config";
-  write(alt, "TRANSACTION_TIMEOUT: 9\n");
+  write_file(alt, "TRANSACTION_TIMEOUT: 9\n");
   EXPECT_EQ(refresh(alt), (std::pair<std::string, std::string>{"0", "The configuration was reloaded."}));
   std::vector<std::string> after = d.status("B");
   EXPECT_EQ(after[2], "    Config path is " + alt + "\n");
@@ -223,13 +213,13 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<std::string> before = d.status("B");
   fs::path dir = d.root().path();
-  write(dir / "empty.map", "# nothing\n");
+  write_file(dir / "empty.map", "# nothing\n");
   for (auto [what, config, rc] : {
            std::tuple<const char*, std::string, const char*>{
                "configuration", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-q\n", "3"},
            {"object map", "OBJECT_MAP_FILE: " + (dir / "empty.map").string() + "\n", "3"},
            {"language map", "LANGUAGE_MAP_FILE: " + (dir / "absent.map").string() + "\n", "7"}}) {
-    write(dir / "next.config", config);
+    write_file(dir / "next.config", config);
     EXPECT_EQ(refresh((dir / "next.config").string()).first, rc) << what;
     std::vector<std::string> now = d.status("B");
     ASSERT_EQ(now.size(), 6u) << what;
@@ -265,7 +255,7 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
   if (account == nullptr) GTEST_SKIP() << "no account 'nobody' on this machine";
   Daemon d(
       [](const fs::path& root) {
-        write(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
+        write_file(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
         // The account must be able to reach the program.
         fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
       },
@@ -287,15 +277,7 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   const passwd* me = getpwuid(getuid());
   ASSERT_NE(me, nullptr);
   std::string name = me->pw_name;
-  auto start = [](std::vector<std::string> args) {
-    return std::make_unique<testutil::Child>([args]() mutable {
-      std::vector<char*> argv = {const_cast<char*>("quoruserpgm")};
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(QUORUSERPGM_PATH, argv.data());
-      return 127;
-    });
-  };
+  auto start = [](std::vector<std::string> args) { return testutil::exec_child(QUORUSERPGM_PATH, args); };
   auto held = start({name, "pc7", "0"});
   // Ready once it blocks SIGTERM to wait for it.
   auto blocks_sigterm = [](pid_t pid) {
@@ -303,7 +285,7 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
     std::size_t at = status.find("SigBlk:\t");
     return at != std::string::npos && (std::stoull(status.substr(at + 8, 16), nullptr, 16) & (1ULL << (SIGTERM - 1)));
   };
-  for (int i = 0; i < 500 && !blocks_sigterm(held->pid()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  testutil::eventually([&] { return blocks_sigterm(held->pid()); }, std::chrono::seconds(5));
   EXPECT_EQ(waitpid(held->pid(), nullptr, WNOHANG), 0) << "ended without being told";
   kill(held->pid(), SIGTERM);
   EXPECT_EQ(held->wait(), 0);
@@ -330,7 +312,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   std::string local = mo_nodename();
   Daemon d(
       [&](const fs::path& root) {
-        write(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
+        write_file(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
         save_users(root, {{"ann", "far", "nobody", "65534", before, 0, {}}, {"bob", local, "nobody", "65534", before, 0, {}}});
       },
       {});
