@@ -217,8 +217,8 @@ inline void put_segment(OutBuf& out, std::string_view tag, std::initializer_list
   buf_end_segment(out, field);
 }
 
-// A plain request of `type`: the segments, each a tag and its items, then
-// the trailer `more` (none when empty).
+// A plain request of `type`: the segments, each a tag and its items (NULs
+// in them written as they are), then the trailer `more` (none when empty).
 using Segments = std::vector<std::pair<std::string_view, std::vector<std::string>>>;
 inline std::vector<char> plain_request(std::string_view type, const Segments& segments, std::string_view more = "N") {
   std::vector<char> buf(BUFFER_MAX);
@@ -226,7 +226,7 @@ inline std::vector<char> plain_request(std::string_view type, const Segments& se
   tran_header_put(type, "N", out);
   for (const auto& [tag, items] : segments) {
     std::size_t field = buf_begin_segment(out, tag);
-    for (const auto& item : items) buf_add_item(out, item);
+    for (const auto& item : items) buf_add_bytes(out, item);
     buf_end_segment(out, field);
   }
   if (!more.empty()) quor_trl_put(more, out);

@@ -17,18 +17,8 @@ using testutil::read_file;
 
 namespace {
 
-// A request with one `tag` segment holding `items`, and a trailer with
-// `more` unless it is empty.
 std::vector<char> request(std::string_view tag, const std::vector<std::string>& items, std::string_view more = "N") {
-  std::vector<char> buf(BUFFER_MAX);
-  OutBuf out(buf);
-  tran_header_put("S", "N", out);
-  std::size_t field = buf_begin_segment(out, tag);
-  for (const auto& i : items) buf_add_bytes(out, i);
-  buf_end_segment(out, field);
-  if (!more.empty()) quor_trl_put(more, out);
-  buf.resize(out.pos);
-  return buf;
+  return testutil::plain_request("S", {{tag, items}}, more);
 }
 
 // Every item of `tag` segments over all reply buffers.
