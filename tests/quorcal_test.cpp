@@ -218,10 +218,10 @@ TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
   std::vector<char> record2(kRecordSize);
   EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"backup NAME=all now", "x"}, {"n1"}), plain, "ZZZCMD"), 0);
   EXPECT_EQ(read_file(dir.path() / "plain"), "backup NAME=all now\nx\n");
-  // A list with an empty name gives no names at all.
+  // The names end at an empty one.
   smc_put(record2, smc::fileName, data);
-  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"restore NAME=\"<x\""}, {"a", "", "b"}), plain, "ZZZCMD"), 0);
-  EXPECT_EQ(read_file(data), "");
+  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"restore NAME=\"<x\""}, {"ann", "", "bob"}), plain, "ZZZCMD"), 0);
+  EXPECT_EQ(read_file(data), "ann\n");
   // No NAME= at all, or no closing quote: nothing to rewrite.
   EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"archive all"}, {"n"}), plain, "ZZZCMD"), 4);
   EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"archive NAME=\"<open"}, {"n"}), plain, "ZZZCMD"), 4);
