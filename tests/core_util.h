@@ -234,9 +234,11 @@ inline std::vector<char> plain_request(std::string_view type, const Segments& se
   return buf;
 }
 
-// Whether `done` holds within `limit`, polling every 10 ms.
+// Whether `done` holds within `limit`, polling every 10 ms. The limit is
+// generous: a loaded machine may take seconds for what usually takes
+// milliseconds, and a wait that succeeds returns at once.
 template <class F>
-bool eventually(F done, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
+bool eventually(F done, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
   for (auto end = std::chrono::steady_clock::now() + limit;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
     if (done()) return true;
     if (std::chrono::steady_clock::now() >= end) return false;
