@@ -92,6 +92,12 @@ TEST_F(Transfers, ListOutbound) {
     EXPECT_EQ(many.buffers[i].tran.continuation, "Y") << i;
   }
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("none"), out, BUFFER_MAX, server_, "ZZZLST"); }).status, 7);
+  // A buffer without room for the segment's start goes out first.
+  testutil::write_file(path("short"), "only\n");
+  Served late = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("short"), out, out.pos + 73, server_, "ZZZLST"); });
+  EXPECT_EQ(late.status, -1);
+  ASSERT_EQ(late.buffers.size(), 2u);
+  EXPECT_EQ(items_of(late, "ZZZLST"), std::vector<std::string>{"only\n"});
 }
 
 TEST_F(Transfers, CalendarInbound) {
