@@ -345,12 +345,16 @@ TEST_F(Security, ClientsThatNeverReadOrAnswerDoNotHoldTheDaemon) {
 // many it left out.
 TEST_F(Security, BadMessagesDoNotFloodTheLog) {
   start("LOGIN_REQUIRED: 1\n");
-  EXPECT_TRUE(as_attacker([] {
+  // The daemon's queue holds a few datagrams: on a loaded machine a send may
+  // wait out its time-out and be lost. The attacker says how many were.
+  int lost = testutil::run_as(attacker_->name(), [] {
     TevClient client;
     std::vector<std::uint8_t> bad(20, 'x');
-    for (int i = 0; i < 200; ++i) client.call(kServerName, bad, 0, false);
-    return 0;
-  }));
+    int failed = 0;
+    for (int i = 0; i < 200; ++i) failed += client.call(kServerName, bad, 0, false).rc != 0;
+    return failed;
+  });
+  ASSERT_TRUE(lost >= 0 && lost < 100) << lost;
   EXPECT_EQ(daemon_->status("B").size(), 6u);
   ASSERT_EQ(ctl_notify(CtlTarget{}, 'T', false).status, kCtlOk);
   ASSERT_EQ(daemon_->wait_exit(), 0);
@@ -358,7 +362,9 @@ TEST_F(Security, BadMessagesDoNotFloodTheLog) {
   std::size_t lines = 0;
   for (std::size_t at = log.find("QUOR0008S"); at != std::string::npos; at = log.find("QUOR0008S", at + 1)) ++lines;
   EXPECT_EQ(lines, static_cast<std::size_t>(kMoLogBurst));
-  EXPECT_NE(log.find("QUOR0308E Left out of the log: 180 more of message 8"), std::string::npos) << log;
+  EXPECT_NE(log.find("QUOR0308E Left out of the log: " + std::to_string(180 - lost) + " more of message 8"),
+            std::string::npos)
+      << log;
 }
 
 // The dump file is never written through a link somebody planted.
