@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -89,6 +91,16 @@ TEST(StartUp, APidFileNamingNoLiveProcessDoesNotBlock) {
     ASSERT_TRUE(d.wait_ready()) << "pid file '" << stale << "': " << d.log();
     EXPECT_EQ(read_file(pid_file(d)), std::to_string(d.pid()) + "\n");
   }
+  // Nor does one that cannot be opened at all (a socket).
+  Daemon d([](const fs::path& root) {
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    (root / "tmp/quordaemon.pid").string().copy(a.sun_path, sizeof a.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    close(fd);
+  }, {});
+  EXPECT_TRUE(d.wait_ready()) << d.log();
 }
 
 TEST(StartUp, CommandLine) {
