@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: a normal build with the Debian package and its
 # tests, the same tests under AddressSanitizer and UndefinedBehaviorSanitizer,
-# and a short run of every fuzz target. Exits non-zero on the first failure.
+# a short run of every fuzz target, and the line and branch coverage the
+# tests reach. Exits non-zero on the first failure.
 #
 #   scripts/test.sh            everything
 #   QUOR_FUZZ_SECONDS=60 ...   longer fuzz runs (default 15 s per target)
@@ -60,5 +61,7 @@ for target in build-fuzz/fuzz/*_fuzz; do
     "$corpus" $seeds 2>&1 | tail -n 3
   test "${PIPESTATUS[0]}" -eq 0
 done
+echo "== Coverage of src/ lib/ tools/ agents/ (the tests again, in a coverage build)"
+scripts/coverage.sh | tail -n 6
 echo "All tests passed."
 echo "$passed passed, $failed failed"

@@ -95,10 +95,38 @@ class AgentDaemonTest : public ::testing::Test {
     return std::nullopt;
   }
 
+  // A request of `type` for `object` with `command`, as this process.
+  TevCallResult request(std::string type, std::string object, std::string command, bool expect_reply) {
+    CtlBuild spec;
+    spec.type = std::move(type);
+    spec.object = std::move(object);
+    spec.command = std::move(command);
+    return send(spec, expect_reply);
+  }
+
   // The status report's count lines, after the sweep of that request.
   std::string counts() {
     std::vector<std::string> s = daemon_->status("B");
     return s.size() >= 6 ? s[4] + s[5] : "";
+  }
+  static std::string users(int n) {
+    return "    " + std::to_string(n) + " users logged into quor\n    0 transactions in progress.\n";
+  }
+  // Waits until the count lines read `want`; the lines last read.
+  std::string settle(const std::string& want) {
+    std::string now;
+    eventually([&] { return (now = counts()) == want; });
+    return now;
+  }
+  // The daemon's temporary files but its pid file.
+  std::string files_left() const {
+    std::string left;
+    for (const auto& e : fs::directory_iterator(daemon_->root().path() / "tmp"))
+      if (e.path().filename() != "quordaemon.pid") left += e.path().filename().string() + " ";
+    return left;
+  }
+  bool logged(std::string_view text) {
+    return eventually([&] { return daemon_->log().find(text) != std::string::npos; });
   }
 
   static std::string error_text(const TevCallResult& r) {

@@ -75,9 +75,7 @@ TEST_F(Commands, AServiceRequestRunsItsAgentAsTheDefaultLogin) {
   EXPECT_EQ(ctl_table_to_csv(data_path).out, csv);
 
   // The sweep reaps the agent: nothing stays behind.
-  for (int i = 0; i < 50 && counts() != "    0 users logged into quor\n    0 transactions in progress.\n"; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
+  EXPECT_EQ(settle(users(0)), users(0));
 }
 
 // With logins required, a request without a login is refused once its last
@@ -98,20 +96,14 @@ TEST_F(Commands, RequestsWithoutALoginOrATransactionAreRefused) {
   TevCallResult r = send(spec, true);
   EXPECT_EQ(error_text(r), "1 " + std::string("The request's trailer does not announce more data."));
 
-  std::vector<char> plain(BUFFER_MAX);
-  OutBuf out(plain);
-  tran_header_put("S", "Y", out);
-  quor_trl_put("N", out);
-  plain.resize(out.pos);
-  quor_wire_seal(plain, plain.size());
   {
     TevClient client;  // one client per process at a time
-    r = client.call(kServerName, std::vector<std::uint8_t>(plain.begin(), plain.end()), 5000);
+    r = client.call(kServerName, testutil::sealed_request("S", [](TransactionHeader& h) { h.continuation = "Y"; }), 5000);
   }
   EXPECT_EQ(error_text(r).substr(0, 2), "1 ");
   EXPECT_NE(daemon_->log().find("QUOR0118E"), std::string::npos);
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
-  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << "refusals left entries";
+  EXPECT_EQ(counts(), users(0)) << "refusals left entries";
 }
 
 // An object missing from the map, a program that cannot be executed, or a
@@ -153,56 +145,8 @@ TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
       << daemon_->log();
   EXPECT_NE(daemon_->log().find("QUOR0121E"), std::string::npos);
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
-  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n");
-  std::vector<std::string> left;
-  for (const auto& e : fs::directory_iterator(daemon_->root().path() / "tmp"))
-    if (e.path().filename() != "quordaemon.pid") left.push_back(e.path().filename());
-  EXPECT_EQ(left, std::vector<std::string>{}) << "data files left behind";
-}
-
-// A login through the logon agent (here the probe, reporting the login),
-// then a service request that runs as the logged-in account, then a logoff
-// that stops the login process and logs the user out.
-TEST_F(Commands, LoginServiceRequestAndLogoff) {
-  REQUIRE_ROOT();
-  const passwd* nobody = getpwnam("nobody");
-  if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
-  uid_t nobody_uid = nobody->pw_uid;
-  start("LOGIN_REQUIRED: 1\n");
-  testutil::EnvGuard user("MOX_QUORUSER", "nobody");  // the client's user name
-
-  CtlBuild login;
-  login.type = "L";
-  login.object = "LOGON";
-  login.command = "LOGININFO";
-  send(login, false);
-  std::optional<Probe> logon = next_probe();
-  ASSERT_TRUE(logon) << daemon_->output();
-  EXPECT_EQ(logon->info["uid"], "0") << "the logon agent runs as root";
-  for (int i = 0; i < 100 && counts().find("1 users") == std::string::npos; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  std::vector<std::string> full = daemon_->status("F");
-  EXPECT_NE(std::find(full.begin(), full.end(),
-                      "    User nobody from node " + std::string(mo_nodename()) + " logged in as nobody.\n"),
-            full.end())
-      << daemon_->output();
-
-  CtlBuild service;
-  service.object = "PROBE";
-  send(service, false);
-  std::optional<Probe> probe = next_probe();
-  ASSERT_TRUE(probe);
-  EXPECT_EQ(probe->info["uid"], std::to_string(nobody_uid));
-  EXPECT_EQ(probe->field(smc::username), "nobody");
-
-  CtlBuild logoff;
-  logoff.type = "O";
-  logoff.object = "PROBE";
-  send(logoff, false);
-  ASSERT_TRUE(next_probe());
-  for (int i = 0; i < 150 && counts() != "    0 users logged into quor\n    0 transactions in progress.\n"; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(counts(), "    0 users logged into quor\n    0 transactions in progress.\n") << daemon_->output();
+  EXPECT_EQ(counts(), users(0));
+  EXPECT_EQ(files_left(), "") << "data files left behind";
 }
 
 // A login reported for an account this host does not have: requests under
@@ -211,21 +155,14 @@ TEST_F(Commands, RequestsUnderAnAccountThatDoesNotExistStartNothing) {
   REQUIRE_ROOT();
   start("LOGIN_REQUIRED: 1\n");
   testutil::EnvGuard user("MOX_QUORUSER", "nosuchaccount");
-  CtlBuild login;
-  login.type = "L";
-  login.object = "LOGON";
-  login.command = "LOGININFO";
-  send(login, false);
+  request("L", "LOGON", "LOGININFO", false);
   ASSERT_TRUE(next_probe()) << daemon_->output();
-  for (int i = 0; i < 100 && counts().find("1 users") == std::string::npos; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  settle(users(1));
 
-  CtlBuild service;
-  service.object = "PROBE";
-  EXPECT_EQ(error_text(send(service, true)).substr(0, 2), "1 ");
+  EXPECT_EQ(error_text(request("S", "PROBE", "", true)).substr(0, 2), "1 ");
   EXPECT_NE(daemon_->log().find("QUOR0301E"), std::string::npos) << daemon_->log();
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
-  EXPECT_EQ(counts(), "    1 users logged into quor\n    0 transactions in progress.\n");
+  EXPECT_EQ(counts(), users(1));
 }
 
 // A logoff from a client that never logged in still runs its agent (as the
@@ -241,14 +178,9 @@ TEST_F(Commands, ALogoffWithoutALoginStopsNothing) {
   std::string login = children();
   ASSERT_NE(login, "") << "no default login program";
   login = login.substr(0, login.find(' '));
-  CtlBuild logoff;
-  logoff.type = "O";
-  logoff.object = "PROBE";
-  send(logoff, false);
+  request("O", "PROBE", "", false);
   ASSERT_TRUE(next_probe()) << daemon_->output();
-  const std::string none = "    0 users logged into quor\n    0 transactions in progress.\n";
-  for (int i = 0; i < 100 && counts() != none; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(counts(), none);
+  EXPECT_EQ(settle(users(0)), users(0));
   std::string stat = read_file("/proc/" + login + "/stat");
   EXPECT_EQ(stat.substr(stat.rfind(')') + 2, 1), "S") << "the default login program was stopped: " << stat;
 }
@@ -284,20 +216,28 @@ TEST_F(Commands, UtilityRequestsAnswerWithTheCommandsOutput) {
   EXPECT_EQ(many.status, kCtlOk) << many.error;
   EXPECT_EQ(many.out, expected);
   // Once the agents are reaped, nothing of theirs stays behind.
-  for (int i = 0; i < 100 && counts().find(" 0 transactions") == std::string::npos; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  std::vector<std::string> left;
-  for (const auto& e : fs::directory_iterator(daemon_->root().path() / "tmp"))
-    if (e.path().filename() != "quordaemon.pid") left.push_back(e.path().filename());
-  EXPECT_EQ(left, std::vector<std::string>{}) << "command or output files left behind";
+  settle(users(0));
+  EXPECT_EQ(files_left(), "") << "command or output files left behind";
 }
 
-TEST_F(Commands, UtilityRequestsNeedALoginWhenLoginsAreRequired) {
+// Without a login a utility request is refused: when logins are required,
+// and when they are not but the default login program has ended.
+TEST_F(Commands, UtilityRequestsNeedALoginOrADefaultLoginProgram) {
   REQUIRE_ROOT();
+  const std::string refused = "RC 1: The request's trailer does not announce more data.";
   start("LOGIN_REQUIRED: 1\n", "MOUTIL quorutil\n");
-  CtlOutcome refused = ctl_util(CtlTarget{}, {"id"}, false);
-  EXPECT_EQ(refused.status, kCtlDaemonError);
-  EXPECT_EQ(refused.error, "RC 1: The request's trailer does not announce more data.");
+  CtlOutcome r = ctl_util(CtlTarget{}, {"id"}, false);
+  EXPECT_EQ(r.status, kCtlDaemonError);
+  EXPECT_EQ(r.error, refused);
+
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  daemon_.reset();
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "MOUTIL quorutil\n");
+  std::vector<pid_t> login;
+  ASSERT_TRUE(testutil::eventually([&] { return !(login = testutil::processes(daemon_->pid(), "quoruserpgm")).empty(); }));
+  kill(login[0], SIGKILL);
+  ASSERT_TRUE(testutil::eventually([&] { return !testutil::processes(daemon_->pid(), "quoruserpgm", true).empty(); }));
+  EXPECT_EQ(ctl_util(CtlTarget{}, {"id"}, false).error, refused);
 }
 
 }  // namespace
@@ -311,11 +251,6 @@ TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
   REQUIRE_ROOT();
   if (getpwnam("nobody") == nullptr || getpwnam("daemon") == nullptr) GTEST_SKIP() << "needs 'nobody' and 'daemon'";
   start("LOGIN_REQUIRED: 1\n", "LOGON quorlogon\nMOUTIL quorutil\n");
-  const std::string none = "    0 users logged into quor\n    0 transactions in progress.\n";
-  auto settle = [&](const std::string& want) {
-    for (int i = 0; i < 150 && counts() != want; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return counts();
-  };
   {
     testutil::EnvGuard user("MOX_QUORUSER", "nosuchaccount");
     CtlOutcome refused = ctl_login(CtlTarget{}, std::nullopt, false);
@@ -330,7 +265,7 @@ TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
                                return refused.error == "RC 1: login refused for daemon" ? 0 : 1;
                              }),
             0);
-  EXPECT_EQ(settle(none), none) << "refused logins stayed";
+  EXPECT_EQ(settle(users(0)), users(0)) << "refused logins stayed";
 
   testutil::EnvGuard user("MOX_QUORUSER", "nobody");
   CtlOutcome login = ctl_login(CtlTarget{}, std::nullopt, false);
@@ -345,7 +280,7 @@ TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
 
   CtlOutcome logoff = ctl_logoff(CtlTarget{}, false);
   EXPECT_EQ(logoff.status, kCtlOk) << logoff.error;
-  EXPECT_EQ(settle(none), none);
+  EXPECT_EQ(settle(users(0)), users(0));
   EXPECT_EQ(ctl_util(CtlTarget{}, {"id -un"}, false).error, "RC 1: The request's trailer does not announce more data.");
 }
 

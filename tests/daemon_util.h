@@ -78,25 +78,15 @@ class Daemon {
   void stop() {
     bool running = pid_ > 0 && !exited_;
     std::string programs = (root_.path() / "quor/bin/").string();
-    std::vector<pid_t> others;
-    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
-      std::string stat = read_file(e.path() / "stat");
-      std::size_t paren = stat.rfind(')');
-      int ppid = 0;
-      char state = 0;
-      if (paren == std::string::npos || std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) != 2) continue;
-      std::error_code ec;
-      std::string exe = std::filesystem::read_symlink(e.path() / "exe", ec).string();
-      if ((running && ppid == pid_) || exe.rfind(programs, 0) == 0)
-        others.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
-    }
+    std::vector<pid_t> others = processes(0, {}, false, programs);
+    if (running)
+      for (pid_t child : processes(pid_, {})) others.push_back(child);
 #ifdef QUOR_COVERAGE
     for (pid_t pid : others) kill(pid, SIGTERM);
     if (running) kill(pid_, SIGTERM);
-    for (int i = 0; i < 200 && (alive() || std::any_of(others.begin(), others.end(), [](pid_t p) {
-                                  return kill(p, 0) == 0;
-                                })); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    eventually([&] {
+      return !alive() && std::none_of(others.begin(), others.end(), [](pid_t p) { return kill(p, 0) == 0; });
+    }, std::chrono::seconds(2));
     running = running && !exited_;
 #endif
     for (pid_t pid : others) kill(pid, SIGKILL);
@@ -161,12 +151,8 @@ class Daemon {
   // it (which is ended instead of sleeping out its five seconds).
   bool wait_ready(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     auto socket = server_socket();
-    for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
-      if (std::filesystem::exists(socket)) return debug_ || follow_detached();
-      if (!alive()) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return eventually([&] { return std::filesystem::exists(socket) || !alive(); }, limit) &&
+           std::filesystem::exists(socket) && (debug_ || follow_detached());
   }
 
   // The items of the status report of `type` ('B' or 'F'), every reply
@@ -208,11 +194,8 @@ class Daemon {
   // Exit status once the daemon ends within `limit`; -1 if it does not, or
   // was killed by a signal.
   int wait_exit(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
-      if (!alive() && exited_) return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return -1;
+    if (!eventually([&] { return !alive() && exited_; }, limit)) return -1;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
   }
 
   // A plain request of `type` (transaction header and trailer), sealed.

@@ -1,5 +1,6 @@
-// Finding transactions by client and by agent, and the login report
-// (LOGININFO) sent by real agent processes through the real transport.
+// Who a client is and what it may use, accounts, finding transactions by
+// client and by agent, and the login report (LOGININFO) sent by real agent
+// processes through the real transport.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -7,6 +8,7 @@
 
 #include "core_util.h"
 #include "momsg.h"
+#include "quoraccess.h"
 #include "quoraccount.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
@@ -239,6 +241,27 @@ TEST(Accounts, LookedUpAndTakenOn) {
     return setuid(0) == 0 ? 4 : 0;
   });
   EXPECT_EQ(child.wait(), 0);
+  // Root's own account is taken on as it is: it can take root back.
+  std::optional<Account> root = quor_account("root");
+  ASSERT_TRUE(root);
+  testutil::Child as_root([&] { return quor_account_become(*root) && getuid() == 0 ? 0 : 1; });
+  EXPECT_EQ(as_root.wait(), 0);
 }
 
 }  // namespace
+
+// Who a client is, as the owners file keeps it, and what that identity may do.
+TEST(ClientIdentity, TextReadsBackAndDecidesTrustAndUse) {
+  const ClientId user{true, 1000, ""}, other{true, 1001, ""}, root{true, 0, ""}, self{true, geteuid(), ""},
+      remote{true, static_cast<uid_t>(-1), "far"}, remote_root{true, 0, "far"}, unknown{};
+  for (const ClientId& c : {user, root, remote, unknown}) EXPECT_EQ(quor_client_parse(quor_client_text(c)), c);
+  EXPECT_EQ(quor_client_text(user) + "," + quor_client_text(remote), "uid 1000,host far");
+  for (const char* bad : {"uid", "uid x", "uid 12x", "uid -1", "host ", "nobody", ""})
+    EXPECT_FALSE(quor_client_parse(bad)) << bad;
+
+  EXPECT_TRUE(quor_client_trusted(root) && quor_client_trusted(self));
+  EXPECT_FALSE(quor_client_trusted(remote_root) || quor_client_trusted(unknown));
+  EXPECT_TRUE(quor_client_may_use(user, user) && quor_client_may_use(user, root));
+  EXPECT_FALSE(quor_client_may_use(user, other) || quor_client_may_use(unknown, unknown) ||
+               quor_client_may_use(user, remote));
+}

@@ -113,21 +113,6 @@ TEST_F(LoopTest, FiveFailedReceivesInARowEndTheDaemon) {
   EXPECT_EQ(log_count("Receive was canceled"), 5);
 }
 
-TEST_F(LoopTest, MessagesWithABadLengthAreDroppedWithoutCounting) {
-  std::deque<Step> script(12, Step{3, ""});
-  script.push_back({0, "T"});
-  EXPECT_EQ(run(script), 'T');
-  EXPECT_EQ(g_fatal_calls, 0);
-  EXPECT_EQ(g_pauses, 0);
-  EXPECT_EQ(log_count("QUOR0008S"), 12);
-}
-
-TEST_F(LoopTest, KillAllAndTerminateEndTheLoopAndAreRemembered) {
-  EXPECT_EQ(run({{0, "K"}, {0, "B"}}), 'K');
-  EXPECT_EQ(g_receives, 1);  // nothing is received after 'K'
-  EXPECT_EQ(run({{0, "Terminate"}}), 'T');
-}
-
 TEST_F(LoopTest, EmptyAndUnknownTypesAreOnlyTracedWhenDebugging) {
   run({{0, ""}, {0, "z"}, {0, "Q"}, {0, "T"}});
   EXPECT_EQ(log_count("QUOR0202T"), 0);

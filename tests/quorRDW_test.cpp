@@ -15,10 +15,6 @@ namespace {
 
 using Rows = std::vector<std::vector<std::string>>;
 
-void write_bytes(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
 // Reads every record back: the rows, and the status of each read.
 Rows read_table(const std::string& path, std::vector<int>* statuses = nullptr) {
   FilePtr f = rdw_open(path, 'R');
@@ -38,15 +34,7 @@ Rows read_table(const std::string& path, std::vector<int>* statuses = nullptr) {
 // A request whose "ZZZRDW" segment holds exactly `items` (count first), and
 // a trailer with `more` unless it is empty.
 std::vector<char> raw_request(const std::vector<std::string>& items, std::string_view more = "N") {
-  std::vector<char> buf(BUFFER_MAX);
-  OutBuf out(buf);
-  tran_header_put("S", "N", out);
-  std::size_t field = buf_begin_segment(out, kRdwTag);
-  for (const auto& i : items) buf_add_item(out, i);
-  buf_end_segment(out, field);
-  if (!more.empty()) quor_trl_put(more, out);
-  buf.resize(out.pos);
-  return buf;
+  return testutil::plain_request("S", {{kRdwTag, items}}, more);
 }
 
 // Request buffers carrying `rows` of `columns` values, as many buffers as
@@ -93,7 +81,7 @@ TEST_F(TableFiles, RecordBytesAndReadingBack) {
   EXPECT_EQ(read_table(path(), &statuses), (Rows{{"a", "bb", ""}, {"abc", "", "x"}}));
   EXPECT_EQ(statuses, (std::vector<int>{0, 0}));
 
-  write_bytes(path("empty"), "");
+  testutil::write_file(path("empty"), "");
   FilePtr empty = rdw_open(path("empty"), 'R');
   EXPECT_EQ(rdw_count_columns(empty.get()), 0);
   EXPECT_EQ(rdw_open("", 'R'), nullptr);
@@ -104,26 +92,26 @@ TEST_F(TableFiles, RecordBytesAndReadingBack) {
 TEST_F(TableFiles, DamagedRecords) {
   auto word = [](std::uint16_t w) { return std::string(reinterpret_cast<const char*>(&w), 2); };
   std::string good = word(5) + word(1) + "a" + word(5);
-  write_bytes(path(), good + word(5) + word(1) + "b" + word(6) + good);
+  testutil::write_file(path(), good + word(5) + word(1) + "b" + word(6) + good);
   std::vector<int> statuses;
   read_table(path(), &statuses);
   EXPECT_EQ(statuses, (std::vector<int>{0, 1, 0}));
 
   // A length word smaller than its fields: they are read on past it.
-  write_bytes(path("past"), word(3) + word(4) + "abcd" + word(3) + good);
+  testutil::write_file(path("past"), word(3) + word(4) + "abcd" + word(3) + good);
   statuses.clear();
   EXPECT_EQ(read_table(path("past"), &statuses), (Rows{{"abcd"}, {"a"}}));
   EXPECT_EQ(statuses, (std::vector<int>{0, 0}));
 
   std::string long_field = word(264) + word(260) + std::string(260, 'x') + word(264);
-  write_bytes(path("long"), good + long_field);
+  testutil::write_file(path("long"), good + long_field);
   statuses.clear();
   read_table(path("long"), &statuses);
   EXPECT_EQ(statuses.at(1), 1);
-  write_bytes(path("first"), long_field);
+  testutil::write_file(path("first"), long_field);
   FilePtr f = rdw_open(path("first"), 'R');
   EXPECT_EQ(rdw_count_columns(f.get()), -1);
-  write_bytes(path("cut"), word(5) + word(1));
+  testutil::write_file(path("cut"), word(5) + word(1));
   f = rdw_open(path("cut"), 'R');
   EXPECT_EQ(rdw_count_columns(f.get()), -1);
 }
@@ -173,7 +161,7 @@ TEST_F(TableFiles, BadSegmentsAndFiles) {
 // first buffer only; a buffer without a trailer ends the transfer, and the
 // next transfer starts afresh.
 TEST_F(TableFiles, ATransferOverSeveralBuffers) {
-  write_bytes(path(), "old contents");
+  testutil::write_file(path(), "old contents");
   FileTransfer t = transfer();
   EXPECT_EQ(buffer_to_RDW(t, raw_request({"2", "a", "b"}, "Y")), 0);
   EXPECT_TRUE(t.stream);
@@ -237,7 +225,7 @@ TEST_F(TableFiles, RoundTripOverSeveralBuffersEachWay) {
 }
 
 TEST_F(TableFiles, EmptyAndMissingFilesOutbound) {
-  write_bytes(path(), "");
+  testutil::write_file(path(), "");
   TableReply empty = fetch(server_, path());
   EXPECT_EQ(empty.result, 0) << "an empty table is status 0";
   EXPECT_EQ(empty.counts, std::vector<std::string>{"0"});

@@ -1,5 +1,6 @@
 // List and calendar files: segments of real request buffers written to
-// files, and files sent back in reply segments through the real transport.
+// files, and files sent back in reply segments through the real transport;
+// the command file of the file-version commands.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,6 +9,7 @@
 #include "forked_server.h"
 #include "quorcal.h"
 #include "quorlsfl.h"
+#include "quorproc.h"
 #include "quorsmc.h"
 
 using namespace forked;
@@ -15,22 +17,8 @@ using testutil::read_file;
 
 namespace {
 
-// A request with one `tag` segment holding `items`, and a trailer with
-// `more` unless it is empty.
 std::vector<char> request(std::string_view tag, const std::vector<std::string>& items, std::string_view more = "N") {
-  std::vector<char> buf(BUFFER_MAX);
-  OutBuf out(buf);
-  tran_header_put("S", "N", out);
-  std::size_t field = buf_begin_segment(out, tag);
-  for (const auto& i : items) buf_add_bytes(out, i);
-  buf_end_segment(out, field);
-  if (!more.empty()) quor_trl_put(more, out);
-  buf.resize(out.pos);
-  return buf;
-}
-
-void write_bytes(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
+  return testutil::plain_request("S", {{tag, items}}, more);
 }
 
 // Every item of `tag` segments over all reply buffers.
@@ -85,7 +73,7 @@ TEST_F(Transfers, ListInbound) {
 // none), empty lines too, long lines in pieces of 259; a long file spans
 // several buffers, continued as "U" transactions.
 TEST_F(Transfers, ListOutbound) {
-  write_bytes(path(), "one\n\n" + std::string(300, 'x') + "\nlast");
+  testutil::write_file(path(), "one\n\n" + std::string(300, 'x') + "\nlast");
   Served small = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path(), out, BUFFER_MAX, server_, "ZZZLST"); });
   EXPECT_EQ(small.status, -1);
   EXPECT_EQ(items_of(small, "ZZZLST"),
@@ -93,7 +81,7 @@ TEST_F(Transfers, ListOutbound) {
 
   std::string big;
   for (int i = 0; i < 4000; ++i) big += "line " + std::to_string(i) + "\n";
-  write_bytes(path("big"), big);
+  testutil::write_file(path("big"), big);
   Served many = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("big"), out, BUFFER_MAX, server_, "ZZZLST"); });
   ASSERT_GE(many.buffers.size(), 2u);
   std::string joined;
@@ -104,6 +92,12 @@ TEST_F(Transfers, ListOutbound) {
     EXPECT_EQ(many.buffers[i].tran.continuation, "Y") << i;
   }
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("none"), out, BUFFER_MAX, server_, "ZZZLST"); }).status, 7);
+  // A buffer without room for the segment's start goes out first.
+  testutil::write_file(path("short"), "only\n");
+  Served late = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("short"), out, out.pos + 73, server_, "ZZZLST"); });
+  EXPECT_EQ(late.status, -1);
+  ASSERT_EQ(late.buffers.size(), 2u);
+  EXPECT_EQ(items_of(late, "ZZZLST"), std::vector<std::string>{"only\n"});
 }
 
 TEST_F(Transfers, CalendarInbound) {
@@ -170,7 +164,7 @@ TEST_F(Transfers, CalendarOutboundAndBackIn) {
   EXPECT_EQ(read_file(path("again")).substr(0, 404), read_file(path()).substr(0, 404));  // the header
 
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("none"), out, BUFFER_MAX, server_); }).status, 7);
-  write_bytes(path("short"), std::string(100, 'h'));
+  testutil::write_file(path("short"), std::string(100, 'h'));
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("short"), out, BUFFER_MAX, server_); }).status, 5);
 }
 
@@ -197,6 +191,46 @@ TEST_F(Transfers, CalendarFromARequestRecord) {
   smc_put(record, smc::allocSz, "99999999");
   served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
   EXPECT_EQ(items_of(served, kCalTag).size(), 9u);
+}
+
+}  // namespace
+
+// The command file of the file-version commands, rewritten to read the
+// request's names from the data file.
+namespace {
+
+std::vector<char> version_request(const std::vector<std::string>& commands, const std::vector<std::string>& names) {
+  return testutil::plain_request("U", {{"ZZZCMD", commands}, {"ZZZLST", names}});
+}
+
+TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
+  TempDir dir;
+  std::string data = (dir.path() / "data").string(), commands = (dir.path() / "cmd").string();
+  std::vector<char> record(kRecordSize);
+  smc_put(record, smc::fileName, data);
+  ChildEntry entry;
+  entry.transfer.path = commands;
+  std::vector<char> buf =
+      version_request({"restore NAME=\"<names.lst\" -v", "second"}, {"\"a,b\"", "c'd", " x ", "  long name  \n"});
+  EXPECT_EQ(quor_fileversion_rewrite(record, buf, entry, "ZZZCMD"), 0);
+  EXPECT_EQ(read_file(commands), "restore NAME=\"<" + data + "\" -v\nsecond\n");
+  EXPECT_EQ(read_file(data), "a b\nc d\nlong name\n");
+  EXPECT_EQ(smc_get(record, smc::fileName), "");
+  EXPECT_FALSE(entry.transfer.stream) << "the command file was left open";
+
+  // Without "<" the command list is written as it stands.
+  ChildEntry plain;
+  plain.transfer.path = (dir.path() / "plain").string();
+  std::vector<char> record2(kRecordSize);
+  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"backup NAME=all now", "x"}, {"n1"}), plain, "ZZZCMD"), 0);
+  EXPECT_EQ(read_file(dir.path() / "plain"), "backup NAME=all now\nx\n");
+  // The names end at an empty one.
+  smc_put(record2, smc::fileName, data);
+  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"restore NAME=\"<x\""}, {"ann", "", "bob"}), plain, "ZZZCMD"), 0);
+  EXPECT_EQ(read_file(data), "ann\n");
+  // No NAME= at all, or no closing quote: nothing to rewrite.
+  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"archive all"}, {"n"}), plain, "ZZZCMD"), 4);
+  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"archive NAME=\"<open"}, {"n"}), plain, "ZZZCMD"), 4);
 }
 
 }  // namespace

@@ -91,19 +91,6 @@ TEST(ConfigLine, StoredValues) {
   EXPECT_EQ(config.transaction_timeout, 0);
 }
 
-TEST_F(ConfigFiles, AFileWithoutKeysLoadsTheDefaults) {
-  ASSERT_EQ(load("# nothing but a comment\n"), 0);
-  const QuorConfig& c = quor_config();
-  EXPECT_EQ(c.config_path, root() + "/quor/etc/quor.config");
-  EXPECT_EQ(c.object_map_path, root() + "/quor/etc/quorobj.map");
-  EXPECT_EQ(c.language_map.path, root() + "/quor/etc/quorlang.map");
-  EXPECT_EQ(c.login_required, 1);
-  EXPECT_EQ(c.transaction_timeout, 0);
-  EXPECT_NEAR(static_cast<double>(c.load_time), static_cast<double>(std::time(nullptr)), 2);
-  ASSERT_EQ(quor_objmap().size(), 1u);
-  EXPECT_EQ(quor_objmap()[0].program_path, root() + "/quor/bin/lister");
-}
-
 TEST_F(ConfigFiles, BadLinesAreReportedWithTheirNumbersAndSkipped) {
   ASSERT_EQ(load("TRANSACTION_TIMEOUT: 30\n"
                  "  garbage here\n"
@@ -129,52 +116,6 @@ TEST_F(ConfigFiles, ALineLongerThanTheBufferIsReadInPieces) {
   EXPECT_EQ(quor_config().transaction_timeout, 7);
   EXPECT_EQ(quor_config().login_timeout, 60);
   EXPECT_EQ(log().find("QUOR0125E"), std::string::npos) << log();
-}
-
-TEST_F(ConfigFiles, AFailedLoadLeavesTheRunningConfigurationInForce) {
-  ASSERT_EQ(load("TRANSACTION_TIMEOUT: 11\n"), 0);
-  QuorConfig before = quor_config();
-
-  struct Case {
-    const char* what;
-    std::function<void()> damage;
-    int rc;
-    const char* message;
-  };
-  auto path = [&](const char* name) { return root() + "/quor/etc/" + name; };
-  auto remove = [&](const char* name) { return [=] { std::filesystem::remove(path(name)); }; };
-  auto make_dir = [&](const char* name) {
-    return [=] {
-      std::filesystem::remove(path(name));
-      std::filesystem::create_directory(path(name));
-    };
-  };
-  const Case cases[] = {
-      {"missing configuration", remove("quor.config"), 3, "QUOR0109E"},
-      {"configuration is a directory", make_dir("quor.config"), 3, "QUOR0310E"},
-      {"unknown default login user",
-       [&] { write("quor/etc/quor.config", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-x\n"); }, 3,
-       "QUOR0137E"},
-      {"missing object map", remove("quorobj.map"), 3, "QUOR0112E"},
-      {"object map of comments", [&] { write("quor/etc/quorobj.map", "# only\n  # comments\n"); }, 3, "QUOR0114E"},
-      {"missing language map", remove("quorlang.map"), 7, nullptr},
-      {"language map is a directory", make_dir("quorlang.map"), 7, "QUOR0310E"},
-  };
-  for (const Case& c : cases) {
-    SetUp();
-    std::filesystem::remove_all(path("quor.config"));
-    write("quor/etc/quor.config", "TRANSACTION_TIMEOUT: 99\n");
-    std::filesystem::remove_all(path("quorlang.map"));
-    write("quor/etc/quorlang.map", "DEFAULT english\n");
-    c.damage();
-    EXPECT_EQ(quor_config_load(quor_objmap(), quor_config(), std::nullopt), c.rc) << c.what;
-    EXPECT_EQ(quor_config().transaction_timeout, 11) << c.what;
-    EXPECT_EQ(quor_config().load_time, before.load_time) << c.what;
-    ASSERT_EQ(quor_objmap().size(), 1u) << c.what;
-    if (c.message != nullptr) {
-      EXPECT_NE(log().find(c.message), std::string::npos) << c.what << "\n" << log();
-    }
-  }
 }
 
 TEST_F(ConfigFiles, ObjectMapPathsLookupsAndBadLines) {

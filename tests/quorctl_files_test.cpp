@@ -110,14 +110,8 @@ TEST_F(CtlFiles, TableRequestsAreStableBytesThatReadBack) {
 TEST_F(CtlFiles, CalendarsAndLists) {
   FileTransfer t;
   t.path = path("cal");
-  std::vector<char> source(BUFFER_MAX);
-  OutBuf out(source);
-  tran_header_put("S", "N", out);
-  std::size_t field = buf_begin_segment(out, kCalTag);
-  for (const char* item : {"PI=ab", "DS=desc", "RL=7", "AL=first", "AL=second"}) buf_add_item(out, item);
-  buf_end_segment(out, field);
-  quor_trl_put("N", out);
-  ASSERT_EQ(buffer_to_cal(t, InBuf(source.data(), out.pos)), 0);
+  std::vector<char> source = testutil::plain_request("S", {{kCalTag, {"PI=ab", "DS=desc", "RL=7", "AL=first", "AL=second"}}});
+  ASSERT_EQ(buffer_to_cal(t, InBuf(source.data(), source.size())), 0);
 
   EXPECT_EQ(ctl_calendar_show(path("cal"), false).out,
             "PI: ab\nCU: \nUU: \nDS: desc\nRL: 7\nYN: 0\nFX: 0\nUT: 0\nDO: 0\ndata offset: 404\n"

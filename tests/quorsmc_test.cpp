@@ -14,6 +14,8 @@
 using testutil::EnvGuard;
 using testutil::TempDir;
 
+using testutil::printed;
+
 namespace {
 
 // A request as a client sends it: transaction header, object header, the
@@ -36,19 +38,6 @@ std::vector<char> request(const ObjectHeader& hdr, std::string_view tag = {},
 
 std::string at(const std::vector<char>& record, std::size_t offset, std::size_t size) {
   return std::string(record.data() + offset, size);
-}
-
-// What a dump prints, as text.
-template <class Dump>
-std::string printed(Dump dump) {
-  char* text = nullptr;
-  std::size_t size = 0;
-  std::FILE* out = open_memstream(&text, &size);
-  dump(out);
-  std::fclose(out);
-  std::string s(text, size);
-  std::free(text);
-  return s;
 }
 
 class RequestRecord : public ::testing::Test {
@@ -109,6 +98,7 @@ TEST_F(RequestRecord, FilledAtItsOffsetsFromTheHeaders) {
   EXPECT_NE(dump.find("\nformat = 64\nflag = 64\n"), std::string::npos);
   EXPECT_NE(dump.find("\nPDat.csl.count = \nPDat.scroll_val = "), std::string::npos) << "no csl lines";
   EXPECT_TRUE(dump.ends_with("*** End SMCDAT ***\n"));
+  EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 29) << "a line per field, and the first and last";
 }
 
 TEST_F(RequestRecord, AbsentItemsGiveThePlainDefaults) {
@@ -168,6 +158,9 @@ TEST_F(RequestRecord, SelectionListOfMoreThanAHundredAndBackOut) {
   EXPECT_EQ(smc_get(record_, smc::csl_count), "100");
   EXPECT_EQ(smc_get(record_, smc::slot(smc::csl_name, 99)), "C99");
   EXPECT_EQ(at(record_, smc::csl_value.offset + 100 * 260, 10), std::string(10, '\0')) << "past the last slot";
+  std::vector<char> exact(kRecordSize);  // only a count above the slots is replaced
+  quor_pnd_to_record(exact, request({}, kPndTag, {"+100", "A", "=", "b"}));
+  EXPECT_EQ(smc_get(exact, smc::csl_count), "+100");
 
   std::vector<char> reply(BUFFER_MAX);
   OutBuf out(reply);

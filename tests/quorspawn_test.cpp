@@ -155,6 +155,23 @@ TEST(Spawn, TheProgramRunsAsTheAccountAndOwnsSegmentAndDataFile) {
   ASSERT_EQ(stat(data.c_str(), &st), 0);
   EXPECT_EQ(st.st_uid, nobody->uid);
   EXPECT_EQ(st.st_gid, nobody->gid);
+
+  // A segment that is gone, or a data file that cannot be handed over (a
+  // missing one can), and the program does not run.
+  std::string ran = (dir.path() / "ran").string();
+  for (auto [shm, file] : {std::pair{shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600), std::string()},
+                           {-1, std::string("/dev/null/data")}}) {
+    if (shm >= 0) shmctl(shm, IPC_RMID, nullptr);
+    SpawnRequest refused = shell("touch " + ran);
+    refused.account = &*nobody;
+    refused.shm_id = shm;
+    refused.data_file = file;
+    SpawnResult r = quor_spawn(refused);
+    ASSERT_GT(r.pid, 0);
+    EXPECT_EQ(r.failure, SpawnResult::kIdentity) << file;
+    EXPECT_EQ(exit_status(r.pid), kSpawnFailedStatus);
+    EXPECT_FALSE(fs::exists(ran)) << file;
+  }
 }
 
 }  // namespace

@@ -45,8 +45,6 @@ class ThrowAway {
   bool ok_ = false;
 };
 
-const std::string kNone = "    0 users logged into quor\n    0 transactions in progress.\n";
-
 class Security : public testutil::AgentDaemonTest {
  protected:
   void SetUp() override {
@@ -64,29 +62,6 @@ class Security : public testutil::AgentDaemonTest {
   template <class F>
   bool as_attacker(F body) {
     return testutil::run_as(attacker_->name(), body) == 0;
-  }
-
-  // A request of `type` for `object` with `command`, as this process.
-  TevCallResult request(std::string type, std::string object, std::string command, bool expect_reply,
-                        std::vector<std::array<std::string, 3>> selections = {}) {
-    CtlBuild spec;
-    spec.type = std::move(type);
-    spec.object = std::move(object);
-    spec.command = std::move(command);
-    spec.selections = std::move(selections);
-    return send(spec, expect_reply);
-  }
-
-  // Waits until the status counts read `want`; the counts last read.
-  std::string settle(const std::string& want) {
-    for (int i = 0; i < 150 && counts() != want; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return counts();
-  }
-
-  bool logged(std::string_view text) {
-    for (int i = 0; i < 100; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-      if (daemon_->log().find(text) != std::string::npos) return true;
-    return false;
   }
 
   std::unique_ptr<ThrowAway> attacker_;
@@ -124,8 +99,8 @@ TEST_F(Security, ALoginNeedsThePasswordOfAnAccountTheClientIsNot) {
   }));
   testutil::EnvGuard root("MOX_QUORUSER", "root");
   EXPECT_EQ(ctl_login(CtlTarget{}, std::nullopt, false).error, "RC 1: login refused for root");
-  ASSERT_EQ(settle("    1 users logged into quor\n    0 transactions in progress.\n"),
-            "    1 users logged into quor\n    0 transactions in progress.\n");
+  ASSERT_EQ(settle(users(1)),
+            users(1));
   std::ofstream(daemon_->root().path() / "quor/etc/quorlogon.config") << "ALLOW_ROOT_LOGIN: 1\n";
   EXPECT_EQ(ctl_login(CtlTarget{}, std::nullopt, false).status, kCtlOk);
 }
@@ -176,24 +151,11 @@ TEST_F(Security, TheUtilityAgentsCommandFileIsAlwaysTheDaemons) {
   fs::permissions(secret, fs::perms::owner_read | fs::perms::owner_write);
   // Two buffers of one utility request, the second with a selection list.
   auto buffer = [](const char* continuation, const char* more, std::string selection) {
-    std::vector<char> b(BUFFER_MAX);
-    OutBuf out(b);
-    tran_header_put("U", continuation, out);
-    ObjectHeader header;
-    header.object = "MOUTIL";
-    quor_hdr_write(header, out);
-    if (!selection.empty()) {
-      std::size_t field = buf_begin_segment(out, kPndTag);
-      for (std::string item : {std::string("1"), std::string("X"), std::string("="), selection}) buf_add_item(out, item);
-      buf_end_segment(out, field);
-    }
-    std::size_t field = buf_begin_segment(out, "ZZZCMD");
-    buf_add_item(out, "echo fine");
-    buf_end_segment(out, field);
-    quor_trl_put(more, out);
-    b.resize(out.pos);
-    quor_wire_seal(b, b.size());
-    return std::vector<std::uint8_t>(b.begin(), b.end());
+    return testutil::sealed_request("U", [&](TransactionHeader& h) { h.continuation = continuation; }, [&](OutBuf& out) {
+      testutil::put_segment(out, "ZZZHDR", {"OBJ", "MOUTIL"});
+      if (!selection.empty()) testutil::put_segment(out, kPndTag, {"1", "X", "=", selection});
+      testutil::put_segment(out, "ZZZCMD", {"echo fine"});
+    }, more);
   };
   EXPECT_TRUE(as_attacker([&] {
     TevClient client;
@@ -293,7 +255,7 @@ TEST_F(Security, AgentsGetTheirOwnStandardErrorAndNothingElseOfTheDaemons) {
   EXPECT_TRUE(probe->info["stderr"].ends_with(" w"));
   EXPECT_EQ(probe->info["env"],
             "PATH,HOME,USER,LOGNAME,SHELL,MOXGLBL0000,TMPDIR,TEV_DIR,QUORPROBE_DIR,QUOR_CLIENT_UID,QUOR_CLIENT_PID");
-  EXPECT_EQ(settle(kNone), kNone);
+  EXPECT_EQ(settle(users(0)), users(0));
   EXPECT_TRUE(logged("QUOR0302E Standard error of agent pid " + std::to_string(probe->pid) + " of uid 0: quorprobe wrote this"));
 }
 
@@ -305,13 +267,13 @@ TEST_F(Security, AReapedPidIsNeverSignalled) {
   request("L", "LOGON", "LOGININFO", false);
   std::optional<Probe> login = next_probe();
   ASSERT_TRUE(login);
-  ASSERT_NE(settle("    1 users logged into quor\n    0 transactions in progress.\n").find(" 1 users"), std::string::npos);
+  ASSERT_NE(settle(users(1)).find(" 1 users"), std::string::npos);
   request("O", "PROBE", "EXIT0", false);  // stops and reaps the login program
   ASSERT_TRUE(next_probe());
-  for (int i = 0; i < 150 && kill(login->pid, 0) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  testutil::eventually([&] { return kill(login->pid, 0) != 0; });
   pid_t victim = victim_at(login->pid);
   if (victim < 0) GTEST_SKIP() << "the reaped pid could not be given to a victim";
-  EXPECT_EQ(settle(kNone), kNone);
+  EXPECT_EQ(settle(users(0)), users(0));
   EXPECT_TRUE(alive_child(victim)) << "the logoff's sweep signalled a reaped pid";
   kill(victim, SIGKILL);
   waitpid(victim, nullptr, 0);
@@ -323,19 +285,8 @@ TEST_F(Security, UnfinishedRequestsAreBoundedAndASecondLoginIsRefused) {
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "PROBE quorprobe\nLOGON quorprobe\n");
   // First buffers that announce more, each claiming another client pid.
   auto first = [](int i) {
-    std::vector<char> b(BUFFER_MAX);
-    OutBuf out(b);
-    TransactionHeader h;
-    tran_header_fill("S", "N", h);
-    h.pid = std::to_string(100000 + i);
-    tran_header_write(h, out);
-    ObjectHeader header;
-    header.object = "PROBE";
-    quor_hdr_write(header, out);
-    quor_trl_put("Y", out);
-    b.resize(out.pos);
-    quor_wire_seal(b, b.size());
-    return std::vector<std::uint8_t>(b.begin(), b.end());
+    return testutil::sealed_request("S", [&](TransactionHeader& h) { h.pid = std::to_string(100000 + i); },
+                                    [](OutBuf& out) { testutil::put_segment(out, "ZZZHDR", {"OBJ", "PROBE"}); }, "Y");
   };
   EXPECT_TRUE(as_attacker([&] {
     TevClient client;
@@ -394,12 +345,16 @@ TEST_F(Security, ClientsThatNeverReadOrAnswerDoNotHoldTheDaemon) {
 // many it left out.
 TEST_F(Security, BadMessagesDoNotFloodTheLog) {
   start("LOGIN_REQUIRED: 1\n");
-  EXPECT_TRUE(as_attacker([] {
+  // The daemon's queue holds a few datagrams: on a loaded machine a send may
+  // wait out its time-out and be lost. The attacker says how many were.
+  int lost = testutil::run_as(attacker_->name(), [] {
     TevClient client;
     std::vector<std::uint8_t> bad(20, 'x');
-    for (int i = 0; i < 200; ++i) client.call(kServerName, bad, 0, false);
-    return 0;
-  }));
+    int failed = 0;
+    for (int i = 0; i < 200; ++i) failed += client.call(kServerName, bad, 0, false).rc != 0;
+    return failed;
+  });
+  ASSERT_TRUE(lost >= 0 && lost < 100) << lost;
   EXPECT_EQ(daemon_->status("B").size(), 6u);
   ASSERT_EQ(ctl_notify(CtlTarget{}, 'T', false).status, kCtlOk);
   ASSERT_EQ(daemon_->wait_exit(), 0);
@@ -407,7 +362,9 @@ TEST_F(Security, BadMessagesDoNotFloodTheLog) {
   std::size_t lines = 0;
   for (std::size_t at = log.find("QUOR0008S"); at != std::string::npos; at = log.find("QUOR0008S", at + 1)) ++lines;
   EXPECT_EQ(lines, static_cast<std::size_t>(kMoLogBurst));
-  EXPECT_NE(log.find("QUOR0308E Left out of the log: 180 more of message 8"), std::string::npos) << log;
+  EXPECT_NE(log.find("QUOR0308E Left out of the log: " + std::to_string(180 - lost) + " more of message 8"),
+            std::string::npos)
+      << log;
 }
 
 // The dump file is never written through a link somebody planted.

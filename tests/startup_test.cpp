@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,44 +27,25 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void write(const fs::path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
-
+using testutil::write_file;
 fs::path pid_file(const Daemon& d) { return d.root().path() / "tmp/quordaemon.pid"; }
 
 // Runs the daemon binary to its end in `root` (none when empty; debug mode,
 // so it does not detach) and returns its exit status.
 int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::string> args) {
-  testutil::Child child([&] {
-    root.empty() ? unsetenv("MOXGLBL0000") : setenv("MOXGLBL0000", root.c_str(), 1);
-    setenv("TEV_DIR", tev_dir.c_str(), 1);
-    setenv("MOXQUORDEBUG", "1", 1);
-    int devnull = open("/dev/null", O_WRONLY);
-    dup2(devnull, 1);
-    std::vector<char*> argv = {const_cast<char*>(QUORDAEMON_PATH)};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execv(QUORDAEMON_PATH, argv.data());
-    return 127;
-  });
-  return child.wait();
+  return testutil::exec_child(QUORDAEMON_PATH, args,
+                              {root.empty() ? "MOXGLBL0000" : "MOXGLBL0000=" + root.string(),
+                               "TEV_DIR=" + tev_dir.string(), "MOXQUORDEBUG=1"})
+      ->wait();
 }
 
 // Sends REFRESH, with a "ZZZFIL" segment naming `path` when given, and
 // returns the reply's "RC" and "RM" values.
 std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  tran_header_put("R", "N", out);
-  if (path) {
-    std::size_t field = buf_begin_segment(out, "ZZZFIL");
-    buf_add_item(out, *path);
-    buf_end_segment(out, field);
-  }
-  quor_trl_put("N", out);
-  std::size_t length = out.pos;
-  quor_wire_seal(buf, length);
   TevClient client;
-  TevCallResult r = client.call(kServerName, std::vector<std::uint8_t>(buf.begin(), buf.begin() + static_cast<long>(length)), 5000);
+  TevCallResult r = client.call(kServerName, testutil::sealed_request("R", {}, [&](OutBuf& out) {
+                                  if (path) testutil::put_segment(out, "ZZZFIL", {*path});
+                                }), 5000);
   if (r.rc != 0 || r.replies.empty()) return {"no reply", ""};
   std::vector<std::string> ret = Daemon::reply_items(r.replies.back().payload, "ZZZRET");
   if (ret.size() != 4) return {"bad reply", ""};
@@ -72,18 +55,12 @@ std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
 #define REQUIRE_ROOT() \
   if (geteuid() != 0) GTEST_SKIP() << "needs root: the daemon detaches only as root"
 
-// Whether `done` holds within two seconds, polling.
-template <class F>
-bool eventually(F done) {
-  for (int i = 0; i < 100; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-    if (done()) return true;
-  return false;
-}
+using testutil::eventually;
 
-// Sends TERMINATE and returns the daemon's exit status.
-int terminate(Daemon& d) {
+// Sends TERMINATE (or KILLALL) and returns the daemon's exit status.
+int terminate(Daemon& d, std::string_view type = "T") {
   TevClient client;
-  client.call(kServerName, Daemon::request("T"), 0, false);
+  client.call(kServerName, Daemon::request(type), 0, false);
   return d.wait_exit();
 }
 
@@ -110,10 +87,20 @@ TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21Or20) {
 
 TEST(StartUp, APidFileNamingNoLiveProcessDoesNotBlock) {
   for (std::string stale : {"0\n", "not a number\n", "-1\n", "", "999999999\n"}) {
-    Daemon d([&](const fs::path& root) { write(root / "tmp/quordaemon.pid", stale); }, {});
+    Daemon d([&](const fs::path& root) { write_file(root / "tmp/quordaemon.pid", stale); }, {});
     ASSERT_TRUE(d.wait_ready()) << "pid file '" << stale << "': " << d.log();
     EXPECT_EQ(read_file(pid_file(d)), std::to_string(d.pid()) + "\n");
   }
+  // Nor does one that cannot be opened at all (a socket).
+  Daemon d([](const fs::path& root) {
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    (root / "tmp/quordaemon.pid").string().copy(a.sun_path, sizeof a.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    close(fd);
+  }, {});
+  EXPECT_TRUE(d.wait_ready()) << d.log();
 }
 
 TEST(StartUp, CommandLine) {
@@ -135,7 +122,7 @@ TEST(StartUp, CommandLine) {
 
   // An unknown argument is reported and skipped; the last -c wins.
   Daemon d(
-      [](const fs::path& r) { write(r / "alt.config", "TRANSACTION_TIMEOUT: 5\n"); },
+      [](const fs::path& r) { write_file(r / "alt.config", "TRANSACTION_TIMEOUT: 5\n"); },
       {"-x", "-c", "/nonexistent", "-cjoined", "-c", "ALT"});
   // "ALT" is relative to the daemon's working directory; the test names the
   // real path below instead, so here the load fails.
@@ -146,20 +133,12 @@ TEST(StartUp, CommandLine) {
 
   TempDir other;
   std::string alt = (other.path() / "alt.config").string();
-  write(alt, "TRANSACTION_TIMEOUT: 5\n");
+  write_file(alt, "TRANSACTION_TIMEOUT: 5\n");
   Daemon good({"-x", "-c", alt});
   ASSERT_TRUE(good.wait_ready()) << good.log();
   std::vector<std::string> status = good.status("B");
   ASSERT_GE(status.size(), 3u);
   EXPECT_EQ(status[2], "    Config path is " + alt + "\n");
-}
-
-TEST(StartUp, AConfigurationThatCannotBeLoadedStopsStartUp) {
-  Daemon d([](const fs::path& root) { write(root / "quor/etc/quorobj.map", "# empty\n"); }, {});
-  EXPECT_EQ(d.wait_exit(), 1);
-  EXPECT_NE(d.log().find("QUOR0114E"), std::string::npos) << d.log();
-  EXPECT_NE(d.log().find("QUOR0016S"), std::string::npos) << d.log();
-  EXPECT_FALSE(fs::exists(d.server_socket()));
 }
 
 TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
@@ -230,7 +209,7 @@ TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {
 
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // a later load time
   std::string alt = d.root().str() + "/alt.config";
-  write(alt, "TRANSACTION_TIMEOUT: 9\n");
+  write_file(alt, "TRANSACTION_TIMEOUT: 9\n");
   EXPECT_EQ(refresh(alt), (std::pair<std::string, std::string>{"0", "The configuration was reloaded."}));
   std::vector<std::string> after = d.status("B");
   EXPECT_EQ(after[2], "    Config path is " + alt + "\n");
@@ -246,13 +225,13 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<std::string> before = d.status("B");
   fs::path dir = d.root().path();
-  write(dir / "empty.map", "# nothing\n");
+  write_file(dir / "empty.map", "# nothing\n");
   for (auto [what, config, rc] : {
            std::tuple<const char*, std::string, const char*>{
                "configuration", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-q\n", "3"},
            {"object map", "OBJECT_MAP_FILE: " + (dir / "empty.map").string() + "\n", "3"},
            {"language map", "LANGUAGE_MAP_FILE: " + (dir / "absent.map").string() + "\n", "7"}}) {
-    write(dir / "next.config", config);
+    write_file(dir / "next.config", config);
     EXPECT_EQ(refresh((dir / "next.config").string()).first, rc) << what;
     std::vector<std::string> now = d.status("B");
     ASSERT_EQ(now.size(), 6u) << what;
@@ -262,27 +241,10 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   EXPECT_TRUE(d.alive());
 }
 
-// The processes named `name` whose parent is `parent`: the running ones, or
-// with `zombies` the ended ones that nobody has reaped yet.
-std::vector<pid_t> children_of(pid_t parent, std::string_view name, bool zombies = false) {
-  std::vector<pid_t> found;
-  for (const auto& e : fs::directory_iterator("/proc")) {
-    std::string stat = read_file(e.path() / "stat");
-    std::size_t paren = stat.rfind(')');
-    if (stat.find("(" + std::string(name) + ")") == std::string::npos || paren == std::string::npos) continue;
-    int ppid = 0;
-    char state = 0;
-    if (std::sscanf(stat.c_str() + paren + 2, "%c %d", &state, &ppid) == 2 && ppid == parent &&
-        (state == 'Z') == zombies)
-      found.push_back(static_cast<pid_t>(std::stol(e.path().filename().string())));
-  }
-  return found;
-}
-
 // The daemon's running login programs, once there are any.
 std::vector<pid_t> login_programs(const Daemon& d) {
   std::vector<pid_t> found;
-  eventually([&] { return !(found = children_of(d.pid(), "quoruserpgm")).empty(); });
+  eventually([&] { return !(found = testutil::processes(d.pid(), "quoruserpgm")).empty(); });
   return found;
 }
 
@@ -305,7 +267,7 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
   if (account == nullptr) GTEST_SKIP() << "no account 'nobody' on this machine";
   Daemon d(
       [](const fs::path& root) {
-        write(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
+        write_file(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
         // The account must be able to reach the program.
         fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
       },
@@ -316,23 +278,18 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
   EXPECT_NE(status.find("Uid:\t" + std::to_string(account->pw_uid) + "\t"), std::string::npos) << status;
   EXPECT_NE(status.find("Gid:\t" + std::to_string(account->pw_gid) + "\t"), std::string::npos) << status;
-  EXPECT_EQ(terminate(d), 0) << d.output();
-  EXPECT_TRUE(children_of(d.pid(), "quoruserpgm").empty());
+  EXPECT_EQ(terminate(d, "K"), 0) << d.output();
+  EXPECT_TRUE(testutil::processes(d.pid(), "quoruserpgm").empty());
+  EXPECT_NE(d.output().find("\nquordaemon:  message type KILLALL\n"), std::string::npos) << d.output();
+  EXPECT_FALSE(fs::exists(d.server_socket()));
+  EXPECT_FALSE(fs::exists(pid_file(d)));
 }
 
 TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   const passwd* me = getpwuid(getuid());
   ASSERT_NE(me, nullptr);
   std::string name = me->pw_name;
-  auto start = [](std::vector<std::string> args) {
-    return std::make_unique<testutil::Child>([args]() mutable {
-      std::vector<char*> argv = {const_cast<char*>("quoruserpgm")};
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(QUORUSERPGM_PATH, argv.data());
-      return 127;
-    });
-  };
+  auto start = [](std::vector<std::string> args) { return testutil::exec_child(QUORUSERPGM_PATH, args); };
   auto held = start({name, "pc7", "0"});
   // Ready once it blocks SIGTERM to wait for it.
   auto blocks_sigterm = [](pid_t pid) {
@@ -340,7 +297,7 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
     std::size_t at = status.find("SigBlk:\t");
     return at != std::string::npos && (std::stoull(status.substr(at + 8, 16), nullptr, 16) & (1ULL << (SIGTERM - 1)));
   };
-  for (int i = 0; i < 500 && !blocks_sigterm(held->pid()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  testutil::eventually([&] { return blocks_sigterm(held->pid()); }, std::chrono::seconds(5));
   EXPECT_EQ(waitpid(held->pid(), nullptr, WNOHANG), 0) << "ended without being told";
   kill(held->pid(), SIGTERM);
   EXPECT_EQ(held->wait(), 0);
@@ -367,7 +324,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   std::string local = mo_nodename();
   Daemon d(
       [&](const fs::path& root) {
-        write(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
+        write_file(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
         save_users(root, {{"ann", "far", "nobody", "65534", before, 0, {}}, {"bob", local, "nobody", "65534", before, 0, {}}});
       },
       {});
@@ -384,43 +341,15 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   }
   ASSERT_EQ(terminate(d), 0) << d.output();
 
-  // The saved table, read back: ann's activity is fresh, bob's unchanged.
-  testutil::EnvGuard env("MOXGLBL0000", d.root().str());
-  ASSERT_EQ(quor_users_load(), 0);
+  // The saved records, read back without starting anything: ann's activity
+  // is fresh, bob's unchanged.
   std::map<std::string, std::time_t> activity;
-  for (const UserEntry& e : quor_users()) activity[e.user_name] = e.last_activity;
-  quor_users_stop_all();  // loading started a login program for each
-  quor_users().clear();
-  while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
+  ASSERT_EQ(quor_records_read(d.root().str() + "/tmp/quor.sav", 5,
+                              [&](const std::vector<std::string>& r) { activity[r[0]] = std::atol(r[4].c_str()); }),
+            0);
   ASSERT_EQ(activity.size(), 2u);
   EXPECT_GE(activity["ann"], before + 100);
   EXPECT_EQ(activity["bob"], before);
-}
-
-// CLEANUP is answered with nothing and does the sweep at once: a restored
-// user whose login program ended is logged out and the program reaped
-// before any other request comes.
-TEST(Cleanup, ReapsAnEndedLoginProgramAndLogsItsUserOut) {
-  REQUIRE_ROOT();  // the login program runs as "nobody"
-  Daemon d([](const fs::path& root) { save_users(root, {{"ann", "far", "nobody", "65534", std::time(nullptr), 0, {}}}); },
-           {});
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::vector<pid_t> programs = login_programs(d);
-  ASSERT_EQ(programs.size(), 1u) << d.output();
-  kill(programs[0], SIGKILL);
-  auto zombies = [&] { return children_of(d.pid(), "quoruserpgm", true); };
-  ASSERT_TRUE(eventually([&] { return zombies() == programs; })) << "the killed program is not a zombie";
-
-  {
-    TevClient client;  // one client per process at a time
-    EXPECT_TRUE(client.call(kServerName, Daemon::request("C"), 300).replies.empty()) << "CLEANUP was answered";
-  }
-  EXPECT_TRUE(eventually([&] { return zombies().empty(); })) << "CLEANUP left the zombie";
-  std::vector<std::string> brief = d.status("B");
-  ASSERT_GE(brief.size(), 5u) << d.output();
-  EXPECT_EQ(brief[4], "    0 users logged into quor\n");
-  EXPECT_NE(d.output().find("message type CLEANUP"), std::string::npos) << d.output();
-  EXPECT_EQ(terminate(d), 0) << d.output();
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "core_util.h"
 #include "quoraccess.h"
 #include "quorconfig.h"
+#include "quordaemon.h"
 #include "quorkids.h"
 #include "quorsweep.h"
 #include "quorusers.h"
@@ -328,6 +329,21 @@ TEST_F(Sweep, UnfinishedTransactionsExpire) {
   shmid_ds ds{};
   EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment stayed";
   EXPECT_FALSE(has_user("pending"));
+}
+
+// A shutdown drops the transactions whose agent has not started, with their
+// segments, and leaves the running ones to the kill-all.
+TEST_F(Sweep, AnAbnormalShutdownDropsTransactionsWithoutAnAgent) {
+  int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  ASSERT_NE(shm, -1);
+  agent(0, 0, kChildContinuing).shm_id = shm;
+  pid_t running = waiting();
+  agent(running, 1);
+  quor_abnormal_shutdown(quor_registration(), false);
+  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_TRUE(has_agent(running));
+  shmid_ds ds{};
+  EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment stayed";
 }
 
 // A kill-all stops agents that ignore SIGTERM with SIGKILL, and never

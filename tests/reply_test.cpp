@@ -1,15 +1,83 @@
-// The status report as a client receives it through the real transport: a
-// forked child answers one request with the daemon's tables set up by the
-// test.
+// Replies as a client receives them through the real transport: error
+// replies, and the status report of tables set up by the test, each served
+// by a forked child; and the captured error output.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "forked_server.h"
+#include "momsg.h"
 #include "quorconfig.h"
+#include "quorderr.h"
 #include "quorkids.h"
 #include "quorstats.h"
 #include "quorusers.h"
 
 using namespace forked;
+
+TEST_F(ForkedServer, ErrorReplyReachesTheClientAsTheDocumentedSegments) {
+  testutil::Child child([&] {
+    std::array<char, BUFFER_MAX> buf{};
+    receive_or_die(server_, buf);
+    return quor_error_reply(1, "bad", server_) == 0 ? 0 : 11;
+  });
+  TevCallResult result = ask("S");
+  ASSERT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
+  ASSERT_EQ(result.replies.size(), 1u);
+  EXPECT_EQ(result.replies[0].kind, kTevKindData);
+  EXPECT_EQ(child.wait(), 0);
+
+  Decoded d = decode(result.replies[0].payload);
+  EXPECT_EQ(d.tran.transcode + d.tran.continuation + d.tran.ostype, "ENUNIX1");
+  // The error segment, then the trailer and the end-of-data mark.
+  std::string text(d.plain.begin(), d.plain.end() - 1);
+  EXPECT_TRUE(text.ends_with(testutil::nul_join({"ZZZRET", "ZZZLEN", "   25", "RC", "1", "RM", "bad", "ZZZEOS", "ZZZTRL",
+                                                 "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"})));
+}
+
+TEST_F(ForkedServer, ErrorReplyCutsATextTooLongForOneBuffer) {
+  testutil::Child child([&] {
+    std::array<char, BUFFER_MAX> buf{};
+    receive_or_die(server_, buf);
+    return quor_error_reply(3, std::string(40000, 'x'), server_) == 0 ? 0 : 11;
+  });
+  TevCallResult result = ask("S");
+  ASSERT_EQ(result.rc, 0);
+  EXPECT_EQ(child.wait(), 0);
+  Decoded d = decode(result.replies.at(0).payload);
+  auto items = segment_strings(d.plain, "ZZZRET");
+  ASSERT_EQ(items.size(), 4u);
+  EXPECT_GT(items[3].size(), 30000u);
+  EXPECT_LE(d.plain.size() - 1, BUFFER_MAX);
+
+  // A reply that cannot be sent is a failure, and logged.
+  server_.remote.set_app_name("GONE.CLIENT");
+  EXPECT_NE(quor_error_reply(1, "bad", server_), 0);
+  EXPECT_NE(testutil::read_file(dir_.path() / "quor/log/quordaemon.log").find("QUOR0009"), std::string::npos);
+}
+
+TEST(CapturedOutput, ReadingReturnsTheTextOnceThenTheCatalogueText) {
+  TempDir dir;
+  EnvGuard root("MOXGLBL0000", dir.str());
+  mo_reset();
+  std::string path = (dir.path() / "DMNcapture").string();
+  quor_capture_set_file(path);
+  {
+    std::ofstream(path) << "agent: cannot open table\n";
+  }
+  EXPECT_EQ(quor_capture_output(3), "agent: cannot open table\n");
+  EXPECT_EQ(testutil::read_file(path), "");  // emptied: the next failure reports only its own
+  std::string fallback3 = quor_capture_output(3);
+  EXPECT_EQ(fallback3, quor_msg_text(128, 2));
+  EXPECT_FALSE(fallback3.empty());
+  EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
+  EXPECT_NE(quor_msg_text(23, 4), fallback3);
+
+  quor_capture_set_file(dir.str());  // unreadable: a directory
+  EXPECT_EQ(quor_capture_output(3), fallback3);
+  quor_capture_set_file("");  // no capture file at all
+  EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
+}
 
 namespace {
 
@@ -43,25 +111,6 @@ class StatusReport : public ForkedServer {
     return report(type, ignored);
   }
 };
-
-TEST_F(StatusReport, BriefAndFullLinesWithEmptyTables) {
-  quor_config().config_path = "/etc/q.config";
-  std::vector<std::string> brief = report('B');
-  ASSERT_EQ(brief.size(), 6u);
-  EXPECT_EQ(brief[0].rfind("Status of ", 0), 0u) << brief[0];
-  EXPECT_NE(brief[0].find(", pid="), std::string::npos);
-  EXPECT_EQ(brief[0].back(), '\n');
-  EXPECT_EQ(brief[1].rfind("    Daemon started at ", 0), 0u);
-  EXPECT_EQ(brief[2], "    Config path is /etc/q.config\n");
-  EXPECT_EQ(brief[3].rfind("    Config last updated ", 0), 0u);
-  EXPECT_EQ(brief[4], "    0 users logged into quor\n");
-  EXPECT_EQ(brief[5], "    0 transactions in progress.\n");
-
-  std::vector<std::string> full = report('F');
-  ASSERT_EQ(full.size(), 8u);
-  EXPECT_EQ(full[6], "\n");
-  EXPECT_EQ(full[7], "\n");
-}
 
 TEST_F(StatusReport, ALongConfigurationPathTakesTwoLines) {
   quor_config().config_path = "/" + std::string(240, 'p');  // 241 characters: one line
@@ -110,7 +159,8 @@ TEST_F(StatusReport, AFullReportLargerThanABufferArrivesInOrderOverSeveralBuffer
     Decoded d = decode(result.replies[i].payload);
     EXPECT_EQ(*d.trailer.more_data, last ? "N" : "Y") << i;
     EXPECT_EQ(result.replies[i].kind, last ? kTevKindData : kTevKindConv) << i;
-    EXPECT_EQ(d.tran.transcode, i == 0 ? "F" : "S") << i;
+    EXPECT_EQ(d.tran.transcode + d.tran.continuation, i == 0 ? "FN" : "SY") << i;
+    EXPECT_EQ(result.replies[i].sender.rfind(last ? "TEST.SRV" : "QUOR.", 0), 0u) << i;
     EXPECT_LE(result.replies[i].payload.size(), BUFFER_MAX);
   }
   // The users appear once each, newest first, across the buffers.
