@@ -2,27 +2,41 @@
 // real agent (quorprobe), which records what it was given.
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/stat.h>
 
-#include <chrono>
 #include <map>
-#include <set>
-#include <thread>
 
 #include "agent_fixture.h"
 #include "ctl_commands.h"
 #include "ctl_files.h"
 #include "ctl_text.h"
 #include "momsg.h"
-#include "quorRDW.h"
 
 using testutil::Daemon;
 using testutil::read_file;
-using Commands = testutil::AgentDaemonTest;
 using testutil::Probe;
 namespace fs = std::filesystem;
 
 namespace {
+
+class Commands : public testutil::AgentDaemonTest {
+ protected:
+  // A PROBE request carrying `csv` as a table, from a file in the root.
+  CtlBuild table_request(const std::string& csv) {
+    CtlBuild spec;
+    spec.object = "PROBE";
+    spec.data = CtlBuild::Data::Table;
+    spec.source = csv_path();
+    std::ofstream(spec.source) << csv;
+    return spec;
+  }
+  std::string csv_path() const { return daemon_->root().str() + "/t.csv"; }
+  // The table the probe agent was given, as CSV.
+  std::string table_of(const Probe& probe) const {
+    std::string path = daemon_->root().str() + "/copy.rdw";
+    std::ofstream(path, std::ios::binary) << probe.data;
+    return ctl_table_to_csv(path).out;
+  }
+};
 
 // With logins not required, a service request carrying a selection list, a
 // table over several buffers and an environment runs its agent as the
@@ -31,48 +45,33 @@ TEST_F(Commands, AServiceRequestRunsItsAgentAsTheDefaultLogin) {
   REQUIRE_ROOT();
   const passwd* nobody = getpwnam("nobody");
   if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
-  uid_t nobody_uid = nobody->pw_uid;
-  gid_t nobody_gid = nobody->pw_gid;
+  const std::string nobody_uid = std::to_string(nobody->pw_uid), nobody_gid = std::to_string(nobody->pw_gid);
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n");
 
   std::string csv;
   for (int i = 0; i < 4000; ++i) csv += std::to_string(i) + ",name " + std::to_string(i) + "\n";
-  std::string csv_path = (daemon_->root().path() / "t.csv").string();
-  std::ofstream(csv_path) << csv;
-  CtlBuild spec;
-  spec.object = "PROBE";
+  CtlBuild spec = table_request(csv);
   spec.command = "LIST";
   spec.selections = {{"NAME", "=", "abc"}};
   spec.date_format = "DD.MM.YYYY";
   spec.language = "english";
-  spec.data = CtlBuild::Data::Table;
-  spec.source = csv_path;
-  TevCallResult r = send(spec, false);
-  EXPECT_EQ(r.rc, 0);
+  EXPECT_EQ(send(spec, false).rc, 0);
 
   std::optional<Probe> probe = next_probe();
   ASSERT_TRUE(probe) << daemon_->output();
-  EXPECT_EQ(probe->info["uid"], std::to_string(nobody_uid));
-  EXPECT_EQ(probe->info["euid"], std::to_string(nobody_uid));
-  EXPECT_EQ(probe->info["gid"], std::to_string(nobody_gid));
-  EXPECT_EQ(probe->info["argc"], "2");
-  EXPECT_EQ(probe->info["argv0"], "quorprobe");
-  EXPECT_EQ(probe->info["MOX_DATEFMT"], "DD.MM.YYYY");
-  EXPECT_EQ(probe->info["MO_MOXMESSAGE"], daemon_->root().str() + "/messages/english");
+  for (auto [key, value] : std::map<std::string, std::string>{
+           {"uid", nobody_uid}, {"euid", nobody_uid}, {"gid", nobody_gid}, {"argc", "2"}, {"argv0", "quorprobe"},
+           {"MOX_DATEFMT", "DD.MM.YYYY"}, {"MO_MOXMESSAGE", daemon_->root().str() + "/messages/english"}})
+    EXPECT_EQ(probe->info[key], value) << key;
   ASSERT_EQ(probe->segment.size(), kShmSize);
-  EXPECT_EQ(probe->field(smc::username), "nobody");
-  EXPECT_EQ(probe->field(smc::object), "PROBE");
-  EXPECT_EQ(probe->field(smc::command), "LIST");
-  EXPECT_EQ(probe->field(smc::source), "MOQuor");
-  EXPECT_EQ(probe->field(smc::csl_count), "1");
-  EXPECT_EQ(probe->field(smc::slot(smc::csl_value, 0)), "abc");
+  for (auto [field, value] : {std::pair{smc::username, "nobody"}, {smc::object, "PROBE"}, {smc::command, "LIST"},
+                              {smc::source, "MOQuor"}, {smc::csl_count, "1"}, {smc::slot(smc::csl_value, 0), "abc"}})
+    EXPECT_EQ(probe->field(field), value) << "field at " << field.offset;
   EXPECT_EQ(std::string(probe->segment.data() + 1, 64).c_str(), std::string(mo_nodename())) << "daemon's identity";
   EXPECT_EQ(std::string(probe->segment.data() + 174, 8).c_str(), std::string("UNIX1"));
 
   // The table arrived whole in the data file.
-  std::string data_path = daemon_->root().str() + "/copy.rdw";
-  std::ofstream(data_path, std::ios::binary) << probe->data;
-  EXPECT_EQ(ctl_table_to_csv(data_path).out, csv);
+  EXPECT_EQ(table_of(*probe), csv);
 
   // The sweep reaps the agent: nothing stays behind.
   EXPECT_EQ(settle(users(0)), users(0));
@@ -93,14 +92,12 @@ TEST_F(Commands, RequestsWithoutALoginOrATransactionAreRefused) {
   spec.data = CtlBuild::Data::List;
   spec.source = list_path;
   spec.type = "S";
-  TevCallResult r = send(spec, true);
-  EXPECT_EQ(error_text(r), "1 " + std::string("The request's trailer does not announce more data."));
-
+  EXPECT_EQ(error_text(send(spec, true)), "1 The request's trailer does not announce more data.");
   {
     TevClient client;  // one client per process at a time
-    r = client.call(kServerName, testutil::sealed_request("S", [](TransactionHeader& h) { h.continuation = "Y"; }), 5000);
+    auto continuation = testutil::sealed_request("S", [](TransactionHeader& h) { h.continuation = "Y"; });
+    EXPECT_EQ(error_text(client.call(kServerName, continuation, 5000)).substr(0, 2), "1 ");
   }
-  EXPECT_EQ(error_text(r).substr(0, 2), "1 ");
   EXPECT_NE(daemon_->log().find("QUOR0118E"), std::string::npos);
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
   EXPECT_EQ(counts(), users(0)) << "refusals left entries";
@@ -116,11 +113,7 @@ TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "PROBE quorprobe\nBROKEN notrunnable\n");
   std::ofstream(daemon_->root().path() / "quor/bin/notrunnable") << "#!/bin/sh\n";
   fs::permissions(daemon_->root().path() / "quor/bin/notrunnable", fs::perms::owner_read | fs::perms::owner_write);
-  std::string csv_path = daemon_->root().str() + "/t.csv";
-  std::ofstream(csv_path) << "a,b\n";
-  CtlBuild spec;
-  spec.data = CtlBuild::Data::Table;
-  spec.source = csv_path;
+  CtlBuild spec = table_request("a,b\n");
   spec.object = "NOSUCH";
   EXPECT_EQ(error_text(send(spec, true)).substr(0, 2), "1 ");
   spec.object = "BROKEN";
@@ -136,11 +129,11 @@ TEST_F(Commands, RefusedRequestsStartNothingAndLeaveNothing) {
   }
   std::string rows;
   for (int i = 0; i < 5000; ++i) rows += std::to_string(i) + ",row " + std::to_string(i) + "\n";
-  std::ofstream(csv_path) << rows << "last\n";
+  std::ofstream(csv_path()) << rows << "last\n";
   spec.object = "PROBE";
   CtlOutcome withdrawn = ctl_agent_request(CtlTarget{}, spec, false);
   EXPECT_EQ(withdrawn.status, kCtlUsage);
-  EXPECT_EQ(withdrawn.error, csv_path + ": row 5001 has another number of values (the request was withdrawn)");
+  EXPECT_EQ(withdrawn.error, csv_path() + ": row 5001 has another number of values (the request was withdrawn)");
   EXPECT_NE(daemon_->log().find("QUOR0115E Object NOSUCH is not in the object map."), std::string::npos)
       << daemon_->log();
   EXPECT_NE(daemon_->log().find("QUOR0121E"), std::string::npos);
@@ -185,10 +178,6 @@ TEST_F(Commands, ALogoffWithoutALoginStopsNothing) {
   EXPECT_EQ(stat.substr(stat.rfind(')') + 2, 1), "S") << "the default login program was stopped: " << stat;
 }
 
-}  // namespace
-
-namespace {
-
 // A utility request runs its command as the account through the utility
 // agent, whose answer (split over several buffers when long) reaches the
 // client; a failing command gives its status; without a login the daemon's
@@ -197,14 +186,14 @@ TEST_F(Commands, UtilityRequestsAnswerWithTheCommandsOutput) {
   REQUIRE_ROOT();
   const passwd* nobody = getpwnam("nobody");
   if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody'";
-  uid_t nobody_uid = nobody->pw_uid;
+  const std::string nobody_uid = std::to_string(nobody->pw_uid);
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "MOUTIL quorutil\n");
   CtlTarget target;
   target.timeout_ms = 10000;
 
   CtlOutcome id = ctl_util(target, {"id -u; echo hello"}, false);
   EXPECT_EQ(id.status, kCtlOk) << id.error << daemon_->output();
-  EXPECT_EQ(id.out, std::to_string(nobody_uid) + "\nhello\n");
+  EXPECT_EQ(id.out, nobody_uid + "\nhello\n");
 
   CtlOutcome failing = ctl_util(target, {"echo partial; exit 3"}, true);
   EXPECT_EQ(failing.status, kCtlDaemonError);
@@ -239,10 +228,6 @@ TEST_F(Commands, UtilityRequestsNeedALoginOrADefaultLoginProgram) {
   ASSERT_TRUE(testutil::eventually([&] { return !testutil::processes(daemon_->pid(), "quoruserpgm", true).empty(); }));
   EXPECT_EQ(ctl_util(CtlTarget{}, {"id"}, false).error, refused);
 }
-
-}  // namespace
-
-namespace {
 
 // The whole flow with the sample agents: log in through the logon agent,
 // run a command as the account, log off; a login for an unknown account or
@@ -284,27 +269,18 @@ TEST_F(Commands, LoginUtilityAndLogoffWithTheSampleAgents) {
   EXPECT_EQ(ctl_util(CtlTarget{}, {"id -un"}, false).error, "RC 1: The request's trailer does not announce more data.");
 }
 
-}  // namespace
-
-namespace {
-
 // A service request with every option quorctl run offers reaches the agent,
 // whose answer comes back to the client.
 TEST_F(Commands, ServiceRequestsAnsweredByTheirAgent) {
   REQUIRE_ROOT();
   if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n");
-  std::string csv_path = daemon_->root().str() + "/t.csv";
-  std::ofstream(csv_path) << "a,b\nc,d\n";
-  CtlBuild spec;
-  spec.object = "PROBE";
+  CtlBuild spec = table_request("a,b\nc,d\n");
   spec.command = "ANSWER";
   spec.format = "P";
   spec.date_format = "YYYY-MM-DD";
   spec.language = "english";
   spec.selections = {{"K", "<", "9"}};
-  spec.data = CtlBuild::Data::Table;
-  spec.source = csv_path;
   CtlOutcome answer = ctl_agent_request(CtlTarget{}, spec, false);
   EXPECT_EQ(answer.status, kCtlOk) << answer.error << daemon_->output();
   EXPECT_NE(answer.out.find("argv0=quorprobe\n"), std::string::npos) << answer.out;
@@ -313,9 +289,7 @@ TEST_F(Commands, ServiceRequestsAnsweredByTheirAgent) {
   ASSERT_TRUE(probe);
   EXPECT_EQ(probe->record()[smc::format.offset], 64);
   EXPECT_EQ(probe->field(smc::slot(smc::csl_name, 0)), "K");
-  std::string data_path = daemon_->root().str() + "/copy.rdw";
-  std::ofstream(data_path, std::ios::binary) << probe->data;
-  EXPECT_EQ(ctl_table_to_csv(data_path).out, "a,b\nc,d\n");
+  EXPECT_EQ(table_of(*probe), "a,b\nc,d\n");
 }
 
 }  // namespace

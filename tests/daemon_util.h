@@ -60,10 +60,8 @@ class Daemon {
                     fs::copy_options::overwrite_existing);
     fs::copy(fs::path(QUOR_SOURCE_DIR) / "etc/messages", root / "messages",
              fs::copy_options::recursive | fs::copy_options::overwrite_existing);
-    fs::copy_file(QUORUSERPGM_PATH, root / "quor/bin/quoruserpgm", fs::copy_options::overwrite_existing);
-    fs::copy_file(QUORPROBE_PATH, root / "quor/bin/quorprobe", fs::copy_options::overwrite_existing);
-    fs::copy_file(QUORUTIL_PATH, root / "quor/bin/quorutil", fs::copy_options::overwrite_existing);
-    fs::copy_file(QUORLOGON_PATH, root / "quor/bin/quorlogon", fs::copy_options::overwrite_existing);
+    for (fs::path program : {QUORUSERPGM_PATH, QUORPROBE_PATH, QUORUTIL_PATH, QUORLOGON_PATH})
+      fs::copy_file(program, root / "quor/bin" / program.filename(), fs::copy_options::overwrite_existing);
   }
 
   ~Daemon() { stop(); }

@@ -140,7 +140,6 @@ CtlTarget fake(int timeout_ms = 5000) { return CtlTarget{kFake, timeout_ms}; }
 
 }  // namespace
 
-// ---------------------------------------------------------------------------
 // The raw text form
 
 // Every directive and escape makes the bytes it describes.
@@ -211,7 +210,6 @@ TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
   }
 }
 
-// ---------------------------------------------------------------------------
 // The decoder
 
 // A wire buffer is recognised, unscrambled and printed in full, for people
@@ -321,7 +319,6 @@ TEST(Decoder, EscapesForPeopleAndForJson) {
   EXPECT_EQ(ctl_text_escape("a b ", false), "a b\\x20");
 }
 
-// ---------------------------------------------------------------------------
 // The commands against the fake server, for replies the daemon never sends.
 // At the end of each test a terminate request ends the server; its exit
 // status says whether every request before was as expected.
@@ -390,7 +387,6 @@ TEST_F(QuorctlExchange, RawShowsEveryBufferAndWhatWentWrong) {
                       "reply from QUORFAKE stopped after 1 partial buffer(s): nothing more within 0.3 s"));
 }
 
-// ---------------------------------------------------------------------------
 // The quorctl binary
 
 // Help for the tool and each command; a usage error is exit status 2 and one

@@ -1,5 +1,6 @@
 // Start-up, shutdown, signals and the refresh request of the real daemon in
 // a temporary installation root, through the real transport.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
@@ -7,11 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <map>
 #include <filesystem>
-#include <fstream>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -21,13 +20,17 @@
 #include "quorusers.h"
 
 using testutil::Daemon;
+using testutil::eventually;
 using testutil::read_file;
 using testutil::TempDir;
+using testutil::write_file;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::Not;
 namespace fs = std::filesystem;
 
 namespace {
 
-using testutil::write_file;
 fs::path pid_file(const Daemon& d) { return d.root().path() / "tmp/quordaemon.pid"; }
 
 // Runs the daemon binary to its end in `root` (none when empty; debug mode,
@@ -55,8 +58,6 @@ std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
 #define REQUIRE_ROOT() \
   if (geteuid() != 0) GTEST_SKIP() << "needs root: the daemon detaches only as root"
 
-using testutil::eventually;
-
 // Sends TERMINATE (or KILLALL) and returns the daemon's exit status.
 int terminate(Daemon& d, std::string_view type = "T") {
   TevClient client;
@@ -74,14 +75,13 @@ TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21Or20) {
   EXPECT_EQ(recorded, std::to_string(d.pid()) + "\n");
 
   EXPECT_EQ(run_to_end(d.root().path(), d.tev_dir(), {}), 1);
-  EXPECT_NE(d.log().find("QUOR0021S"), std::string::npos) << d.log();
+  EXPECT_THAT(d.log(), HasSubstr("QUOR0021S"));
   EXPECT_EQ(read_file(pid_file(d)), recorded);
 
   TempDir other;
   Daemon::install(other.path());
   EXPECT_EQ(run_to_end(other.path(), d.tev_dir(), {}), 1);
-  std::string log = read_file(other.path() / "quor/log/quordaemon.log");
-  EXPECT_NE(log.find("QUOR0020S"), std::string::npos) << log;
+  EXPECT_THAT(read_file(other.path() / "quor/log/quordaemon.log"), HasSubstr("QUOR0020S"));
   EXPECT_TRUE(d.alive());
 }
 
@@ -108,17 +108,15 @@ TEST(StartUp, CommandLine) {
   Daemon::install(root.path());
   // "-c" without its value stops start-up after the pid file was written.
   EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {"-c"}), 1);
-  std::string log = read_file(root.path() / "quor/log/quordaemon.log");
-  EXPECT_NE(log.find("QUOR0019S"), std::string::npos) << log;
+  const fs::path log = root.path() / "quor/log/quordaemon.log";
+  EXPECT_THAT(read_file(log), HasSubstr("QUOR0019S"));
   EXPECT_TRUE(fs::exists(root.path() / "tmp/quordaemon.pid"));
   // Without an installation root nothing is started.
   EXPECT_EQ(run_to_end({}, root.path() / "tev", {}), 1);
   // Nor without a place for the pid file.
   fs::remove_all(root.path() / "tmp");
   EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}), 1);
-  log = read_file(root.path() / "quor/log/quordaemon.log");
-  EXPECT_NE(log.find("QUOR0106E Cannot create or open " + root.str() + "/tmp/quordaemon.pid"), std::string::npos)
-      << log;
+  EXPECT_THAT(read_file(log), HasSubstr("QUOR0106E Cannot create or open " + root.str() + "/tmp/quordaemon.pid"));
 
   // An unknown argument is reported and skipped; the last -c wins.
   Daemon d(
@@ -127,9 +125,9 @@ TEST(StartUp, CommandLine) {
   // "ALT" is relative to the daemon's working directory; the test names the
   // real path below instead, so here the load fails.
   EXPECT_EQ(d.wait_exit(), 1);
-  EXPECT_NE(d.log().find("QUOR0200T Ignoring unknown command-line argument -x."), std::string::npos) << d.log();
-  EXPECT_NE(d.log().find("-cjoined"), std::string::npos);
-  EXPECT_NE(d.log().find("QUOR0016S Cannot load the configuration ALT"), std::string::npos) << d.log();
+  for (const char* logged : {"QUOR0200T Ignoring unknown command-line argument -x.", "-cjoined",
+                             "QUOR0016S Cannot load the configuration ALT"})
+    EXPECT_THAT(d.log(), HasSubstr(logged));
 
   TempDir other;
   std::string alt = (other.path() / "alt.config").string();
@@ -169,13 +167,13 @@ TEST(Signals, HangupAndInterruptChangeNothingTerminationSignalsEndTheDaemonInOrd
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_TRUE(d.alive()) << strsignal(signo);
     EXPECT_EQ(d.status("B").size(), 6u);
-    EXPECT_EQ(d.log().find("QUOR0008S"), std::string::npos) << d.log();
+    EXPECT_THAT(d.log(), Not(HasSubstr("QUOR0008S")));
 
     auto sent = std::chrono::steady_clock::now();
     ASSERT_EQ(kill(d.pid(), signo), 0);
     EXPECT_EQ(d.wait_exit(), 0) << d.log();
     EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(1800)) << strsignal(signo);
-    EXPECT_NE(d.log().find("QUOR0401I"), std::string::npos) << d.log();
+    EXPECT_THAT(d.log(), HasSubstr("QUOR0401I"));
     EXPECT_FALSE(fs::exists(pid_file(d)));
     EXPECT_EQ(captures(), 0) << "capture file left behind";
   }
@@ -187,7 +185,7 @@ TEST(Signals, AFatalSignalLogsAndExitsWithItsNumberLeavingThePidFile) {
   ASSERT_TRUE(d.wait_ready()) << d.log();
   ASSERT_EQ(kill(d.pid(), SIGSEGV), 0);
   EXPECT_EQ(d.wait_exit(), SIGSEGV) << d.log();
-  EXPECT_NE(d.log().find("QUOR0017S Stopping after fatal signal 11."), std::string::npos) << d.log();
+  EXPECT_THAT(d.log(), HasSubstr("QUOR0017S Stopping after fatal signal 11."));
   EXPECT_TRUE(fs::exists(pid_file(d)));
   EXPECT_FALSE(fs::exists(d.server_socket()));
 }
@@ -201,9 +199,8 @@ TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {
 
   auto [rc, text] = refresh(d.root().str() + "/missing.config");
   EXPECT_EQ(rc, "3");
-  EXPECT_NE(text.find("was not reloaded"), std::string::npos) << text;
-  EXPECT_NE(d.log().find("QUOR0109E Cannot open the configuration file " + d.root().str() + "/missing.config"),
-            std::string::npos);
+  EXPECT_THAT(text, HasSubstr("was not reloaded"));
+  EXPECT_THAT(d.log(), HasSubstr("QUOR0109E Cannot open the configuration file " + d.root().str() + "/missing.config"));
   EXPECT_EQ(d.status("B")[2], before[2]);
   EXPECT_EQ(refresh("").first, "3");
 
@@ -241,13 +238,6 @@ TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
   EXPECT_TRUE(d.alive());
 }
 
-// The daemon's running login programs, once there are any.
-std::vector<pid_t> login_programs(const Daemon& d) {
-  std::vector<pid_t> found;
-  eventually([&] { return !(found = testutil::processes(d.pid(), "quoruserpgm")).empty(); });
-  return found;
-}
-
 // Lets "nobody", the account of the restored users' login programs, reach
 // the installation in `root` (a user whose program could not start would be
 // swept out), and saves `users` there as the daemon's table.
@@ -273,14 +263,15 @@ TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
       },
       {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::vector<pid_t> running = login_programs(d);
+  std::vector<pid_t> running;
+  eventually([&] { return !(running = testutil::processes(d.pid(), "quoruserpgm")).empty(); });
   ASSERT_EQ(running.size(), 1u) << d.output();
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
-  EXPECT_NE(status.find("Uid:\t" + std::to_string(account->pw_uid) + "\t"), std::string::npos) << status;
-  EXPECT_NE(status.find("Gid:\t" + std::to_string(account->pw_gid) + "\t"), std::string::npos) << status;
+  EXPECT_THAT(status, HasSubstr("Uid:\t" + std::to_string(account->pw_uid) + "\t"));
+  EXPECT_THAT(status, HasSubstr("Gid:\t" + std::to_string(account->pw_gid) + "\t"));
   EXPECT_EQ(terminate(d, "K"), 0) << d.output();
   EXPECT_TRUE(testutil::processes(d.pid(), "quoruserpgm").empty());
-  EXPECT_NE(d.output().find("\nquordaemon:  message type KILLALL\n"), std::string::npos) << d.output();
+  EXPECT_THAT(d.output(), HasSubstr("\nquordaemon:  message type KILLALL\n"));
   EXPECT_FALSE(fs::exists(d.server_socket()));
   EXPECT_FALSE(fs::exists(pid_file(d)));
 }
@@ -310,14 +301,6 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   }
 }
 
-// A sealed BRIEFSTATUS request that claims to come from `user` on `node`.
-std::vector<std::uint8_t> status_request_from(const std::string& user, const std::string& node) {
-  return testutil::sealed_request("B", [&](TransactionHeader& h) {
-    h.user = user;
-    h.node = node;
-  });
-}
-
 TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   REQUIRE_ROOT();  // the restored users' login programs run as "nobody"
   std::time_t before = std::time(nullptr) - 100;
@@ -332,12 +315,18 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   std::vector<std::string> full = d.status("F");
   ASSERT_GE(full.size(), 8u);
   EXPECT_EQ(full[4], "    2 users logged into quor\n") << d.output();
-  EXPECT_NE(std::find(full.begin(), full.end(), "    User ann from node far logged in as nobody.\n"), full.end());
+  EXPECT_THAT(full, Contains("    User ann from node far logged in as nobody.\n"));
 
   {
     TevClient client;  // one client per process at a time
-    for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}})
-      ASSERT_EQ(client.call(kServerName, status_request_from(user, node), 5000).rc, 0);
+    for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
+      // A status request that claims to come from `user` on `node`.
+      auto request = testutil::sealed_request("B", [&](TransactionHeader& h) {
+        h.user = user;
+        h.node = node;
+      });
+      ASSERT_EQ(client.call(kServerName, request, 5000).rc, 0);
+    }
   }
   ASSERT_EQ(terminate(d), 0) << d.output();
 
