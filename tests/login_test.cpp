@@ -181,21 +181,18 @@ TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
 TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
   UserEntry& ann = pending("ann");
   ChildEntry& agent = login_agent(ann, [] {});
-  pid_t sender = fork();
-  if (sender == 0) testutil::child_exit(send_report(agent.agent_pid, "root"));
-  ASSERT_EQ(waitpid(sender, nullptr, 0), sender);
+  testutil::Child sender([&] { return send_report(agent.agent_pid, "root"); });
+  std::string sent_by = " sent by process " + std::to_string(sender.pid());
+  ASSERT_EQ(sender.wait(), 0);
   serve();
   EXPECT_EQ(ann.login_name, "");
   EXPECT_EQ(ann.login_pid, 0);
   EXPECT_EQ(quor_child_count(), 1);
   EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
-  EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + " sent by process " + std::to_string(sender)),
-            std::string::npos)
-      << log();
+  EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + sent_by), std::string::npos) << log();
 
-  pid_t stranger = fork();
-  if (stranger == 0) testutil::child_exit(send_report(getpid(), "root"));
-  ASSERT_EQ(waitpid(stranger, nullptr, 0), stranger);
+  testutil::Child stranger([] { return send_report(getpid(), "root"); });
+  ASSERT_EQ(stranger.wait(), 0);
   serve();
   EXPECT_EQ(ann.login_name, "");
   EXPECT_EQ(quor_user_count(), 1);
