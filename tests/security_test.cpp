@@ -1,10 +1,6 @@
 // The security model under attack: the real daemon, the real transport, and
 // the attacker's side run by a real unprivileged process under a throw-away
 // account. Each test is one attack that must fail.
-#include <fcntl.h>
-#include <sys/shm.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cstdlib>
 
@@ -12,9 +8,7 @@
 #include "ctl_commands.h"
 #include "momsg.h"
 #include "quorpnfn.h"
-#include "quoraccess.h"
 #include "quorusers.h"
-#include "tev_wire.h"
 
 using testutil::Probe;
 using testutil::read_file;
