@@ -10,12 +10,9 @@
 #include "momsg.h"
 #include "quoraccess.h"
 #include "quoraccount.h"
-#include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
-#include "quortupgm.h"
 #include "quorusers.h"
-#include "tev.h"
 #include "tev_client.h"
 
 using testutil::EnvGuard;
