@@ -11,7 +11,6 @@
 #include <functional>
 
 #include "core_util.h"
-#include "quoraccess.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
