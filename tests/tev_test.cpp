@@ -125,8 +125,7 @@ TEST_F(Transport, ANameHeldByAnotherProcessIsRefusedAStaleOneTakenOver) {
   ASSERT_EQ(pipe(ready), 0);
   testutil::Child holder([&] {
     Reg r("HELD");
-    char c = r.rc == 0 ? 'y' : 'n';
-    (void)!write(ready[1], &c, 1);
+    (void)!write(ready[1], r.rc == 0 ? "y" : "n", 1);
     pause();
     return 0;
   });
