@@ -148,8 +148,7 @@ class LoginReport : public ::testing::Test {
 // A report from a process the agent started counts as the agent's.
 TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
   UserEntry& ann = pending("ann");
-  ChildEntry& ann_agent = login_agent(ann, [] { send_report(getpid(), "acct"); });
-  pid_t ann_pid = ann_agent.agent_pid;
+  pid_t ann_pid = login_agent(ann, [] { send_report(getpid(), "acct"); }).agent_pid;
   serve();
   EXPECT_EQ(ann.login_name, "acct");
   EXPECT_EQ(ann.group_id, std::to_string(getgid()));
