@@ -271,8 +271,7 @@ TEST_F(Sweep, ProcessesNoTableTracksAreReapedOnceTheyEnd) {
   wait_ended(replaced);
   quor_garbage_collect(0);
   EXPECT_EQ(quor_disowned_count(), 0);
-  EXPECT_FALSE(ours(stubborn));
-  EXPECT_FALSE(ours(replaced));
+  for (pid_t pid : {stubborn, replaced}) EXPECT_FALSE(ours(pid)) << pid;
 }
 
 // A thousand agents, half started and ended (each removing the segment it
