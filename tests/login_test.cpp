@@ -10,12 +10,9 @@
 #include "momsg.h"
 #include "quoraccess.h"
 #include "quoraccount.h"
-#include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
-#include "quortupgm.h"
 #include "quorusers.h"
-#include "tev.h"
 #include "tev_client.h"
 
 using testutil::EnvGuard;
@@ -151,8 +148,7 @@ class LoginReport : public ::testing::Test {
 // A report from a process the agent started counts as the agent's.
 TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
   UserEntry& ann = pending("ann");
-  ChildEntry& ann_agent = login_agent(ann, [] { send_report(getpid(), "acct"); });
-  pid_t ann_pid = ann_agent.agent_pid;
+  pid_t ann_pid = login_agent(ann, [] { send_report(getpid(), "acct"); }).agent_pid;
   serve();
   EXPECT_EQ(ann.login_name, "acct");
   EXPECT_EQ(ann.group_id, std::to_string(getgid()));
@@ -181,21 +177,18 @@ TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
 TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
   UserEntry& ann = pending("ann");
   ChildEntry& agent = login_agent(ann, [] {});
-  pid_t sender = fork();
-  if (sender == 0) testutil::child_exit(send_report(agent.agent_pid, "root"));
-  ASSERT_EQ(waitpid(sender, nullptr, 0), sender);
+  testutil::Child sender([&] { return send_report(agent.agent_pid, "root"); });
+  std::string sent_by = " sent by process " + std::to_string(sender.pid());
+  ASSERT_EQ(sender.wait(), 0);
   serve();
   EXPECT_EQ(ann.login_name, "");
   EXPECT_EQ(ann.login_pid, 0);
   EXPECT_EQ(quor_child_count(), 1);
   EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
-  EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + " sent by process " + std::to_string(sender)),
-            std::string::npos)
-      << log();
+  EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + sent_by), std::string::npos) << log();
 
-  pid_t stranger = fork();
-  if (stranger == 0) testutil::child_exit(send_report(getpid(), "root"));
-  ASSERT_EQ(waitpid(stranger, nullptr, 0), stranger);
+  testutil::Child stranger([] { return send_report(getpid(), "root"); });
+  ASSERT_EQ(stranger.wait(), 0);
   serve();
   EXPECT_EQ(ann.login_name, "");
   EXPECT_EQ(quor_user_count(), 1);

@@ -1,10 +1,6 @@
 // The security model under attack: the real daemon, the real transport, and
 // the attacker's side run by a real unprivileged process under a throw-away
 // account. Each test is one attack that must fail.
-#include <fcntl.h>
-#include <sys/shm.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cstdlib>
 
@@ -12,9 +8,7 @@
 #include "ctl_commands.h"
 #include "momsg.h"
 #include "quorpnfn.h"
-#include "quoraccess.h"
 #include "quorusers.h"
-#include "tev_wire.h"
 
 using testutil::Probe;
 using testutil::read_file;
@@ -32,8 +26,7 @@ class ThrowAway {
   }
   ~ThrowAway() {
     std::string remove = "pkill -KILL -u " + name_ + " >/dev/null 2>&1; userdel " + name_ + " >/dev/null 2>&1";
-    if (ok_ && std::system(remove.c_str()) != 0) {
-    }
+    if (ok_) (void)!std::system(remove.c_str());
   }
   bool ok() const { return ok_ && uid_ != 0; }
   const std::string& name() const { return name_; }
@@ -49,6 +42,7 @@ class Security : public testutil::AgentDaemonTest {
  protected:
   void SetUp() override {
     AgentDaemonTest::SetUp();
+    ASSERT_EQ(pipe(ready_), 0);
     if (geteuid() != 0) GTEST_SKIP() << "needs root: the attacker runs under a throw-away account";
     attacker_ = std::make_unique<ThrowAway>();
     ASSERT_TRUE(attacker_->ok()) << "cannot make a throw-away account";
@@ -56,6 +50,8 @@ class Security : public testutil::AgentDaemonTest {
   void TearDown() override {
     daemon_.reset();  // its programs go before the account does
     attacker_.reset();
+    close(ready_[0]);
+    close(ready_[1]);
   }
 
   // Runs `body` as the attacker: true when it returned 0.
@@ -65,6 +61,7 @@ class Security : public testutil::AgentDaemonTest {
   }
 
   std::unique_ptr<ThrowAway> attacker_;
+  int ready_[2] = {-1, -1};  // where an attacker's child says it is ready
 };
 
 // A pid made free again by the reaping of `pid`, given to a new process that
@@ -84,8 +81,6 @@ pid_t victim_at(pid_t pid) {
   return victim;
 }
 
-bool alive_child(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
-
 // The logon agent asks for a password unless the client already is the
 // account (or root), and refuses root unless its configuration allows it.
 TEST_F(Security, ALoginNeedsThePasswordOfAnAccountTheClientIsNot) {
@@ -99,8 +94,7 @@ TEST_F(Security, ALoginNeedsThePasswordOfAnAccountTheClientIsNot) {
   }));
   testutil::EnvGuard root("MOX_QUORUSER", "root");
   EXPECT_EQ(ctl_login(CtlTarget{}, std::nullopt, false).error, "RC 1: login refused for root");
-  ASSERT_EQ(settle(users(1)),
-            users(1));
+  ASSERT_EQ(settle(users(1)), users(1));
   std::ofstream(daemon_->root().path() / "quor/etc/quorlogon.config") << "ALLOW_ROOT_LOGIN: 1\n";
   EXPECT_EQ(ctl_login(CtlTarget{}, std::nullopt, false).status, kCtlOk);
 }
@@ -115,9 +109,8 @@ TEST_F(Security, OnlyRootControlsTheDaemonAndOnlyRootsFilesAreRead) {
   EXPECT_TRUE(as_attacker([&] {
     for (std::string type : {"T", "K", "C"}) {
       TevClient client;
-      if (error_text(client.call(kServerName, testutil::sealed_request(type), 3000)).find("only root") ==
-          std::string::npos)
-        return 1;
+      TevCallResult r = client.call(kServerName, testutil::sealed_request(type), 3000);
+      if (error_text(r).find("only root") == std::string::npos) return 1;
     }
     return ctl_refresh(CtlTarget{}, planted.string(), false).error == "refresh failed with RC 1" ? 0 : 2;
   }));
@@ -205,8 +198,6 @@ TEST_F(Security, ASessionServesOnlyTheClientThatLoggedIn) {
 // but root's names are not: the daemon starts regardless, and a password
 // never goes to the impostor.
 TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
   uid_t uid = attacker_->uid();
   std::string dir;
   // The impostor counts what reaches it for three seconds.
@@ -218,7 +209,7 @@ TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
     id.set_app_name(kServerName);
     TevFeedback fb;
     bool registered = become && TevInit(fb, id, kTevModeNormal) == 0;
-    (void)!write(ready[1], registered ? "y" : "n", 1);
+    (void)!write(ready_[1], registered ? "y" : "n", 1);
     if (!registered) return 125;
     std::array<char, 65536> buf;
     TevIdentity from;
@@ -230,7 +221,7 @@ TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
     dir = (root / "tev").string();
     squatter = std::make_unique<testutil::Child>(impostor);
     char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    ASSERT_EQ(read(ready_[0], &c, 1), 1);
     ASSERT_EQ(c, 'y') << "the impostor could not register";
   });
   ASSERT_TRUE(fs::exists(daemon_->server_socket())) << "the daemon did not get its name";
@@ -239,8 +230,6 @@ TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
   testutil::EnvGuard user("MOX_QUORUSER", "nobody");
   EXPECT_EQ(ctl_login(CtlTarget{}, std::string("secret"), false).status, kCtlNotRunning);
   EXPECT_EQ(squatter->wait(), 0) << "the password reached the impostor";
-  close(ready[0]);
-  close(ready[1]);
 }
 
 // An agent has its own standard error, write-only, no descriptor of the
@@ -274,7 +263,7 @@ TEST_F(Security, AReapedPidIsNeverSignalled) {
   pid_t victim = victim_at(login->pid);
   if (victim < 0) GTEST_SKIP() << "the reaped pid could not be given to a victim";
   EXPECT_EQ(settle(users(0)), users(0));
-  EXPECT_TRUE(alive_child(victim)) << "the logoff's sweep signalled a reaped pid";
+  EXPECT_EQ(waitpid(victim, nullptr, WNOHANG), 0) << "the logoff's sweep signalled a reaped pid";
   kill(victim, SIGKILL);
   waitpid(victim, nullptr, 0);
 }
@@ -301,9 +290,8 @@ TEST_F(Security, UnfinishedRequestsAreBoundedAndASecondLoginIsRefused) {
   EXPECT_TRUE(daemon_->alive());
   testutil::EnvGuard user("MOX_QUORUSER", "somebody");
   request("L", "LOGON", "SLEEP5", false);
-  EXPECT_EQ(error_text(request("L", "LOGON", "SLEEP5", true)), "1 A login for user somebody from " +
-                                                                    std::string(mo_nodename()) +
-                                                                    " is already in progress.");
+  std::string refusal = "1 A login for user somebody from " + std::string(mo_nodename()) + " is already in progress.";
+  EXPECT_EQ(error_text(request("L", "LOGON", "SLEEP5", true)), refusal);
   EXPECT_TRUE(daemon_->alive());
 }
 
@@ -320,25 +308,21 @@ TEST_F(Security, ClientsThatNeverReadOrAnswerDoNotHoldTheDaemon) {
   });
   // One client asks for the full report and never answers its partial
   // replies; another sends requests and never reads the replies.
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
   uid_t uid = attacker_->uid();
   auto stall = [&](const char* type, int count) {
     return [&, type, count] {
       if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(uid) != 0) return 126;
       TevClient client;
       for (int i = 0; i < count; ++i) client.call(kServerName, testutil::sealed_request(type), 0, false);
-      (void)!write(ready[1], "y", 1);
+      (void)!write(ready_[1], "y", 1);
       sleep(30);
       return 0;
     };
   };
   testutil::Child unanswered(stall("F", 1)), unread(stall("B", 40));
   char c[2] = {};
-  ASSERT_EQ(read(ready[0], &c[0], 1) + read(ready[0], &c[1], 1), 2);
+  ASSERT_EQ(read(ready_[0], &c[0], 1) + read(ready_[0], &c[1], 1), 2);
   EXPECT_EQ(daemon_->status("B").size(), 6u) << "the daemon was held up";
-  close(ready[0]);
-  close(ready[1]);
 }
 
 // A flood of bad messages writes a bounded number of log lines and says how
@@ -362,9 +346,8 @@ TEST_F(Security, BadMessagesDoNotFloodTheLog) {
   std::size_t lines = 0;
   for (std::size_t at = log.find("QUOR0008S"); at != std::string::npos; at = log.find("QUOR0008S", at + 1)) ++lines;
   EXPECT_EQ(lines, static_cast<std::size_t>(kMoLogBurst));
-  EXPECT_NE(log.find("QUOR0308E Left out of the log: " + std::to_string(180 - lost) + " more of message 8"),
-            std::string::npos)
-      << log;
+  std::string left_out = "QUOR0308E Left out of the log: " + std::to_string(180 - lost) + " more of message 8";
+  EXPECT_NE(log.find(left_out), std::string::npos) << log;
 }
 
 // The dump file is never written through a link somebody planted.

@@ -11,7 +11,6 @@
 #include <functional>
 
 #include "core_util.h"
-#include "quoraccess.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
@@ -32,6 +31,11 @@ void wait_ended(pid_t pid) {
 bool ours(pid_t pid) {
   siginfo_t info{};
   return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+bool segment_exists(int shm) {
+  shmid_ds ds{};
+  return shmctl(shm, IPC_STAT, &ds) == 0;
 }
 
 // Whether a byte arrives on `fd` within `ms` milliseconds (it is read).
@@ -167,8 +171,7 @@ TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
   EXPECT_FALSE(has_agent(marked));
   EXPECT_FALSE(ours(marked));
   EXPECT_FALSE(has_agent(-1));
-  shmid_ds ds{};
-  EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment of a failed start was left behind";
+  EXPECT_FALSE(segment_exists(shm)) << "the segment of a failed start was left behind";
   EXPECT_TRUE(has_agent(0));
   EXPECT_EQ(quor_child_count(), 2);
 }
@@ -268,8 +271,7 @@ TEST_F(Sweep, ProcessesNoTableTracksAreReapedOnceTheyEnd) {
   wait_ended(replaced);
   quor_garbage_collect(0);
   EXPECT_EQ(quor_disowned_count(), 0);
-  EXPECT_FALSE(ours(stubborn));
-  EXPECT_FALSE(ours(replaced));
+  for (pid_t pid : {stubborn, replaced}) EXPECT_FALSE(ours(pid)) << pid;
 }
 
 // A thousand agents, half started and ended (each removing the segment it
@@ -295,19 +297,13 @@ TEST_F(Sweep, AThousandAgentsLeaveNothingBehind) {
   siginfo_t info{};
   EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), -1) << "a child process is left";
   int left = 0;
-  for (int shm : segments) {
-    shmid_ds ds{};
-    if (shmctl(shm, IPC_STAT, &ds) == 0) {
+  for (int shm : segments)
+    if (segment_exists(shm)) {
       ++left;
       shmctl(shm, IPC_RMID, nullptr);
     }
-  }
   EXPECT_EQ(left, 0) << "shared memory segments left behind";
 }
-
-}  // namespace
-
-namespace {
 
 // A transaction whose next buffer does not come within the expiry, and a
 // login agent that ended without its report, are dropped with what they
@@ -326,8 +322,7 @@ TEST_F(Sweep, UnfinishedTransactionsExpire) {
   quor_garbage_collect(0);
 
   EXPECT_EQ(quor_child_count(), 1) << "only the recent transaction stays";
-  shmid_ds ds{};
-  EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment stayed";
+  EXPECT_FALSE(segment_exists(shm)) << "the segment stayed";
   EXPECT_FALSE(has_user("pending"));
 }
 
@@ -342,8 +337,7 @@ TEST_F(Sweep, AnAbnormalShutdownDropsTransactionsWithoutAnAgent) {
   quor_abnormal_shutdown(quor_registration(), false);
   EXPECT_EQ(quor_child_count(), 1);
   EXPECT_TRUE(has_agent(running));
-  shmid_ds ds{};
-  EXPECT_EQ(shmctl(shm, IPC_STAT, &ds), -1) << "the segment stayed";
+  EXPECT_FALSE(segment_exists(shm)) << "the segment stayed";
 }
 
 // A kill-all stops agents that ignore SIGTERM with SIGKILL, and never
