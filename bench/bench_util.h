@@ -126,6 +126,18 @@ class StatusClient {
   std::uint32_t conversation_ = 0;
 };
 
+// A scratch installation root "/tmp/quor<NAME>.XXXXXX" with the directories
+// the daemon uses; its transport and temporary directories are open to the
+// accounts agents run as, as the transport makes them.
+inline fs::path scratch_root(const std::string& name) {
+  std::string pattern = "/tmp/quor" + name + ".XXXXXX";
+  fs::path root = mkdtemp(pattern.data());
+  fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
+  for (auto d : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log"}) fs::create_directories(root / d);
+  for (auto d : {"tev", "tmp"}) fs::permissions(root / d, fs::perms::all | fs::perms::sticky_bit);
+  return root;
+}
+
 // ---------------------------------------------------------------------------
 // Baseline: a request of `request_size` bytes answered by `reply_size` bytes
 // between two processes over AF_UNIX datagram sockets.

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "quortev.h"
 #include "quortran.h"
 #include "quortrl.h"
@@ -70,10 +71,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "launch_bench: skipped, needs root (agents are started as another account)\n");
     return 0;
   }
-  char pattern[] = "/tmp/quorlaunch.XXXXXX";
-  fs::path root = mkdtemp(pattern);
-  fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-  for (auto d : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log"}) fs::create_directories(root / d);
+  fs::path root = bench::scratch_root("launch");
   std::ofstream(root / "quor/etc/quor.config") << "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n";
   std::ofstream(root / "quor/etc/quorobj.map") << "NULL quornull\nLOGON quornull\n";
   std::ofstream(root / "quor/etc/quorlang.map") << "DEFAULT english\n";

@@ -281,11 +281,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "scale_bench: skipped, needs root (the daemon starts programs as another account)\n");
     return 0;
   }
-  char pattern[] = "/tmp/quorscale.XXXXXX";
-  fs::path root = mkdtemp(pattern);
-  fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-  for (auto d : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log"}) fs::create_directories(root / d);
-  for (auto d : {"tev", "tmp"}) fs::permissions(root / d, fs::perms::all | fs::perms::sticky_bit);
+  fs::path root = bench::scratch_root("scale");
   std::ofstream(root / "quor/etc/quorobj.map") << "WAIT quornull\n";
   std::ofstream(root / "quor/etc/quorlang.map") << "DEFAULT english\n";
   fs::copy_file(QUORNULL_PATH, root / "quor/bin/quornull");

@@ -123,11 +123,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "table_run_bench: skipped, needs root (agents are started as another account)\n");
     return 0;
   }
-  char pattern[] = "/tmp/quortable.XXXXXX";
-  fs::path root = mkdtemp(pattern);
-  fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-  for (auto d : {"tev", "tmp", "quor/etc", "quor/bin", "quor/log"}) fs::create_directories(root / d);
-  for (auto d : {"tev", "tmp"}) fs::permissions(root / d, fs::perms::all | fs::perms::sticky_bit);
+  fs::path root = bench::scratch_root("table");
   std::ofstream(root / "quor/etc/quor.config") << "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n";
   std::ofstream(root / "quor/etc/quorobj.map") << "SINK quorsink\n";
   std::ofstream(root / "quor/etc/quorlang.map") << "DEFAULT english\n";
