@@ -16,34 +16,21 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// An account made for the test and removed with every process it ran; its
-// uid stays 0 when it could not be made.
-struct ThrowAway {
-  std::string name = "qatk" + std::to_string(getpid() % 100000);
-  uid_t uid = 0;
-  ThrowAway() {
-    std::string add = "useradd -M -N -r -s /usr/sbin/nologin -d /nonexistent " + name + " >/dev/null 2>&1";
-    const passwd* pw = std::system(add.c_str()) == 0 ? getpwnam(name.c_str()) : nullptr;
-    if (pw != nullptr) uid = pw->pw_uid;
-  }
-  ~ThrowAway() {
-    std::string remove = "pkill -KILL -u " + name + " >/dev/null 2>&1; userdel " + name + " >/dev/null 2>&1";
-    if (uid != 0) (void)!std::system(remove.c_str());
-  }
-};
-
 class Security : public testutil::AgentDaemonTest {
  protected:
   void SetUp() override {
     AgentDaemonTest::SetUp();
     ASSERT_EQ(pipe(ready_), 0);
     if (geteuid() != 0) GTEST_SKIP() << "needs root: the attacker runs under a throw-away account";
-    attacker_ = std::make_unique<ThrowAway>();
-    ASSERT_NE(attacker_->uid, 0u) << "cannot make a throw-away account";
+    std::string add = "useradd -M -N -r -s /usr/sbin/nologin -d /nonexistent " + attacker_ + " >/dev/null 2>&1";
+    const passwd* pw = std::system(add.c_str()) == 0 ? getpwnam(attacker_.c_str()) : nullptr;
+    ASSERT_NE(pw, nullptr) << "cannot make a throw-away account";
+    uid_ = pw->pw_uid;
   }
   void TearDown() override {
     daemon_.reset();  // its programs go before the account does
-    attacker_.reset();
+    std::string remove = "pkill -KILL -u " + attacker_ + " >/dev/null 2>&1; userdel " + attacker_ + " >/dev/null 2>&1";
+    if (uid_ != 0) (void)!std::system(remove.c_str());
     close(ready_[0]);
     close(ready_[1]);
   }
@@ -51,10 +38,14 @@ class Security : public testutil::AgentDaemonTest {
   // Runs `body` as the attacker: its result (0 when all went as it should).
   template <class F>
   int as_attacker(F body) {
-    return testutil::run_as(attacker_->name, body);
+    return testutil::run_as(attacker_, body);
   }
+  // Makes this (forked) process the attacker.
+  bool become_attacker() const { return setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(uid_) == 0; }
 
-  std::unique_ptr<ThrowAway> attacker_;
+  // An account made for the test and removed with every process it ran.
+  std::string attacker_ = "qatk" + std::to_string(getpid() % 100000);
+  uid_t uid_ = 0;
   int ready_[2] = {-1, -1};  // where an attacker's child says it is ready
 };
 
@@ -65,7 +56,6 @@ class Security : public testutil::AgentDaemonTest {
 // session cannot report a login, least of all root's.
 TEST_F(Security, ASessionIsItsOwnersAndALoginNeedsThePasswordOfAnotherAccount) {
   start("LOGIN_REQUIRED: 1\n", "LOGON quorlogon\nMOUTIL quorutil\nPROBE quorprobe\n");
-  std::string self = attacker_->name;
   {
     testutil::EnvGuard victim("MOX_QUORUSER", "nobody");
     ASSERT_EQ(ctl_login(CtlTarget{}, std::nullopt, false).status, kCtlOk);
@@ -84,7 +74,7 @@ TEST_F(Security, ASessionIsItsOwnersAndALoginNeedsThePasswordOfAnotherAccount) {
     if (ctl_logoff(CtlTarget{}, false).status != kCtlDaemonError) return 2;
     testutil::EnvGuard claim("MOX_QUORUSER", "daemon");
     if (ctl_login(CtlTarget{}, std::nullopt, false).error != "RC 1: login refused for daemon") return 3;
-    testutil::EnvGuard own("MOX_QUORUSER", self);
+    testutil::EnvGuard own("MOX_QUORUSER", attacker_);
     if (ctl_login(CtlTarget{}, std::nullopt, false).status != kCtlOk) return 4;
     request("S", "PROBE", "LOGININFO:root", false);
     return 0;
@@ -93,8 +83,8 @@ TEST_F(Security, ASessionIsItsOwnersAndALoginNeedsThePasswordOfAnotherAccount) {
   EXPECT_EQ(ctl_util(CtlTarget{}, {"id -un"}, false).out, "nobody\n");
   EXPECT_TRUE(logged("QUOR0309E"));
   std::vector<std::string> full = daemon_->status("F");
-  std::string line = "    User " + self + " from node " + mo_nodename() + " logged in as ";
-  EXPECT_EQ(std::count(full.begin(), full.end(), line + self + ".\n"), 1);
+  std::string line = "    User " + attacker_ + " from node " + mo_nodename() + " logged in as ";
+  EXPECT_EQ(std::count(full.begin(), full.end(), line + attacker_ + ".\n"), 1);
   EXPECT_EQ(std::count(full.begin(), full.end(), line + "root.\n"), 0);
 }
 
@@ -111,7 +101,7 @@ TEST_F(Security, OnlyRootControlsTheDaemonAndNoClientFloodsTheLog) {
   start("LOGIN_REQUIRED: 1\n", "PROBE quorprobe\n", {}, {{"MOXQUORDUMP", dumps.str()}});
   fs::path planted = daemon_->root().path() / "planted.config";
   std::ofstream(planted) << "OBJECT_MAP_FILE: " << (daemon_->root().path() / "planted.map").string() << "\n";
-  ASSERT_EQ(chown(planted.c_str(), attacker_->uid, 0), 0);
+  ASSERT_EQ(chown(planted.c_str(), uid_, 0), 0);
   EXPECT_EQ(as_attacker([&] {
     for (std::string type : {"T", "K", "C"}) {
       TevClient client;
@@ -227,11 +217,10 @@ TEST_F(Security, AgentsStartOnlyForTheirTypeWithNothingOfTheDaemonsAndInBoundedN
 // but root's names are not: the daemon starts regardless, and a password
 // never goes to the impostor.
 TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
-  uid_t uid = attacker_->uid;
   std::string dir;
   // The impostor counts what reaches it for three seconds.
   auto impostor = [&] {
-    bool become = setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(uid) == 0;
+    bool become = become_attacker();
     setenv("TEV_DIR", dir.c_str(), 1);
     mkdir((dir + "/root").c_str(), 0777);  // a "root" directory of its own, too
     TevIdentity id;
@@ -294,10 +283,9 @@ TEST_F(Security, ClientsThatNeverReadOrAnswerDoNotHoldTheDaemon) {
   });
   // One client asks for the full report and never answers its partial
   // replies; another sends requests and never reads the replies.
-  uid_t uid = attacker_->uid;
   auto stall = [&](const char* type, int count) {
     return [&, type, count] {
-      if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(uid) != 0) return 126;
+      if (!become_attacker()) return 126;
       TevClient client;
       for (int i = 0; i < count; ++i) client.call(kServerName, testutil::sealed_request(type), 0, false);
       (void)!write(ready_[1], "y", 1);
