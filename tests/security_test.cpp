@@ -90,15 +90,24 @@ TEST_F(Security, ASessionIsItsOwnersAndALoginNeedsThePasswordOfAnotherAccount) {
 
 // Nobody but root stops, refreshes or sweeps the daemon; root's refresh
 // reads only a regular file of root's, at once. The dump file is never
-// written through a link somebody planted. A flood of bad messages writes a
-// bounded number of log lines and says how many it left out.
-TEST_F(Security, OnlyRootControlsTheDaemonAndNoClientFloodsTheLog) {
+// written through a link somebody planted. Clients that never read their
+// replies or never answer a partial reply do not keep the daemon from
+// serving others. A flood of bad messages writes a bounded number of log
+// lines and says how many it left out.
+TEST_F(Security, OnlyRootControlsTheDaemonAndNoClientHoldsItOrFloodsTheLog) {
   testutil::TempDir dumps;
   fs::permissions(dumps.path(), fs::perms::all | fs::perms::sticky_bit);
   fs::path target = dumps.path() / "precious";
   std::ofstream(target) << "keep\n";
   ASSERT_EQ(as_attacker([&] { return symlink(target.c_str(), (dumps.path() / "quordump.out").c_str()); }), 0);
-  start("LOGIN_REQUIRED: 1\n", "PROBE quorprobe\n", {}, {{"MOXQUORDUMP", dumps.str()}});
+  start("LOGIN_REQUIRED: 1\n", "PROBE quorprobe\n", [](const fs::path& root) {
+    testutil::EnvGuard env("MOXGLBL0000", root.string());
+    for (int i = 0; i < 150; ++i)  // a full report of several buffers
+      quor_user_new() = UserEntry{"user" + std::to_string(i), std::string(200, 'n'), "nobody", "65534",
+                                  std::time(nullptr), 0, {}};
+    ASSERT_EQ(quor_users_save(), 0);
+    quor_users().clear();
+  }, {{"MOXQUORDUMP", dumps.str()}});
   fs::path planted = daemon_->root().path() / "planted.config";
   std::ofstream(planted) << "OBJECT_MAP_FILE: " << (daemon_->root().path() / "planted.map").string() << "\n";
   ASSERT_EQ(chown(planted.c_str(), uid_, 0), 0);
@@ -117,6 +126,25 @@ TEST_F(Security, OnlyRootControlsTheDaemonAndNoClientFloodsTheLog) {
   EXPECT_TRUE(logged("/dev/zero: not a regular file"));
   EXPECT_EQ(read_file(target), "keep\n");
   EXPECT_NE(read_file(dumps.path() / "quordump.out").find("Entering DumpBuffer"), std::string::npos);
+
+  {
+    // One client asks for the full report and never answers its partial
+    // replies; another sends requests and never reads the replies.
+    auto stall = [&](const char* type, int count) {
+      return [&, type, count] {
+        if (!become_attacker()) return 126;
+        TevClient client;
+        for (int i = 0; i < count; ++i) client.call(kServerName, testutil::sealed_request(type), 0, false);
+        (void)!write(ready_[1], "y", 1);
+        sleep(30);
+        return 0;
+      };
+    };
+    testutil::Child unanswered(stall("F", 1)), unread(stall("B", 40));
+    char c[2] = {};
+    ASSERT_EQ(read(ready_[0], &c[0], 1) + read(ready_[0], &c[1], 1), 2);
+    EXPECT_EQ(daemon_->status("B").size(), 6u) << "the daemon was held up";
+  }
 
   // The daemon's queue holds a few datagrams: on a loaded machine a send may
   // wait out its time-out and be lost. The attacker says how many were.
@@ -268,35 +296,6 @@ TEST_F(Security, AReapedPidIsNeverSignalled) {
   if (victim.pid() != login->pid) GTEST_SKIP() << "the reaped pid could not be given to a victim";
   EXPECT_EQ(settle(users(0)), users(0));
   EXPECT_EQ(waitpid(victim.pid(), nullptr, WNOHANG), 0) << "the logoff's sweep signalled a reaped pid";
-}
-
-// Stalls: clients that never read their replies or never answer a partial
-// reply do not keep the daemon from serving others.
-TEST_F(Security, ClientsThatNeverReadOrAnswerDoNotHoldTheDaemon) {
-  start("LOGIN_REQUIRED: 1\n", "PROBE quorprobe\n", [](const fs::path& root) {
-    testutil::EnvGuard env("MOXGLBL0000", root.string());
-    for (int i = 0; i < 150; ++i)  // a full report of several buffers
-      quor_user_new() = UserEntry{"user" + std::to_string(i), std::string(200, 'n'), "nobody", "65534",
-                                  std::time(nullptr), 0, {}};
-    ASSERT_EQ(quor_users_save(), 0);
-    quor_users().clear();
-  });
-  // One client asks for the full report and never answers its partial
-  // replies; another sends requests and never reads the replies.
-  auto stall = [&](const char* type, int count) {
-    return [&, type, count] {
-      if (!become_attacker()) return 126;
-      TevClient client;
-      for (int i = 0; i < count; ++i) client.call(kServerName, testutil::sealed_request(type), 0, false);
-      (void)!write(ready_[1], "y", 1);
-      sleep(30);
-      return 0;
-    };
-  };
-  testutil::Child unanswered(stall("F", 1)), unread(stall("B", 40));
-  char c[2] = {};
-  ASSERT_EQ(read(ready_[0], &c[0], 1) + read(ready_[0], &c[1], 1), 2);
-  EXPECT_EQ(daemon_->status("B").size(), 6u) << "the daemon was held up";
 }
 
 }  // namespace
