@@ -211,7 +211,8 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
   EXPECT_THAT(status, HasSubstr("Uid:\t" + std::to_string(nobody->pw_uid) + "\t"));
   EXPECT_THAT(status, HasSubstr("Gid:\t" + std::to_string(nobody->pw_gid) + "\t"));
   EXPECT_EQ(terminate(d, "K"), 0) << d.output();
-  EXPECT_TRUE(processes(d.pid(), "quoruserpgm").empty());
+  EXPECT_TRUE(eventually([&] { return processes(0, {}, false, (d.root().path() / "quor/bin/").string()).empty(); }))
+      << "a login program outlived the daemon";
   EXPECT_THAT(d.output(), HasSubstr("\nquordaemon:  message type KILLALL\n"));
   EXPECT_FALSE(fs::exists(d.server_socket()));
   EXPECT_FALSE(fs::exists(pid_file(d)));
@@ -235,6 +236,7 @@ TEST(AbnormalShutdown, AfterARequestThatCouldNotBeServed) {
     put_segment(out, "ZZZCMD", {"echo never"});
   });
   EXPECT_EQ(rc, "1");
+  EXPECT_THAT(text, HasSubstr("ran out of memory"));
   EXPECT_EQ(d.wait_exit(), 1) << d.log();
   EXPECT_THAT(d.log(), HasSubstr("QUOR0201"));
   EXPECT_FALSE(fs::exists(d.server_socket()));
