@@ -250,12 +250,9 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   std::string name = me->pw_name;
   auto start = [](std::vector<std::string> args) { return exec_child(QUORUSERPGM_PATH, args); };
   auto held = start({name, "pc7", "0"});
-  // Ready once it blocks SIGTERM to wait for it.
-  eventually([&] {
-    std::string status = read_file("/proc/" + std::to_string(held->pid()) + "/status");
-    std::size_t at = status.find("SigBlk:\t");
-    return at != std::string::npos && (std::stoull(status.substr(at + 8, 16), nullptr, 16) & (1ULL << (SIGTERM - 1)));
-  }, std::chrono::seconds(5));
+  // Ready once it waits for SIGTERM (which it has blocked to take it there).
+  std::string wchan = "/proc/" + std::to_string(held->pid()) + "/wchan";
+  eventually([&] { return read_file(wchan).starts_with("do_sigtimedwait"); }, std::chrono::seconds(5));
   EXPECT_EQ(waitpid(held->pid(), nullptr, WNOHANG), 0) << "ended without being told";
   kill(held->pid(), SIGTERM);
   EXPECT_EQ(held->wait(), 0);
