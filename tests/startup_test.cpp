@@ -1,33 +1,17 @@
 // Start-up, shutdown, signals and the refresh request of the real daemon in
 // a temporary installation root, through the real transport.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <pwd.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <map>
-#include <string>
-#include <thread>
-
-#include "daemon_util.h"
-#include "forked_server.h"
+#include "agent_fixture.h"
 #include "momsg.h"
 #include "quorusers.h"
 
-using testutil::Daemon;
-using testutil::eventually;
-using testutil::read_file;
-using testutil::TempDir;
-using testutil::write_file;
+using namespace testutil;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::Not;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -36,53 +20,29 @@ fs::path pid_file(const Daemon& d) { return d.root().path() / "tmp/quordaemon.pi
 // Runs the daemon binary to its end in `root` (none when empty; debug mode,
 // so it does not detach) and returns its exit status.
 int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::string> args) {
-  return testutil::exec_child(QUORDAEMON_PATH, args,
-                              {root.empty() ? "MOXGLBL0000" : "MOXGLBL0000=" + root.string(),
-                               "TEV_DIR=" + tev_dir.string(), "MOXQUORDEBUG=1"})
+  return exec_child(QUORDAEMON_PATH, args,
+                    {root.empty() ? "MOXGLBL0000" : "MOXGLBL0000=" + root.string(), "TEV_DIR=" + tev_dir.string(),
+                     "MOXQUORDEBUG=1"})
       ->wait();
 }
 
-// Sends REFRESH, with a "ZZZFIL" segment naming `path` when given, and
-// returns the reply's "RC" and "RM" values.
-std::pair<std::string, std::string> refresh(std::optional<std::string> path) {
+// Sends a request of `type` with the segments `segments` writes (its header
+// first changed by `adjust`), and returns the last reply's "RC" and "RM".
+std::pair<std::string, std::string> call(std::string_view type, const std::function<void(OutBuf&)>& segments,
+                                         const std::function<void(TransactionHeader&)>& adjust = {}) {
   TevClient client;
-  TevCallResult r = client.call(kServerName, testutil::sealed_request("R", {}, [&](OutBuf& out) {
-                                  if (path) testutil::put_segment(out, "ZZZFIL", {*path});
-                                }), 5000);
+  TevCallResult r = client.call(kServerName, sealed_request(type, adjust, segments), 5000);
   if (r.rc != 0 || r.replies.empty()) return {"no reply", ""};
   std::vector<std::string> ret = Daemon::reply_items(r.replies.back().payload, "ZZZRET");
   if (ret.size() != 4) return {"bad reply", ""};
   return {ret[1], ret[3]};
 }
 
-#define REQUIRE_ROOT() \
-  if (geteuid() != 0) GTEST_SKIP() << "needs root: the daemon detaches only as root"
-
 // Sends TERMINATE (or KILLALL) and returns the daemon's exit status.
 int terminate(Daemon& d, std::string_view type = "T") {
   TevClient client;
   client.call(kServerName, Daemon::request(type), 0, false);
   return d.wait_exit();
-}
-
-// A second daemon stops with status 1 while the first is alive: with
-// message 21 in the same installation (the pid file is left alone), with
-// message 20 from another installation that wants the same server name.
-TEST(StartUp, ASecondStartWhileTheFirstIsAliveStopsWithMessage21Or20) {
-  Daemon d;
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::string recorded = read_file(pid_file(d));
-  EXPECT_EQ(recorded, std::to_string(d.pid()) + "\n");
-
-  EXPECT_EQ(run_to_end(d.root().path(), d.tev_dir(), {}), 1);
-  EXPECT_THAT(d.log(), HasSubstr("QUOR0021S"));
-  EXPECT_EQ(read_file(pid_file(d)), recorded);
-
-  TempDir other;
-  Daemon::install(other.path());
-  EXPECT_EQ(run_to_end(other.path(), d.tev_dir(), {}), 1);
-  EXPECT_THAT(read_file(other.path() / "quor/log/quordaemon.log"), HasSubstr("QUOR0020S"));
-  EXPECT_TRUE(d.alive());
 }
 
 TEST(StartUp, APidFileNamingNoLiveProcessDoesNotBlock) {
@@ -118,19 +78,15 @@ TEST(StartUp, CommandLine) {
   EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}), 1);
   EXPECT_THAT(read_file(log), HasSubstr("QUOR0106E Cannot create or open " + root.str() + "/tmp/quordaemon.pid"));
 
-  // An unknown argument is reported and skipped; the last -c wins.
-  Daemon d(
-      [](const fs::path& r) { write_file(r / "alt.config", "TRANSACTION_TIMEOUT: 5\n"); },
-      {"-x", "-c", "/nonexistent", "-cjoined", "-c", "ALT"});
-  // "ALT" is relative to the daemon's working directory; the test names the
-  // real path below instead, so here the load fails.
+  // An unknown argument is reported and skipped; the last -c wins. "ALT"
+  // is relative to the daemon's working directory, so its load fails.
+  Daemon d({"-x", "-c", "/nonexistent", "-cjoined", "-c", "ALT"});
   EXPECT_EQ(d.wait_exit(), 1);
   for (const char* logged : {"QUOR0200T Ignoring unknown command-line argument -x.", "-cjoined",
                              "QUOR0016S Cannot load the configuration ALT"})
     EXPECT_THAT(d.log(), HasSubstr(logged));
 
-  TempDir other;
-  std::string alt = (other.path() / "alt.config").string();
+  std::string alt = (root.path() / "alt.config").string();
   write_file(alt, "TRANSACTION_TIMEOUT: 5\n");
   Daemon good({"-x", "-c", alt});
   ASSERT_TRUE(good.wait_ready()) << good.log();
@@ -148,11 +104,20 @@ TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
   EXPECT_NE(client.call(kServerName, Daemon::request("B"), 300).rc, 0) << "answered while spinning";
 }
 
-// Hang-up, interrupt and SIGUSR2 change nothing; SIGTERM and SIGQUIT end a
-// waiting daemon at once and in order.
-TEST(Signals, HangupAndInterruptChangeNothingTerminationSignalsEndTheDaemonInOrder) {
+// Hang-up, interrupt and SIGUSR2 change nothing. SIGTERM and SIGQUIT end a
+// waiting daemon at once and in order; a fatal signal is logged and ends it
+// with its number, leaving the pid file and the standard error capture.
+TEST(Signals, OnlyTerminationAndFatalSignalsEndTheDaemon) {
   REQUIRE_ROOT();
-  for (int signo : {SIGTERM, SIGQUIT}) {
+  struct Case {
+    int signo;
+    int status;
+    const char* logged;
+    bool files_left;
+  };
+  for (Case c : {Case{SIGTERM, 0, "QUOR0401I", false}, Case{SIGQUIT, 0, "QUOR0401I", false},
+                 Case{SIGSEGV, SIGSEGV, "QUOR0017S Stopping after fatal signal 11.", true}}) {
+    SCOPED_TRACE(strsignal(c.signo));
     Daemon d({}, /*debug=*/false);
     ASSERT_TRUE(d.wait_ready()) << d.log();
     // Standard error is captured in an unpredictable file under TMPDIR.
@@ -165,130 +130,129 @@ TEST(Signals, HangupAndInterruptChangeNothingTerminationSignalsEndTheDaemonInOrd
     EXPECT_EQ(captures(), 1);
     for (int ignored : {SIGHUP, SIGINT, SIGUSR2}) ASSERT_EQ(kill(d.pid(), ignored), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_TRUE(d.alive()) << strsignal(signo);
     EXPECT_EQ(d.status("B").size(), 6u);
     EXPECT_THAT(d.log(), Not(HasSubstr("QUOR0008S")));
 
     auto sent = std::chrono::steady_clock::now();
-    ASSERT_EQ(kill(d.pid(), signo), 0);
-    EXPECT_EQ(d.wait_exit(), 0) << d.log();
-    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(1800)) << strsignal(signo);
-    EXPECT_THAT(d.log(), HasSubstr("QUOR0401I"));
-    EXPECT_FALSE(fs::exists(pid_file(d)));
-    EXPECT_EQ(captures(), 0) << "capture file left behind";
+    ASSERT_EQ(kill(d.pid(), c.signo), 0);
+    EXPECT_EQ(d.wait_exit(), c.status) << d.log();
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(1800));
+    EXPECT_THAT(d.log(), HasSubstr(c.logged));
+    EXPECT_EQ(fs::exists(pid_file(d)), c.files_left);
+    EXPECT_EQ(captures(), c.files_left ? 1 : 0);
+    EXPECT_FALSE(fs::exists(d.server_socket()));
   }
 }
 
-TEST(Signals, AFatalSignalLogsAndExitsWithItsNumberLeavingThePidFile) {
-  REQUIRE_ROOT();
-  Daemon d({}, /*debug=*/false);
-  ASSERT_TRUE(d.wait_ready()) << d.log();
-  ASSERT_EQ(kill(d.pid(), SIGSEGV), 0);
-  EXPECT_EQ(d.wait_exit(), SIGSEGV) << d.log();
-  EXPECT_THAT(d.log(), HasSubstr("QUOR0017S Stopping after fatal signal 11."));
-  EXPECT_TRUE(fs::exists(pid_file(d)));
-  EXPECT_FALSE(fs::exists(d.server_socket()));
-}
-
-TEST(Refresh, ReloadsFromTheNamedOrDefaultFileAndReportsTheResult) {
-  Daemon d;
+// One daemon: a second start in the same installation stops with message
+// 21 (the pid file left alone), one from another installation that wants
+// the same server name with message 20. Then refreshes, and what they leave.
+TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
+  REQUIRE_ROOT();  // the default login program runs as "nobody"
+  const passwd* nobody = getpwnam("nobody");
+  if (nobody == nullptr) GTEST_SKIP() << "no account 'nobody' on this machine";
+  // The account must be able to reach the login program.
+  Daemon d([](const fs::path& root) { fs::permissions(root, fs::perms::others_exec, fs::perm_options::add); }, {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
+  std::string recorded = read_file(pid_file(d));
+  EXPECT_EQ(recorded, std::to_string(d.pid()) + "\n");
+  EXPECT_EQ(run_to_end(d.root().path(), d.tev_dir(), {}), 1);
+  EXPECT_THAT(d.log(), HasSubstr("QUOR0021S"));
+  EXPECT_EQ(read_file(pid_file(d)), recorded);
+  TempDir other;
+  Daemon::install(other.path());
+  EXPECT_EQ(run_to_end(other.path(), d.tev_dir(), {}), 1);
+  EXPECT_THAT(read_file(other.path() / "quor/log/quordaemon.log"), HasSubstr("QUOR0020S"));
+
   std::vector<std::string> before = d.status("B");
   ASSERT_EQ(before.size(), 6u);
-  EXPECT_EQ(before[2], "    Config path is " + d.root().str() + "/quor/etc/quor.config\n");
-
-  auto [rc, text] = refresh(d.root().str() + "/missing.config");
-  EXPECT_EQ(rc, "3");
-  EXPECT_THAT(text, HasSubstr("was not reloaded"));
-  EXPECT_THAT(d.log(), HasSubstr("QUOR0109E Cannot open the configuration file " + d.root().str() + "/missing.config"));
-  EXPECT_EQ(d.status("B")[2], before[2]);
-  EXPECT_EQ(refresh("").first, "3");
-
+  const std::string root = d.root().str();
+  EXPECT_EQ(before[2], "    Config path is " + root + "/quor/etc/quor.config\n");
+  write_file(root + "/empty.map", "# nothing\n");
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // a later load time
-  std::string alt = d.root().str() + "/alt.config";
-  write_file(alt, "TRANSACTION_TIMEOUT: 9\n");
-  EXPECT_EQ(refresh(alt), (std::pair<std::string, std::string>{"0", "The configuration was reloaded."}));
-  std::vector<std::string> after = d.status("B");
-  EXPECT_EQ(after[2], "    Config path is " + alt + "\n");
-  EXPECT_NE(after[3], before[3]);
-
-  // Without "ZZZFIL" the default file is read again, not the last one named.
-  EXPECT_EQ(refresh(std::nullopt).first, "0");
-  EXPECT_EQ(d.status("B")[2], before[2]);
-}
-
-TEST(Refresh, AFailureInAnyOfTheThreeFilesKeepsTheRunningConfiguration) {
-  Daemon d;
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::vector<std::string> before = d.status("B");
-  fs::path dir = d.root().path();
-  write_file(dir / "empty.map", "# nothing\n");
-  for (auto [what, config, rc] : {
-           std::tuple<const char*, std::string, const char*>{
-               "configuration", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-q\n", "3"},
-           {"object map", "OBJECT_MAP_FILE: " + (dir / "empty.map").string() + "\n", "3"},
-           {"language map", "LANGUAGE_MAP_FILE: " + (dir / "absent.map").string() + "\n", "7"}}) {
-    write_file(dir / "next.config", config);
-    EXPECT_EQ(refresh((dir / "next.config").string()).first, rc) << what;
+  // Each refresh: the file it names (none: the default one) after writing
+  // `contents` there, and its return code. A file that fails to load, or
+  // names a map that fails, keeps the running configuration; one that loads
+  // replaces it; naming no file reads the default one again, not the last.
+  struct Case {
+    std::optional<std::string> file;
+    std::string contents;
+    std::string rc;
+  };
+  for (const Case& c : std::vector<Case>{
+           {root + "/missing.config", "", "3"},
+           {"", "", "3"},
+           {root + "/1.config", "LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: no-such-user-q\n", "3"},
+           {root + "/2.config", "OBJECT_MAP_FILE: " + root + "/empty.map\n", "3"},
+           {root + "/3.config", "LANGUAGE_MAP_FILE: " + root + "/absent.map\n", "7"},
+           {root + "/4.config", "TRANSACTION_TIMEOUT: 9\n", "0"},
+           {std::nullopt, "", "0"},
+           {root + "/5.config", "LOGIN_REQUIRED: 0\n", "0"}}) {
+    SCOPED_TRACE(c.file.value_or("no file") + ": " + c.contents);
+    if (!c.contents.empty()) write_file(*c.file, c.contents);
+    auto [rc, text] = call("R", [&](OutBuf& out) {
+      if (c.file) put_segment(out, "ZZZFIL", {*c.file});
+    });
+    EXPECT_EQ(rc, c.rc);
+    EXPECT_THAT(text, HasSubstr(c.rc == "0" ? "The configuration was reloaded." : "was not reloaded"));
     std::vector<std::string> now = d.status("B");
-    ASSERT_EQ(now.size(), 6u) << what;
-    EXPECT_EQ(now[2], before[2]) << what;
-    EXPECT_EQ(now[3], before[3]) << what;
+    ASSERT_EQ(now.size(), 6u);
+    EXPECT_EQ(now[2], c.rc == "0" && c.file ? "    Config path is " + *c.file + "\n" : before[2]);
+    EXPECT_EQ(now[3] == before[3], c.rc != "0") << "the load time";
   }
-  EXPECT_TRUE(d.alive());
-}
+  EXPECT_THAT(d.log(), HasSubstr("QUOR0109E Cannot open the configuration file " + root + "/missing.config"));
 
-// Lets "nobody", the account of the restored users' login programs, reach
-// the installation in `root` (a user whose program could not start would be
-// swept out), and saves `users` there as the daemon's table.
-void save_users(const fs::path& root, std::initializer_list<UserEntry> users) {
-  fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-  testutil::EnvGuard env("MOXGLBL0000", root.string());
-  for (const UserEntry& u : users) quor_user_new() = u;
-  ASSERT_EQ(quor_users_save(), 0);
-  quor_users().clear();
-}
-
-// The login program of the default login user runs while logins are not
-// required and is stopped at shutdown.
-TEST(DefaultLogin, RunsUnderTheAccountAndStopsWithTheDaemon) {
-  REQUIRE_ROOT();
-  const passwd* account = getpwnam("nobody");
-  if (account == nullptr) GTEST_SKIP() << "no account 'nobody' on this machine";
-  Daemon d(
-      [](const fs::path& root) {
-        write_file(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
-        // The account must be able to reach the program.
-        fs::permissions(root, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-      },
-      {});
-  ASSERT_TRUE(d.wait_ready()) << d.output();
+  // Without logins, the default login program runs under its account, and
+  // stops with the daemon.
   std::vector<pid_t> running;
-  eventually([&] { return !(running = testutil::processes(d.pid(), "quoruserpgm")).empty(); });
+  eventually([&] { return !(running = processes(d.pid(), "quoruserpgm")).empty(); });
   ASSERT_EQ(running.size(), 1u) << d.output();
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
-  EXPECT_THAT(status, HasSubstr("Uid:\t" + std::to_string(account->pw_uid) + "\t"));
-  EXPECT_THAT(status, HasSubstr("Gid:\t" + std::to_string(account->pw_gid) + "\t"));
+  EXPECT_THAT(status, HasSubstr("Uid:\t" + std::to_string(nobody->pw_uid) + "\t"));
+  EXPECT_THAT(status, HasSubstr("Gid:\t" + std::to_string(nobody->pw_gid) + "\t"));
   EXPECT_EQ(terminate(d, "K"), 0) << d.output();
-  EXPECT_TRUE(testutil::processes(d.pid(), "quoruserpgm").empty());
+  EXPECT_TRUE(eventually([&] { return processes(0, {}, false, (d.root().path() / "quor/bin/").string()).empty(); }))
+      << "a login program outlived the daemon";
   EXPECT_THAT(d.output(), HasSubstr("\nquordaemon:  message type KILLALL\n"));
   EXPECT_FALSE(fs::exists(d.server_socket()));
   EXPECT_FALSE(fs::exists(pid_file(d)));
+}
+
+// A command request the daemon cannot serve for want of a resource (here:
+// a temporary directory where no file can be made) is answered, then the
+// daemon stops at once: its name, its login programs and itself go.
+TEST(AbnormalShutdown, AfterARequestThatCouldNotBeServed) {
+  REQUIRE_ROOT();  // the default login program runs as "nobody"
+  Daemon d([](const fs::path& root) {
+    write_file(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
+    fs::permissions(root, fs::perms::others_exec, fs::perm_options::add);
+  }, {});
+  ASSERT_TRUE(d.wait_ready()) << d.output();
+  ASSERT_TRUE(eventually([&] { return !processes(d.pid(), "quoruserpgm").empty(); }));
+  fs::rename(d.root().path() / "tmp", d.root().path() / "tmp.old");
+  fs::create_directory_symlink("/proc/self", d.root().path() / "tmp");
+  auto [rc, text] = call("U", [](OutBuf& out) {
+    put_segment(out, "ZZZHDR", {"OBJ", "MOUTIL"});
+    put_segment(out, "ZZZCMD", {"echo never"});
+  });
+  EXPECT_EQ(rc, "1");
+  EXPECT_THAT(text, HasSubstr("ran out of memory"));
+  EXPECT_EQ(d.wait_exit(), 1) << d.log();
+  EXPECT_THAT(d.log(), HasSubstr("QUOR0201"));
+  EXPECT_FALSE(fs::exists(d.server_socket()));
+  EXPECT_TRUE(eventually([&] { return processes(0, {}, false, (d.root().path() / "quor/bin/").string()).empty(); }))
+      << "a login program outlived the daemon";
 }
 
 TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   const passwd* me = getpwuid(getuid());
   ASSERT_NE(me, nullptr);
   std::string name = me->pw_name;
-  auto start = [](std::vector<std::string> args) { return testutil::exec_child(QUORUSERPGM_PATH, args); };
+  auto start = [](std::vector<std::string> args) { return exec_child(QUORUSERPGM_PATH, args); };
   auto held = start({name, "pc7", "0"});
-  // Ready once it blocks SIGTERM to wait for it.
-  auto blocks_sigterm = [](pid_t pid) {
-    std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-    std::size_t at = status.find("SigBlk:\t");
-    return at != std::string::npos && (std::stoull(status.substr(at + 8, 16), nullptr, 16) & (1ULL << (SIGTERM - 1)));
-  };
-  testutil::eventually([&] { return blocks_sigterm(held->pid()); }, std::chrono::seconds(5));
+  // Ready once it waits for SIGTERM (which it has blocked to take it there).
+  std::string wchan = "/proc/" + std::to_string(held->pid()) + "/wchan";
+  eventually([&] { return read_file(wchan).starts_with("do_sigtimedwait"); }, std::chrono::seconds(5));
   EXPECT_EQ(waitpid(held->pid(), nullptr, WNOHANG), 0) << "ended without being told";
   kill(held->pid(), SIGTERM);
   EXPECT_EQ(held->wait(), 0);
@@ -301,32 +265,35 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   }
 }
 
+// Restored users are kept even when their login program cannot start (here:
+// it cannot be executed), and saved again at shutdown; only a request from
+// another node counts as their activity.
 TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
-  REQUIRE_ROOT();  // the restored users' login programs run as "nobody"
+  REQUIRE_ROOT();
   std::time_t before = std::time(nullptr) - 100;
   std::string local = mo_nodename();
-  Daemon d(
-      [&](const fs::path& root) {
-        write_file(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
-        save_users(root, {{"ann", "far", "nobody", "65534", before, 0, {}}, {"bob", local, "nobody", "65534", before, 0, {}}});
-      },
-      {});
+  Daemon d([&](const fs::path& root) {
+    write_file(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
+    EnvGuard env("MOXGLBL0000", root.string());
+    quor_user_new() = UserEntry{"ann", "far", "nobody", "65534", before, 0, {}};
+    quor_user_new() = UserEntry{"bob", local, "nobody", "65534", before, 0, {}};
+    ASSERT_EQ(quor_users_save(), 0);
+    quor_users().clear();
+    fs::permissions(root / "quor/bin/quoruserpgm", fs::perms::owner_read | fs::perms::owner_write);
+  }, {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<std::string> full = d.status("F");
   ASSERT_GE(full.size(), 8u);
   EXPECT_EQ(full[4], "    2 users logged into quor\n") << d.output();
   EXPECT_THAT(full, Contains("    User ann from node far logged in as nobody.\n"));
-
-  {
-    TevClient client;  // one client per process at a time
-    for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
-      // A status request that claims to come from `user` on `node`.
-      auto request = testutil::sealed_request("B", [&](TransactionHeader& h) {
-        h.user = user;
-        h.node = node;
-      });
-      ASSERT_EQ(client.call(kServerName, request, 5000).rc, 0);
-    }
+  EXPECT_THAT(d.log(), HasSubstr("Cannot start a process for nobody (exec"));
+  EXPECT_TRUE(processes(d.pid(), {}, true).empty()) << "a zombie";
+  // Status requests that claim to come from each user on its node.
+  for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
+    EXPECT_NE(call("B", {}, [&](TransactionHeader& h) {
+      h.user = user;
+      h.node = node;
+    }).first, "no reply");
   }
   ASSERT_EQ(terminate(d), 0) << d.output();
 
