@@ -3,6 +3,7 @@
 // reading the file record by record with rdw_read_record, whatever the size
 // of the pieces the file is read in (the first input byte chooses it, so
 // records straddle pieces and some are larger than one).
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -39,12 +40,10 @@ std::size_t plain_rdw_to_buffer(const std::string& path, OutBuf& out, std::size_
   return out.pos;
 }
 
+// A file in memory, named through /proc so that it is opened by path like a
+// table file; nothing is left behind in the file system.
 const std::string& file_path() {
-  static const std::string path = [] {
-    std::string p = "/tmp/table_read_fuzz." + std::to_string(getpid());
-    std::atexit([] { std::remove(file_path().c_str()); });
-    return p;
-  }();
+  static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("table_read_fuzz", 0));
   return path;
 }
 

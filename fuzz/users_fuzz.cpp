@@ -1,7 +1,7 @@
 // Arbitrary bytes as a save file or owners file: the daemon reads both back
 // at start-up, and a damaged one must stop the load cleanly, never read past
 // a record. Every owner that parses is written back as the same owner.
-#include <stdlib.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -12,8 +12,10 @@
 #include "quorusers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static std::string path = "/tmp/users_fuzz.XXXXXX";
-  static int fd = mkstemp(path.data());
+  // A file in memory, named through /proc so the reader opens it by path;
+  // nothing is left behind in the file system.
+  static int fd = memfd_create("users_fuzz", 0);
+  static std::string path = "/proc/self/fd/" + std::to_string(fd);
   if (fd < 0 || ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;
   for (std::size_t count : {3u, 5u}) {
     int rc = quor_records_read(path, count, [count](const std::vector<std::string>& strings) {
