@@ -13,27 +13,20 @@ using testutil::read_file;
 
 namespace {
 
-using Rows = std::vector<std::vector<std::string>>;
-
-// A table file read back record by record.
-struct Table {
-  int columns = -2;  // -2: not opened
-  Rows rows;
-  std::vector<int> statuses;  // of each record read
-};
-
-Table read_table(const std::string& path) {
-  Table table;
+// A table file as read back: its column count, then the status and the
+// values of each record, e.g. "2: 0 a,b; 1 c,d;".
+std::string read_back(const std::string& path) {
   FilePtr f = rdw_open(path, 'R');
-  if (!f) return table;
-  table.columns = rdw_count_columns(f.get());
-  ColumnArray columns(static_cast<std::size_t>(std::max(table.columns, 0)));
-  for (int rc; (rc = rdw_read_record(f.get(), columns, table.columns)) != -1;) {
-    table.statuses.push_back(rc);
-    table.rows.emplace_back();
-    for (const auto& c : columns) table.rows.back().emplace_back(c.data());
+  if (!f) return "not opened";
+  int count = rdw_count_columns(f.get());
+  std::string text = std::to_string(count) + ":";
+  ColumnArray columns(static_cast<std::size_t>(std::max(count, 0)));
+  for (int rc; count >= 0 && (rc = rdw_read_record(f.get(), columns, count)) != -1;) {
+    text += " " + std::to_string(rc);
+    for (std::size_t c = 0; c < columns.size(); ++c) text += (c ? "," : " ") + std::string(columns[c].data());
+    text += ";";
   }
-  return table;
+  return text;
 }
 
 // A request whose "ZZZRDW" segment holds `items` (the column count first),
@@ -62,88 +55,65 @@ TEST_F(TableFiles, RecordsOnDisk) {
   }
   const char expected[] = {0x0C, 0, 0x01, 0, 'a', 0x02, 0, 'b', 'b', 0x01, 0, 0, 0x0C, 0};
   EXPECT_EQ(read_file(path()).substr(0, 14), std::string(expected, sizeof expected));
-  Table table = read_table(path());
-  EXPECT_EQ(table.rows, (Rows{{"a", "bb", ""}, {"abc", "", "x"}}));
-  EXPECT_EQ(table.statuses, (std::vector<int>{0, 0}));
-  EXPECT_EQ(rdw_open("", 'R'), nullptr);
+  EXPECT_EQ(read_back(path()), "3: 0 a,bb,; 0 abc,,x;");
+  EXPECT_EQ(read_back(""), "not opened");
 
   auto word = [](std::uint16_t w) { return std::string(reinterpret_cast<const char*>(&w), 2); };
   std::string good = word(5) + word(1) + "a" + word(5);
   std::string long_field = word(264) + word(260) + std::string(260, 'x') + word(264);
-  // Each file: its column count, and the status of each record read.
-  struct Case {
-    const char* name;
-    std::string bytes;
-    int columns;
-    std::vector<int> statuses;
+  // Damaged files and how they read back.
+  const std::pair<std::string, std::string> files[] = {
+      {"", "0:"},
+      {good + word(5) + word(1) + "b" + word(6) + good, "1: 0 a; 1 b; 0 a;"},  // a closing word that differs
+      {word(3) + word(4) + "abcd" + word(3) + good, "1: 0 abcd; 0 a;"},        // a length word below its fields
+      {long_field, "-1:"},                                                       // the same in the first record
+      {word(5) + word(1), "-1:"},                                                // a first record cut short
   };
-  const Case cases[] = {
-      {"empty", "", 0, {}},
-      {"closing word differs", good + word(5) + word(1) + "b" + word(6) + good, 1, {0, 1, 0}},
-      {"first field over 259 bytes", long_field, -1, {}},
-      {"first record cut", word(5) + word(1), -1, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    testutil::write_file(path(), c.bytes);
-    table = read_table(path());
-    EXPECT_EQ(table.columns, c.columns);
-    if (c.columns >= 0) {
-      EXPECT_EQ(table.statuses, c.statuses);
-    }
+  for (const auto& [bytes, text] : files) {
+    testutil::write_file(path(), bytes);
+    EXPECT_EQ(read_back(path()), text);
   }
-  testutil::write_file(path(), word(3) + word(4) + "abcd" + word(3) + good);
-  table = read_table(path());
-  EXPECT_EQ(table.rows, (Rows{{"abcd"}, {"a"}})) << "a length word below its fields: they are read on past it";
-  EXPECT_EQ(table.statuses, (std::vector<int>{0, 0}));
   testutil::write_file(path(), good + long_field);
-  EXPECT_EQ(read_table(path()).statuses.at(1), 1) << "a later field over 259 bytes";
+  EXPECT_TRUE(read_back(path()).starts_with("1: 0 a; 1 ")) << "a later field over 259 bytes";
 }
 
 // Rows from request buffers: a short last row repeats the previous row's
 // values, an over-long value is cut to 259 bytes; the first buffer of a
 // transfer truncates the file, one without a trailer ends the transfer.
+// Refused segments and files leave the transfer closed.
 TEST_F(TableFiles, RowsFromRequests) {
   FileTransfer t;
   t.path = path();
-  std::string long_value(300, 'v');
-  EXPECT_EQ(buffer_to_RDW(t, rdw_request({"3", "a", "b", "c", "d", long_value, "f", "g"})), 0);
+  EXPECT_EQ(buffer_to_RDW(t, rdw_request({"3", "a", "b", "c", "d", std::string(300, 'v'), "f", "g"})), 0);
   EXPECT_EQ(t.count, 3);
   EXPECT_FALSE(t.stream) << "the last buffer left the file open";
-  EXPECT_EQ(read_table(path()).rows,
-            (Rows{{"a", "b", "c"}, {"d", std::string(259, 'v'), "f"}, {"g", std::string(259, 'v'), "f"}}));
+  std::string v259(259, 'v');
+  EXPECT_EQ(read_back(path()), "3: 0 a,b,c; 0 d," + v259 + ",f; 0 g," + v259 + ",f;");
   EXPECT_EQ(buffer_to_RDW(t, rdw_request({"2", "a", "b"}, "Y")), 0);
   EXPECT_TRUE(t.stream);
   EXPECT_EQ(buffer_to_RDW(t, rdw_request({"2", "c", "d"}, "")), 0);
   EXPECT_FALSE(t.stream);
-  EXPECT_EQ(read_table(path()).rows, (Rows{{"a", "b"}, {"c", "d"}}));
+  EXPECT_EQ(read_back(path()), "2: 0 a,b; 0 c,d;");
 
-  // Refused segments and files: the status, the transfer left closed.
   std::vector<char> cut = rdw_request({"1", "a", "b"});
   cut.resize(static_cast<std::size_t>(std::search(cut.begin(), cut.end(), kEndOfSegment.begin(), kEndOfSegment.end()) -
                                       cut.begin()) - 1);
-  struct Case {
-    const char* name;
-    std::string path;
-    std::vector<char> request;
-    int rc;
+  // Each refused request, the file it was to write and the status.
+  const std::tuple<std::vector<char>, std::string, int> refused[] = {
+      {rdw_request({"0", "a"}), path("r"), 3},
+      {rdw_request({"-2", "a"}), path("r"), 3},
+      {rdw_request({"x", "a"}), path("r"), 3},
+      {rdw_request({"99999999", "a"}), path("r"), 3},
+      {testutil::plain_request("S", {}), path("r"), 4},            // no segment
+      {cut, path("r"), 4},                                         // a segment running off the end
+      {rdw_request({"1", "a"}), path("missing/dir/t.rdw"), 7},
+      {rdw_request({"1", "a"}), "/dev/full", 6},
   };
-  const Case cases[] = {
-      {"count 0", path("r"), rdw_request({"0", "a"}), 3},
-      {"negative count", path("r"), rdw_request({"-2", "a"}), 3},
-      {"count not a number", path("r"), rdw_request({"x", "a"}), 3},
-      {"count too large", path("r"), rdw_request({"99999999", "a"}), 3},
-      {"no segment", path("r"), testutil::plain_request("S", {}), 4},
-      {"segment running off the end", path("r"), cut, 4},
-      {"no such directory", path("missing/dir/t.rdw"), rdw_request({"1", "a"}), 7},
-      {"disk full", "/dev/full", rdw_request({"1", "a"}), 6},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    FileTransfer refused;
-    refused.path = c.path;
-    EXPECT_EQ(buffer_to_RDW(refused, c.request), c.rc);
-    EXPECT_FALSE(refused.stream);
+  for (const auto& [request, file, rc] : refused) {
+    FileTransfer transfer;
+    transfer.path = file;
+    EXPECT_EQ(buffer_to_RDW(transfer, request), rc) << file;
+    EXPECT_FALSE(transfer.stream);
   }
   EXPECT_FALSE(std::filesystem::exists(path("r"))) << "a refused segment made its file";
 }
@@ -152,13 +122,14 @@ TEST_F(TableFiles, RowsFromRequests) {
 // each with the column count) arrives as it was written, trailing blanks
 // aside; an empty table is status 0 with a count of 0, a missing one 7.
 TEST_F(TableFiles, SentBackOverSeveralReplies) {
-  Rows rows;
+  std::vector<std::string> expected;
   {
     FilePtr f = rdw_open(path(), 'W');
     for (std::size_t i = 0; i < 5000; ++i) {
-      rows.push_back({std::to_string(i), "name " + std::to_string(i) + "   ", std::string(i % 40, 'x'), i % 7 ? "end" : ""});
-      ASSERT_EQ(rdw_write_record(f.get(), std::vector<std::string_view>(rows[i].begin(), rows[i].end())), 0);
-      rows[i][1].resize(rows[i][1].size() - 3);
+      std::vector<std::string> row = {std::to_string(i), "name " + std::to_string(i), std::string(i % 40, 'x'), i % 7 ? "end" : ""};
+      expected.insert(expected.end(), row.begin(), row.end());
+      row[1] += "   ";  // dropped on the way back
+      ASSERT_EQ(rdw_write_record(f.get(), std::vector<std::string_view>(row.begin(), row.end())), 0);
     }
   }
   testutil::write_file(path("empty"), "");
@@ -177,8 +148,6 @@ TEST_F(TableFiles, SentBackOverSeveralReplies) {
   auto [counts, values] = fetch(path(), -1);
   ASSERT_GE(counts.size(), 4u);
   EXPECT_EQ(counts, std::vector<std::string>(counts.size(), "4"));
-  std::vector<std::string> expected;
-  for (const auto& row : rows) expected.insert(expected.end(), row.begin(), row.end());
   EXPECT_TRUE(values == expected) << "the values differ";
   EXPECT_EQ(fetch(path("empty"), 0), (std::pair{std::vector<std::string>{"0"}, std::vector<std::string>{}}));
   fetch(path("missing"), 7);
