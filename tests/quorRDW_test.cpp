@@ -11,6 +11,9 @@
 using namespace forked;
 using testutil::read_file;
 
+// Designated initializers name only the fields a test sets.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 
 // A table file as read back: its column count, then the status and the
@@ -82,8 +85,7 @@ TEST_F(TableFiles, RecordsOnDisk) {
 // transfer truncates the file, one without a trailer ends the transfer.
 // Refused segments and files leave the transfer closed.
 TEST_F(TableFiles, RowsFromRequests) {
-  FileTransfer t;
-  t.path = path();
+  FileTransfer t{.path = path()};
   EXPECT_EQ(buffer_to_RDW(t, rdw_request({"3", "a", "b", "c", "d", std::string(300, 'v'), "f", "g"})), 0);
   EXPECT_EQ(t.count, 3);
   EXPECT_FALSE(t.stream) << "the last buffer left the file open";
@@ -110,8 +112,7 @@ TEST_F(TableFiles, RowsFromRequests) {
       {rdw_request({"1", "a"}), "/dev/full", 6},
   };
   for (const auto& [request, file, rc] : refused) {
-    FileTransfer transfer;
-    transfer.path = file;
+    FileTransfer transfer{.path = file};
     EXPECT_EQ(buffer_to_RDW(transfer, request), rc) << file;
     EXPECT_FALSE(transfer.stream);
   }

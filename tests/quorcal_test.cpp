@@ -14,6 +14,9 @@
 using namespace forked;
 using testutil::read_file;
 
+// Designated initializers name only the fields a test sets.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 
 std::vector<char> request(std::string_view tag, const std::vector<std::string>& items, std::string_view more = "N") {
@@ -34,11 +37,6 @@ std::string int32(std::int32_t v) { return std::string(reinterpret_cast<const ch
 class Transfers : public ForkedServer {
  protected:
   std::string path(const char* name = "f") const { return (dir_.path() / name).string(); }
-  FileTransfer transfer(const char* name = "f") const {
-    FileTransfer t;
-    t.path = path(name);
-    return t;
-  }
 };
 
 // Inbound, each item is a line (its own newline not doubled); two buffers
@@ -47,7 +45,7 @@ class Transfers : public ForkedServer {
 // file has none), long lines in pieces of 259; a long file spans several
 // buffers, continued as "U" transactions.
 TEST_F(Transfers, ListsInAndOut) {
-  FileTransfer t = transfer();
+  FileTransfer t{.path = path()};
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"1", "b\n"}, "Y")), 0);
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"2"}, "N")), 0);
   EXPECT_EQ(read_file(path()), "1\nb\n2\n");
@@ -57,10 +55,9 @@ TEST_F(Transfers, ListsInAndOut) {
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZCMD", {"a"})), 4);
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"a", "", "b"})), 3);
   EXPECT_EQ(read_file(path()), "a\n");
-  FileTransfer nowhere = transfer("no/such/dir");
+  FileTransfer nowhere{.path = path("no/such/dir")};
   EXPECT_EQ(buffer_to_list(nowhere, "ZZZLST", request("ZZZLST", {"a"})), 7);
-  FileTransfer full;
-  full.path = "/dev/full";
+  FileTransfer full{.path = "/dev/full"};
   EXPECT_EQ(buffer_to_list(full, "ZZZLST", request("ZZZLST", {std::string(9000, 'x')})), 6);
 
   // The status, the number of reply buffers and the items sent for `file`
@@ -95,7 +92,7 @@ TEST_F(Transfers, ListsInAndOut) {
 // an "AL" item per line, 255 characters at most, empty lines and lines
 // starting with a byte above 127 left out.
 TEST_F(Transfers, CalendarsInAndOut) {
-  FileTransfer t = transfer();
+  FileTransfer t{.path = path()};
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=ab", "AL=first", "x=second"})), 0);
   EXPECT_EQ(read_file(path()), std::string("ab\0\0", 4) + std::string(12, '\0') + int32(404) + std::string(384, '\0') +
                                    "first\nsecond\n");
