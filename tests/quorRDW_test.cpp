@@ -2,8 +2,6 @@
 // file and back out of it in reply buffers through the real transport.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <fstream>
 
 #include "forked_server.h"
 #include "quorRDW.h"
