@@ -67,7 +67,8 @@ TEST_F(Transfers, ListsInAndOut) {
   // The status, the number of reply buffers and the items sent for `file`
   // when `room` bytes are left in the first buffer.
   auto send = [&](const std::string& file, std::size_t room = BUFFER_MAX) {
-    Served served = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(file, out, std::min(out.pos + room, BUFFER_MAX), server_, "ZZZLST"); });
+    Served served = serve_one(
+        server_, [&](OutBuf& out) { return list_to_buffer(file, out, std::min(out.pos + room, BUFFER_MAX), server_, "ZZZLST"); });
     std::string text = std::to_string(served.status) + " " + std::to_string(served.buffers.size()) + ":";
     for (const std::string& item : items_of(served, "ZZZLST")) text += " " + item;
     return text;
@@ -145,7 +146,8 @@ TEST_F(Transfers, CalendarFromARequestRecord) {
   auto items = [&](std::int32_t offset, std::size_t size) {
     std::memcpy(data + 16, &offset, 4);
     smc_put(record, smc::allocSz, std::to_string(size));
-    return items_of(serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); }), kCalTag);
+    Served served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
+    return items_of(served, kCalTag);
   };
   std::vector<std::string> sent = items(404, smc::PDat + 404 + lines.size());
   ASSERT_EQ(sent.size(), 12u);
@@ -156,7 +158,8 @@ TEST_F(Transfers, CalendarFromARequestRecord) {
 
 // The command file of the file-version commands: the file named in
 // NAME="<..." becomes the request's data file, made from the request's
-// names (quotes and commas blanked, blanks trimmed, up to an empty name).
+// names (quotes and commas blanked, blanks trimmed, single characters
+// left out, up to an empty name).
 TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
   TempDir dir;
   std::string data = (dir.path() / "data").string(), commands = (dir.path() / "cmd").string();
@@ -168,11 +171,13 @@ TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
     return quor_fileversion_rewrite(record, testutil::plain_request("U", {{"ZZZCMD", command_lines}, {"ZZZLST", names}}),
                                     entry, "ZZZCMD");
   };
-  EXPECT_EQ(rewrite({"restore NAME=\"<names.lst\" -v", "second"}, {"\"a,b\"", "c'd", " x ", "  long name  \n", "", "z"}), 0);
+  EXPECT_EQ(rewrite({"restore NAME=\"<names.lst\" -v", "second"}, {"\"a,b\"", "c'd", " x ", "  long name  \n"}), 0);
   EXPECT_EQ(read_file(commands), "restore NAME=\"<" + data + "\" -v\nsecond\n");
   EXPECT_EQ(read_file(data), "a b\nc d\nlong name\n");
   EXPECT_EQ(smc_get(record, smc::fileName), "");
   EXPECT_FALSE(entry.transfer.stream) << "the command file was left open";
+  EXPECT_EQ(rewrite({"restore NAME=\"<x\""}, {"ann", "", "bob"}), 0);
+  EXPECT_EQ(read_file(data), "ann\n");
 
   // Without "<" the command list is written as it stands; without NAME=
   // or a closing quote there is nothing to rewrite.

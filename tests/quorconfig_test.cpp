@@ -98,12 +98,14 @@ TEST_F(ConfigFiles, EveryLineRefusedOrApplied) {
 // DEFAULT entry serves unknown languages), and the environment entries a
 // request's date format and language give; lines with one word are logged.
 TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
-  write("quor/etc/quorobj.map", "# objects\nLIST lister\n  LOCAL ./lister extra words\nABS\t/usr/bin/lister\nLIST second\nALONE\n");
+  write("quor/etc/quorobj.map",
+        "# objects\nLIST lister\n  LOCAL ./lister extra words\nABS\t/usr/bin/lister\nLIST second\nALONE\n");
   write("quor/etc/quorlang.map", "# languages\nDEFAULT english\nfrench /opt/msg/fr\nlonely\nDEFAULT british\n");
   ASSERT_EQ(load("# defaults\n"), 0);
   std::string objects;
   for (const ObjectMapEntry& e : quor_objmap()) objects += e.object_name + "=" + e.program_path + " ";
-  EXPECT_EQ(objects, "LIST=" + root() + "/quor/bin/lister LOCAL=./lister ABS=/usr/bin/lister LIST=" + root() + "/quor/bin/second ");
+  EXPECT_EQ(objects,
+            "LIST=" + root() + "/quor/bin/lister LOCAL=./lister ABS=/usr/bin/lister LIST=" + root() + "/quor/bin/second ");
   EXPECT_EQ(quor_objmap_find("LIST")->program_path, root() + "/quor/bin/lister");
   EXPECT_EQ(quor_objmap_find("list"), nullptr);
   EXPECT_NE(log().find("QUOR0113E"), std::string::npos);
