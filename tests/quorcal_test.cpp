@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 
 #include "forked_server.h"
 #include "quorcal.h"
@@ -14,6 +13,9 @@
 
 using namespace forked;
 using testutil::read_file;
+
+// Designated initializers name only the fields a test sets.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace {
 
@@ -29,140 +31,104 @@ std::vector<std::string> items_of(const Served& served, std::string_view tag) {
   return items;
 }
 
-std::int32_t int_at(const std::string& bytes, std::size_t offset) {
-  std::int32_t v = 0;
-  std::memcpy(&v, bytes.data() + offset, 4);
-  return v;
+// A 32-bit number as the host stores it; a text padded with NULs.
+std::string int32(std::int32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
+std::string padded(std::string text, std::size_t size) {
+  text.resize(size, '\0');
+  return text;
 }
 
 class Transfers : public ForkedServer {
  protected:
   std::string path(const char* name = "f") const { return (dir_.path() / name).string(); }
-  FileTransfer transfer(const char* name = "f") const {
-    FileTransfer t;
-    t.path = path(name);
-    return t;
-  }
 };
 
-TEST_F(Transfers, ListInbound) {
-  FileTransfer t = transfer();
-  EXPECT_EQ(buffer_to_list(t, "ZZZCMD", request("ZZZCMD", {"a", "b\n", "c"})), 0);
-  EXPECT_EQ(read_file(path()), "a\nb\nc\n");
-  EXPECT_FALSE(t.stream);
-
-  // Two buffers make one file; an empty segment truncates.
-  EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"1"}, "Y")), 0);
+// Inbound, each item is a line (its own newline not doubled); two buffers
+// make one file, an empty segment truncates it; refusals leave it closed.
+// Outbound, lines leave with their newlines (the last one without, if the
+// file has none), long lines in pieces of 259; a long file spans several
+// buffers, continued as "U" transactions.
+TEST_F(Transfers, ListsInAndOut) {
+  FileTransfer t{.path = path()};
+  EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"1", "b\n"}, "Y")), 0);
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"2"}, "N")), 0);
-  EXPECT_EQ(read_file(path()), "1\n2\n");
+  EXPECT_EQ(read_file(path()), "1\nb\n2\n");
+  EXPECT_FALSE(t.stream);
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {})), 0);
   EXPECT_EQ(read_file(path()), "");
-
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZCMD", {"a"})), 4);
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"a", "", "b"})), 3);
-  EXPECT_FALSE(t.stream) << "a failed transfer left its file open";
   EXPECT_EQ(read_file(path()), "a\n");
-  FileTransfer nowhere = transfer("no/such/dir");
+  FileTransfer nowhere{.path = path("no/such/dir")};
   EXPECT_EQ(buffer_to_list(nowhere, "ZZZLST", request("ZZZLST", {"a"})), 7);
-  FileTransfer full;
-  full.path = "/dev/full";
+  FileTransfer full{.path = "/dev/full"};
   EXPECT_EQ(buffer_to_list(full, "ZZZLST", request("ZZZLST", {std::string(9000, 'x')})), 6);
-}
 
-// Lines leave with their newlines (the last one without, if the file has
-// none), empty lines too, long lines in pieces of 259; a long file spans
-// several buffers, continued as "U" transactions.
-TEST_F(Transfers, ListOutbound) {
+  // The status, the number of reply buffers and the items sent for `file`
+  // when `room` bytes are left in the first buffer.
+  auto send = [&](const std::string& file, std::size_t room = BUFFER_MAX) {
+    Served served = serve_one(
+        server_, [&](OutBuf& out) { return list_to_buffer(file, out, std::min(out.pos + room, BUFFER_MAX), server_, "ZZZLST"); });
+    std::string text = std::to_string(served.status) + " " + std::to_string(served.buffers.size()) + ":";
+    for (const std::string& item : items_of(served, "ZZZLST")) text += " " + item;
+    return text;
+  };
   testutil::write_file(path(), "one\n\n" + std::string(300, 'x') + "\nlast");
-  Served small = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path(), out, BUFFER_MAX, server_, "ZZZLST"); });
-  EXPECT_EQ(small.status, -1);
-  EXPECT_EQ(items_of(small, "ZZZLST"),
-            (std::vector<std::string>{"one\n", "\n", std::string(259, 'x'), std::string(41, 'x') + "\n", "last"}));
-
+  EXPECT_EQ(send(path()), "-1 1: one\n \n " + std::string(259, 'x') + " " + std::string(41, 'x') + "\n last");
+  EXPECT_EQ(send(path("none")), "7 1:");
+  // A buffer without room for the segment's start goes out first.
+  testutil::write_file(path("short"), "only\n");
+  EXPECT_EQ(send(path("short"), 73), "-1 2: only\n");
   std::string big;
   for (int i = 0; i < 4000; ++i) big += "line " + std::to_string(i) + "\n";
-  testutil::write_file(path("big"), big);
-  Served many = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("big"), out, BUFFER_MAX, server_, "ZZZLST"); });
+  testutil::write_file(path(), big);
+  Served many = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path(), out, BUFFER_MAX, server_, "ZZZLST"); });
   ASSERT_GE(many.buffers.size(), 2u);
   std::string joined;
   for (const std::string& s : items_of(many, "ZZZLST")) joined += s;
   EXPECT_EQ(joined, big);
-  for (std::size_t i = 1; i < many.buffers.size(); ++i) {
-    EXPECT_EQ(many.buffers[i].tran.transcode, "U") << i;
-    EXPECT_EQ(many.buffers[i].tran.continuation, "Y") << i;
-  }
-  EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("none"), out, BUFFER_MAX, server_, "ZZZLST"); }).status, 7);
-  // A buffer without room for the segment's start goes out first.
-  testutil::write_file(path("short"), "only\n");
-  Served late = serve_one(server_, [&](OutBuf& out) { return list_to_buffer(path("short"), out, out.pos + 73, server_, "ZZZLST"); });
-  EXPECT_EQ(late.status, -1);
-  ASSERT_EQ(late.buffers.size(), 2u);
-  EXPECT_EQ(items_of(late, "ZZZLST"), std::vector<std::string>{"only\n"});
+  for (std::size_t i = 1; i < many.buffers.size(); ++i)
+    EXPECT_EQ(many.buffers[i].tran.transcode + many.buffers[i].tran.continuation, "UY") << i;
 }
 
-TEST_F(Transfers, CalendarInbound) {
-  FileTransfer t = transfer();
+// A calendar file is its 404-byte header, then a line per item after the
+// header items. Keys match by prefix, texts are cut to their fields, an
+// empty key is a line. Sent back, it is its nine header items in order and
+// an "AL" item per line, 255 characters at most, empty lines and lines
+// starting with a byte above 127 left out.
+TEST_F(Transfers, CalendarsInAndOut) {
+  FileTransfer t{.path = path()};
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=ab", "AL=first", "x=second"})), 0);
-  std::string file = read_file(path());
-  ASSERT_EQ(file.size(), 404u + 13);
-  EXPECT_EQ(file.substr(0, 4), std::string("ab\0\0", 4));
-  EXPECT_EQ(int_at(file, 16), 404);
-  EXPECT_EQ(file.substr(4, 12), std::string(12, '\0'));
-  EXPECT_EQ(file.substr(356, 48), std::string(48, '\0'));
-  EXPECT_EQ(file.substr(404), "first\nsecond\n");
+  EXPECT_EQ(read_file(path()), padded("ab", 16) + int32(404) + padded("", 384) + "first\nsecond\n");
 
-  // Every field, keys matched by prefix, over-long texts cut; an empty key
-  // is a line; a value with its own newline gets no second one.
-  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"P=abcdef", "CU=" + std::string(40, 'c'), "UU=u", "D=d",
-                                               "RL=1", "YN=-2", "FX=3", "UT=4", "DO=5", "no equals sign",
-                                               "=line one\n", "AL=line two"})),
+  std::string long_line(300, 'L');
+  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"P=abcdef", "CU=" + std::string(40, 'c'), "UU=u", "D=d", "RL=1", "YN=-2",
+                                               "FX=3", "UT=4", "DO=5", "no equals sign", "=line one\n", "AL=two",
+                                               "AL=\n", "AL=" + long_line, "AL=\xC3" "blocked"})),
             0);
-  file = read_file(path());
-  EXPECT_EQ(file.substr(0, 4), std::string("abc\0", 4));
-  EXPECT_EQ(file.substr(28, 33), std::string(32, 'c') + '\0');
-  EXPECT_EQ(file.substr(61, 2), std::string("u\0", 2));
-  EXPECT_EQ(file.substr(94, 2), std::string("d\0", 2));
-  EXPECT_EQ((std::vector<std::int32_t>{int_at(file, 4), int_at(file, 8), int_at(file, 20), int_at(file, 24),
-                                       int_at(file, 352)}),
-            (std::vector<std::int32_t>{1, -2, 3, 4, 5}));
-  EXPECT_EQ(file.substr(404), "line one\nline two\n");
-
-  // Only header items: nothing is written. A line without "=" after the
-  // header, or an empty item, is refused.
-  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=x", "RL=2"})), 0);
-  EXPECT_EQ(read_file(path()), "");
-  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"AL=a", "plain"})), 3);
-  EXPECT_FALSE(t.stream);
-  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=a", ""})), 3);
-  EXPECT_FALSE(t.calendar_header);
-  EXPECT_EQ(buffer_to_cal(t, request(kRdwTag, {"1"})), 4);
-
+  // PI, RL, YN, 4 unused bytes, the data offset, FX, UT, CU, UU, DS, DO,
+  // 48 unused bytes, then the lines.
+  EXPECT_EQ(read_file(path()), padded("abc", 4) + int32(1) + int32(-2) + padded("", 4) + int32(404) + int32(3) + int32(4) +
+                                   padded(std::string(32, 'c'), 33) + padded("u", 33) + padded("d", 258) + int32(5) +
+                                   padded("", 48) + "line one\ntwo\n\n" + long_line + "\n\xC3" "blocked\n");
+  Served served = serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path(), out, BUFFER_MAX, server_); });
+  EXPECT_EQ(served.status, -1);
+  EXPECT_EQ(items_of(served, kCalTag),
+            (std::vector<std::string>{"PI=abc", "CU=" + std::string(32, 'c'), "UU=u", "DS=d", "RL=1", "YN=-2", "FX=3",
+                                      "UT=4", "DO=5", "AL=line one\n", "AL=two\n", "AL=" + std::string(255, 'L'),
+                                      "AL=" + std::string(45, 'L') + "\n"}));
   // Over two buffers: header in the first, lines in both.
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=z", "AL=1"}, "Y")), 0);
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"AL=2"}, "N")), 0);
   EXPECT_EQ(read_file(path()).substr(404), "1\n2\n");
-}
 
-// A calendar file leaves as its nine header items in order and one "AL"
-// item per line, 255 characters at most, empty lines and lines starting
-// with a byte above 127 left out; what arrives writes the same file again.
-TEST_F(Transfers, CalendarOutboundAndBackIn) {
-  FileTransfer t = transfer();
-  std::string long_line(300, 'L');
-  ASSERT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=ab", "CU=cu", "UU=uu", "DS=ds", "RL=1", "YN=2", "FX=3", "UT=4",
-                                               "DO=5", "AL=first", "AL=\n", "AL=" + long_line, "AL=\xC3" "blocked"})),
-            0);
-  Served served = serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path(), out, BUFFER_MAX, server_); });
-  EXPECT_EQ(served.status, -1);
-  std::vector<std::string> items = items_of(served, kCalTag);
-  EXPECT_EQ(items, (std::vector<std::string>{"PI=ab", "CU=cu", "UU=uu", "DS=ds", "RL=1", "YN=2", "FX=3", "UT=4",
-                                             "DO=5", "AL=first\n", "AL=" + std::string(255, 'L'),
-                                             "AL=" + std::string(45, 'L') + "\n"}));
-
-  FileTransfer again = transfer("again");
-  ASSERT_EQ(buffer_to_cal(again, request(kCalTag, items)), 0);
-  EXPECT_EQ(read_file(path("again")).substr(0, 404), read_file(path()).substr(0, 404));  // the header
-
+  // Only header items: nothing is written. A line without "=" after the
+  // header, or an empty item, is refused; so is a missing or short file.
+  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=x", "RL=2"})), 0);
+  EXPECT_EQ(read_file(path()), "");
+  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"AL=a", "plain"})), 3);
+  EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=a", ""})), 3);
+  EXPECT_EQ(buffer_to_cal(t, request(kRdwTag, {"1"})), 4);
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("none"), out, BUFFER_MAX, server_); }).status, 7);
   testutil::write_file(path("short"), std::string(100, 'h'));
   EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("short"), out, BUFFER_MAX, server_); }).status, 5);
@@ -175,62 +141,50 @@ TEST_F(Transfers, CalendarFromARequestRecord) {
   std::vector<char> record(kRecordSize);
   char* data = record.data() + smc::PDat;
   std::memcpy(data, "pi", 2);
-  std::int32_t offset = 404;
-  std::memcpy(data + 16, &offset, 4);
   std::string lines = "one\ntwo\n\n\x01three";
   std::memcpy(data + 404, lines.data(), lines.size());
-  smc_put(record, smc::allocSz, std::to_string(smc::PDat + 404 + lines.size()));
-  Served served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
-  std::vector<std::string> items = items_of(served, kCalTag);
-  ASSERT_EQ(items.size(), 12u);
-  EXPECT_EQ(items[0], "PI=pi");
-  EXPECT_EQ(std::vector<std::string>(items.begin() + 9, items.end()), std::vector<std::string>(3, ""));
-
-  offset = 1 << 30;
-  std::memcpy(data + 16, &offset, 4);
-  smc_put(record, smc::allocSz, "99999999");
-  served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
-  EXPECT_EQ(items_of(served, kCalTag).size(), 9u);
+  auto items = [&](std::int32_t offset, std::size_t size) {
+    std::memcpy(data + 16, &offset, 4);
+    smc_put(record, smc::allocSz, std::to_string(size));
+    Served served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
+    return items_of(served, kCalTag);
+  };
+  std::vector<std::string> sent = items(404, smc::PDat + 404 + lines.size());
+  ASSERT_EQ(sent.size(), 12u);
+  EXPECT_EQ(sent[0], "PI=pi");
+  EXPECT_EQ(std::vector<std::string>(sent.begin() + 9, sent.end()), std::vector<std::string>(3, ""));
+  EXPECT_EQ(items(1 << 30, 99999999).size(), 9u);
 }
 
-}  // namespace
-
-// The command file of the file-version commands, rewritten to read the
-// request's names from the data file.
-namespace {
-
-std::vector<char> version_request(const std::vector<std::string>& commands, const std::vector<std::string>& names) {
-  return testutil::plain_request("U", {{"ZZZCMD", commands}, {"ZZZLST", names}});
-}
-
+// The command file of the file-version commands: the file named in
+// NAME="<..." becomes the request's data file, made from the request's
+// names (quotes and commas blanked, blanks trimmed, single characters
+// left out, up to an empty name).
 TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
   TempDir dir;
   std::string data = (dir.path() / "data").string(), commands = (dir.path() / "cmd").string();
   std::vector<char> record(kRecordSize);
-  smc_put(record, smc::fileName, data);
   ChildEntry entry;
   entry.transfer.path = commands;
-  std::vector<char> buf =
-      version_request({"restore NAME=\"<names.lst\" -v", "second"}, {"\"a,b\"", "c'd", " x ", "  long name  \n"});
-  EXPECT_EQ(quor_fileversion_rewrite(record, buf, entry, "ZZZCMD"), 0);
+  auto rewrite = [&](const std::vector<std::string>& command_lines, const std::vector<std::string>& names) {
+    smc_put(record, smc::fileName, data);
+    return quor_fileversion_rewrite(record, testutil::plain_request("U", {{"ZZZCMD", command_lines}, {"ZZZLST", names}}),
+                                    entry, "ZZZCMD");
+  };
+  EXPECT_EQ(rewrite({"restore NAME=\"<names.lst\" -v", "second"}, {"\"a,b\"", "c'd", " x ", "  long name  \n"}), 0);
   EXPECT_EQ(read_file(commands), "restore NAME=\"<" + data + "\" -v\nsecond\n");
   EXPECT_EQ(read_file(data), "a b\nc d\nlong name\n");
   EXPECT_EQ(smc_get(record, smc::fileName), "");
   EXPECT_FALSE(entry.transfer.stream) << "the command file was left open";
-
-  // Without "<" the command list is written as it stands.
-  ChildEntry plain;
-  plain.transfer.path = (dir.path() / "plain").string();
-  std::vector<char> record2(kRecordSize);
-  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"backup NAME=all now", "x"}, {"n1"}), plain, "ZZZCMD"), 0);
-  EXPECT_EQ(read_file(dir.path() / "plain"), "backup NAME=all now\nx\n");
-  // The names end at an empty one.
-  smc_put(record2, smc::fileName, data);
-  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"restore NAME=\"<x\""}, {"ann", "", "bob"}), plain, "ZZZCMD"), 0);
+  EXPECT_EQ(rewrite({"restore NAME=\"<x\""}, {"ann", "", "bob"}), 0);
   EXPECT_EQ(read_file(data), "ann\n");
-  // No NAME= at all, or no closing quote: nothing to rewrite.
-  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"archive all"}, {"n"}), plain, "ZZZCMD"), 4);
-  EXPECT_EQ(quor_fileversion_rewrite(record2, version_request({"archive NAME=\"<open"}, {"n"}), plain, "ZZZCMD"), 4);
+
+  // Without "<" the command list is written as it stands; without NAME=
+  // or a closing quote there is nothing to rewrite.
+  EXPECT_EQ(rewrite({"backup NAME=all now", "x"}, {"n1"}), 0);
+  EXPECT_EQ(read_file(commands), "backup NAME=all now\nx\n");
+  EXPECT_EQ(rewrite({"archive all"}, {"n"}), 4);
+  EXPECT_EQ(rewrite({"archive NAME=\"<open"}, {"n"}), 4);
 }
 
 }  // namespace
