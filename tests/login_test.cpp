@@ -139,13 +139,16 @@ class LoginReport : public ::testing::Test {
 // The agent's own report completes the login: the account, its group, the
 // activity time, and the agent as the login process; the transaction ends.
 // A report from a process the agent started counts as the agent's.
-TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
+// A second report for a logged-in user under the same account leaves the
+// previous login process running, only no longer recorded (reaped by the
+// first sweep after it ends); under another account it stops it.
+TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
   UserEntry& ann = pending("ann");
-  pid_t ann_pid = report_own(ann, "acct");
+  pid_t first = report_own(ann, "acct");
   EXPECT_EQ(ann.login_name, "acct");
   EXPECT_EQ(ann.group_id, std::to_string(getgid()));
   EXPECT_GE(ann.last_activity, std::time(nullptr) - 5);
-  EXPECT_EQ(ann.login_pid, ann_pid);
+  EXPECT_EQ(ann.login_pid, first);
   EXPECT_EQ(quor_child_count(), 0);
 
   UserEntry& bob = pending("bob");
@@ -162,6 +165,22 @@ TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
   EXPECT_EQ(bob.login_name, "other");
   EXPECT_EQ(quor_child_count(), 0);
   EXPECT_EQ(log().find("QUOR0300"), std::string::npos) << log();
+
+  pid_t second = report_own(ann, "acct");
+  EXPECT_EQ(ann.login_pid, second);
+  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
+  EXPECT_EQ(quor_disowned_count(), 1);
+  kill(first, SIGKILL);
+  siginfo_t info{};
+  waitid(P_PID, static_cast<id_t>(first), &info, WEXITED | WNOWAIT);
+  quor_garbage_collect(0);
+  EXPECT_EQ(quor_disowned_count(), 0);
+  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), -1) << "the ended process was not reaped";
+
+  pid_t third = report_own(ann, "changed");  // stops the second process: one second
+  EXPECT_EQ(ann.login_name, "changed");
+  EXPECT_EQ(ann.login_pid, third);
+  EXPECT_NE(waitpid(second, nullptr, WNOHANG), 0) << "the other account's process is still running";
 }
 
 // A report naming an agent but sent by anyone else (here the agent's parent)
@@ -184,29 +203,6 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
   serve();
   EXPECT_EQ(ann.login_name, "");
   EXPECT_EQ(quor_user_count(), 1);
-}
-
-// A second report for a logged-in user under another account stops the
-// previous login process; under the same account it is left running and
-// only no longer recorded, and reaped by the first sweep after it ends.
-TEST_F(LoginReport, ASecondReportReplacesTheLoginProcess) {
-  UserEntry& ann = pending("ann");
-  pid_t first = report_own(ann, "acct");
-  pid_t second = report_own(ann, "acct");
-  EXPECT_EQ(ann.login_pid, second);
-  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
-  EXPECT_EQ(quor_disowned_count(), 1);
-  kill(first, SIGKILL);
-  siginfo_t info{};
-  waitid(P_PID, static_cast<id_t>(first), &info, WEXITED | WNOWAIT);
-  quor_garbage_collect(0);
-  EXPECT_EQ(quor_disowned_count(), 0);
-  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), -1) << "the ended process was not reaped";
-
-  pid_t third = report_own(ann, "changed");  // stops the second process: one second
-  EXPECT_EQ(ann.login_name, "changed");
-  EXPECT_EQ(ann.login_pid, third);
-  EXPECT_NE(waitpid(second, nullptr, WNOHANG), 0) << "the other account's process is still running";
 }
 
 }  // namespace

@@ -128,10 +128,11 @@ class Sweep : public ::testing::Test {
 // 0x20 keeps an entry from being kept. A logoff agent's end logs its user
 // out and stops the login program; a service agent's end touches no user.
 // Only entries marked running (0x04) or reapable (0x20) end with their
-// process; an entry without a start attempt stays.
+// process; an entry without a start attempt stays. A user whose login
+// program ended is logged out, and transactions for it forget it.
 TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
   pid_t ok = exited(0), failed = exited(3), no_keep = exited(0), logoff = exited(0), service = exited(5);
-  pid_t unmarked = exited(0), killed = waiting(), login = waiting();
+  pid_t unmarked = exited(0), program = exited(0), killed = waiting(), login = waiting();
   kill(killed, SIGKILL);
   wait_ended(killed);
   agent(ok, 2, kChildRunning, &user("ok"));
@@ -142,35 +143,35 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
   agent(service, 1, kChildRunning, &user("service", 1000));
   agent(unmarked, 1, kChildContinuing);
   agent(0, 0, kChildNew);
+  ChildEntry& transaction = agent(waiting(), 1, kChildRunning, &user("gone", 1000, program));
 
   quor_garbage_collect(0);
 
-  ASSERT_EQ(quor_child_count(), 3);
+  EXPECT_EQ(transaction.user, nullptr);
+  ASSERT_EQ(quor_child_count(), 4);
   ASSERT_TRUE(entry(ok) && entry(unmarked) && entry(0)) << "an entry that stays went";
   EXPECT_EQ(entry(ok)->flags, kChildKept);
   for (auto [name, stays] : {std::pair{"ok", true}, {"no_keep", true}, {"service", true}, {"failed", false},
-                             {"killed", false}, {"leaving", false}})
+                             {"killed", false}, {"leaving", false}, {"gone", false}})
     EXPECT_EQ(has_user(name), stays) << name;
   EXPECT_FALSE(ours(login)) << "the logged-off user's login program was not stopped and reaped";
-  for (pid_t pid : {ok, failed, killed, no_keep, logoff, service}) EXPECT_FALSE(ours(pid)) << pid;
+  for (pid_t pid : {ok, failed, killed, no_keep, logoff, service, program}) EXPECT_FALSE(ours(pid)) << pid;
 
   // The kept entry is not reaped again, and stays until its report comes.
   quor_garbage_collect(1);
-  EXPECT_EQ(quor_child_count(), 3);
+  EXPECT_EQ(quor_child_count(), 4);
   EXPECT_TRUE(has_user("ok"));
 }
 
 // An agent older than the transaction time-out gets SIGTERM on every sweep
-// until it ends; a young one, an exempt one (0x40) and a kept login agent
+// until it ends; an exempt one (0x40) and a kept login agent
 // (it was reaped, so its pid is no longer ours to signal) never do.
 TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   quor_config().transaction_timeout = 5;
   auto [overdue, overdue_terms] = counting();
-  auto [young, young_terms] = counting();
   auto [exempt, exempt_terms] = counting();
   auto [kept, kept_terms] = counting();
   agent(overdue, 1).created -= 6;
-  agent(young, 1).created -= 2;
   agent(exempt, 1, kChildRunning | kChildNoTimeout).created -= 100;
   agent(kept, 2, kChildKept, &user("waiting")).created -= 100;
 
@@ -178,77 +179,20 @@ TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
     quor_garbage_collect(0);
     EXPECT_TRUE(byte_within(overdue_terms, 5000)) << "sweep " << sweep;
   }
-  EXPECT_FALSE(byte_within(young_terms, 200));
-  EXPECT_FALSE(byte_within(exempt_terms, 0));
+  EXPECT_FALSE(byte_within(exempt_terms, 200));
   EXPECT_FALSE(byte_within(kept_terms, 0));
-  EXPECT_EQ(quor_child_count(), 4) << "a signalled agent stays until it has ended";
+  EXPECT_EQ(quor_child_count(), 3) << "a signalled agent stays until it has ended";
 }
 
-// Users whose login program ended are logged out, and the transactions that
-// ran for them forget them; the default login program's pid is cleared when
-// it ends; idle users are logged out after the login time-out, users with
-// no activity time never.
-TEST_F(Sweep, LoginProgramsAndIdleUsers) {
-  std::time_t now = std::time(nullptr);
-  pid_t ended = exited(0), running = waiting(), default_login = exited(0), idle_program = waiting();
-  ChildEntry& transaction = agent(waiting(), 1, kChildRunning, &user("gone", now, ended));
-  user("running", now, running);
-  user("idle", now - 61, idle_program);
-  user("recent", now - 30);
-  user("pending", 0);
-  quor_config().login_timeout = 60;
-  quor_config().login_required = 0;
-  quor_config().default_login_child = default_login;
-
-  quor_garbage_collect(0);
-
-  for (auto [name, stays] :
-       {std::pair{"gone", false}, {"running", true}, {"idle", false}, {"recent", true}, {"pending", true}})
-    EXPECT_EQ(has_user(name), stays) << name;
-  EXPECT_EQ(transaction.user, nullptr);
-  for (pid_t pid : {ended, idle_program, default_login})
-    EXPECT_FALSE(ours(pid)) << "login program " << pid << " was not stopped and reaped";
-  EXPECT_EQ(quor_config().default_login_child, 0);
-}
-
-// A thousand agents, half started and ended (each removing the segment it
-// was handed, as agents do), half failed to start with their segment still
-// the daemon's: one sweep leaves no process, no entry and no segment.
-TEST_F(Sweep, AThousandAgentsLeaveNothingBehind) {
-  std::vector<int> segments;
-  for (int i = 0; i < 1000; ++i) {
-    int shm = new_segment();
-    ASSERT_NE(shm, -1) << "segment " << i;
-    segments.push_back(shm);
-    if (i % 2 == 0)
-      agent(-1, 0, kChildContinuing).shm_id = shm;
-    else
-      agent(start([shm] { return shmctl(shm, IPC_RMID, nullptr) == 0 ? 0 : 1; }), 1).shm_id = shm;
-  }
-  for (const ChildEntry& c : quor_children())
-    if (c.agent_pid > 0) wait_ended(c.agent_pid);
-
-  quor_garbage_collect(0);
-
-  EXPECT_EQ(quor_child_count(), 0);
-  siginfo_t info{};
-  EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), -1) << "a child process is left";
-  int left = 0;
-  for (int shm : segments)
-    if (segment_exists(shm)) {
-      ++left;
-      shmctl(shm, IPC_RMID, nullptr);
-    }
-  EXPECT_EQ(left, 0) << "shared memory segments left behind";
-}
-
-// A transaction whose next buffer does not come within the expiry, and a
-// login agent that ended without its report, are dropped with what they
-// hold: the segment, and the login's pending session. A shutdown then
+// A failed start (pid -1), a transaction whose next buffer does not come
+// within the expiry, and a login agent that ended without its report, are
+// dropped with what they hold: the segments, and the login's pending session;
+// an idle user is logged out, and its transactions forget it. A shutdown then
 // drops the transactions whose agent has not started, with their segments,
 // and leaves the running ones to the kill-all.
 TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
-  int stale_shm = new_segment(), recent_shm = new_segment();
+  int failed_shm = new_segment(), stale_shm = new_segment(), recent_shm = new_segment();
+  agent(-1, 0, kChildContinuing).shm_id = failed_shm;
   ChildEntry& stale = agent(0, 0, kChildContinuing);
   stale.shm_id = stale_shm;
   stale.type = 'L';
@@ -260,14 +204,18 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   recent.last_buffer -= kPendingExpirySeconds - 5;
   pid_t running = waiting();
   agent(running, 1);
+  quor_config().login_timeout = 60;
+  ChildEntry& idle = agent(waiting(), 1, kChildRunning, &user("idle", std::time(nullptr) - 61));
 
   quor_garbage_collect(0);
-  EXPECT_EQ(quor_child_count(), 2) << "only the recent transaction and the running agent stay";
-  EXPECT_FALSE(segment_exists(stale_shm)) << "the segment stayed";
+  EXPECT_EQ(quor_child_count(), 3) << "only the recent transaction and the running agents stay";
+  EXPECT_EQ(idle.user, nullptr);
+  EXPECT_FALSE(has_user("idle"));
+  EXPECT_FALSE(segment_exists(failed_shm) || segment_exists(stale_shm)) << "a segment stayed";
   EXPECT_FALSE(has_user("pending"));
 
   quor_abnormal_shutdown(quor_registration(), false);
-  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_EQ(quor_child_count(), 2);
   EXPECT_TRUE(entry(running));
   EXPECT_FALSE(segment_exists(recent_shm)) << "the segment stayed";
 }
