@@ -164,8 +164,8 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
 }
 
 // An agent older than the transaction time-out gets SIGTERM on every sweep
-// until it ends; an exempt one (0x40) and a kept login agent
-// (it was reaped, so its pid is no longer ours to signal) never do.
+// until it ends; an exempt one (0x40), a kept login agent (it was reaped,
+// so its pid is no longer ours to signal) and any under a time-out of 0 never do.
 TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   quor_config().transaction_timeout = 5;
   auto [overdue, overdue_terms] = counting();
@@ -182,14 +182,18 @@ TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   EXPECT_FALSE(byte_within(exempt_terms, 200));
   EXPECT_FALSE(byte_within(kept_terms, 0));
   EXPECT_EQ(quor_child_count(), 3) << "a signalled agent stays until it has ended";
+  quor_config().transaction_timeout = 0;  // no time-out at all
+  quor_garbage_collect(0);
+  EXPECT_FALSE(byte_within(overdue_terms, 200));
 }
 
 // A failed start (pid -1), a transaction whose next buffer does not come
 // within the expiry, and a login agent that ended without its report, are
 // dropped with what they hold: the segments, and the login's pending session;
-// an idle user is logged out, and its transactions forget it. A shutdown then
-// drops the transactions whose agent has not started, with their segments,
-// and leaves the running ones to the kill-all.
+// an idle user is logged out (never without a time-out), and its
+// transactions forget it. A shutdown then drops the transactions whose
+// agent has not started, with their segments, and leaves the running ones
+// to the kill-all.
 TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   int failed_shm = new_segment(), stale_shm = new_segment(), recent_shm = new_segment();
   agent(-1, 0, kChildContinuing).shm_id = failed_shm;
@@ -213,6 +217,10 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_FALSE(has_user("idle"));
   EXPECT_FALSE(segment_exists(failed_shm) || segment_exists(stale_shm)) << "a segment stayed";
   EXPECT_FALSE(has_user("pending"));
+  quor_config().login_timeout = 0;  // nobody is idle
+  user("ancient", 1);
+  quor_garbage_collect(0);
+  EXPECT_TRUE(has_user("ancient"));
 
   quor_abnormal_shutdown(quor_registration(), false);
   EXPECT_EQ(quor_child_count(), 2);
