@@ -203,11 +203,9 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   stale.user = &user("pending");
   stale.last_buffer -= kPendingExpirySeconds + 1;
   agent(exited(0), 2, kChildKept).last_buffer -= kPendingExpirySeconds + 1;
-  ChildEntry& recent = agent(0, 0, kChildContinuing);
-  recent.shm_id = recent_shm;
-  recent.last_buffer -= kPendingExpirySeconds - 5;
+  agent(0, 0, kChildContinuing).last_buffer -= kPendingExpirySeconds - 5;
   pid_t running = waiting();
-  agent(running, 1);
+  agent(running, 1, kChildRunning, &user("busy", std::time(nullptr)));
   quor_config().login_timeout = 60;
   ChildEntry& idle = agent(waiting(), 1, kChildRunning, &user("idle", std::time(nullptr) - 61));
 
@@ -215,6 +213,7 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_EQ(quor_child_count(), 3) << "only the recent transaction and the running agents stay";
   EXPECT_EQ(idle.user, nullptr);
   EXPECT_FALSE(has_user("idle"));
+  EXPECT_TRUE(has_user("busy"));
   EXPECT_FALSE(segment_exists(failed_shm) || segment_exists(stale_shm)) << "a segment stayed";
   EXPECT_FALSE(has_user("pending"));
   quor_config().login_timeout = 0;  // nobody is idle
@@ -222,6 +221,7 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   quor_garbage_collect(0);
   EXPECT_TRUE(has_user("ancient"));
 
+  agent(0, 0, kChildNew).shm_id = recent_shm;  // not yet in any index
   quor_abnormal_shutdown(quor_registration(), false);
   EXPECT_EQ(quor_child_count(), 2);
   EXPECT_TRUE(entry(running));
