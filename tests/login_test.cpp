@@ -1,6 +1,6 @@
-// Who a client is and what it may use, accounts, finding transactions by
-// client and by agent, and the login report (LOGININFO) sent by real agent
-// processes through the real transport.
+// Who a client is and what it may use, finding transactions by client and
+// by agent, and the login report (LOGININFO) sent by real agent processes
+// through the real transport.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -9,9 +9,9 @@
 #include "core_util.h"
 #include "momsg.h"
 #include "quoraccess.h"
-#include "quoraccount.h"
 #include "quordaemon.h"
 #include "quorkids.h"
+#include "quorsweep.h"
 #include "quorusers.h"
 #include "tev_client.h"
 
@@ -27,35 +27,25 @@ TransactionHeader from(std::string pid, std::string node) {
   return h;
 }
 
-class ChildLookup : public ::testing::Test {
- protected:
-  void TearDown() override { quor_children().clear(); }
-};
-
-// By client: pid and node must both match and the flags must share a bit
-// with the mask; a new entry is not found as a continuing one, so a second
-// first buffer makes a second transaction.
-TEST_F(ChildLookup, ByClient) {
+// By client: pid (as text) and node must both match and the flags share a
+// bit with the mask; a new entry is not found as a continuing one, so a
+// second first buffer makes a second transaction. By agent: the pid is read
+// as a number, the node must be this host, the flags share a bit with the
+// mask.
+TEST(ChildLookup, ByClientAndByAgent) {
   ChildEntry* first = quor_child_find(from("42", "far"), kChildContinuing, false);
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first->flags, kChildNew);
-  EXPECT_EQ(first->client_pid, "42");
-  EXPECT_EQ(first->client_node, "far");
+  EXPECT_EQ(first->client_pid + first->client_node, "42far");
   EXPECT_EQ(quor_child_find(from("42", "far"), kChildContinuing, true), nullptr);
   EXPECT_EQ(quor_child_find(from("42", "far"), kChildNew, true), first);
-  ChildEntry* second = quor_child_find(from("42", "far"), kChildContinuing, false);
-  EXPECT_NE(second, first);
-  EXPECT_EQ(quor_child_count(), 2);
-
+  EXPECT_NE(quor_child_find(from("42", "far"), kChildContinuing, false), first);
   first->flags = kChildContinuing;
   EXPECT_EQ(quor_child_find(from("42", "far"), kChildContinuing, true), first);
-  EXPECT_EQ(quor_child_find(from("042", "far"), kChildContinuing, true), nullptr) << "client pids are text";
-  EXPECT_EQ(quor_child_find(from("42", "near"), kChildContinuing, true), nullptr);
-}
+  for (auto [pid, node] : {std::pair{"042", "far"}, {"42", "near"}})
+    EXPECT_EQ(quor_child_find(from(pid, node), kChildContinuing, true), nullptr) << pid << node;
+  quor_children().clear();
 
-// By agent: the pid is read as a number, the node must be this host, and
-// the flags must share a bit with the mask.
-TEST_F(ChildLookup, ByAgent) {
   const std::string local = mo_nodename();
   ChildEntry& running = quor_child_new();
   running.agent_pid = 123;
@@ -71,21 +61,18 @@ TEST_F(ChildLookup, ByAgent) {
   for (const char* pid : {"", "x123", "-123", "99999999999999999999"})
     EXPECT_EQ(quor_child_find_agent(from(pid, local), mask), nullptr) << pid;
   EXPECT_EQ(quor_child_count(), 2);
+  quor_children().clear();
 }
 
-// A login report as an agent sends it: the daemon's own header writer, with
-// "PID" naming `named` and "USR" the account.
-std::vector<std::uint8_t> login_report(pid_t named, const std::string& account) {
-  return testutil::sealed_request("I", [&](TransactionHeader& h) {
+// Sends a login report as an agent does ("PID" naming `named`, "USR" the
+// account) to the test's server.
+int send_report(pid_t named, const std::string& account) {
+  TevClient client;
+  auto report = testutil::sealed_request("I", [&](TransactionHeader& h) {
     h.pid = std::to_string(named);
     h.user = account;
   });
-}
-
-// Sends a login report to the test's server and exits.
-int send_report(pid_t named, const std::string& account) {
-  TevClient client;
-  return client.call("TEST.LOGIN", login_report(named, account), 0, false).rc == 0 ? 0 : 1;
+  return client.call("TEST.LOGIN", report, 0, false).rc == 0 ? 0 : 1;
 }
 
 // The receiving side of a daemon registered in the test process: each
@@ -122,6 +109,19 @@ class LoginReport : public ::testing::Test {
     child.user = &user;
     return child;
   }
+  // A login agent for `user` that reports `account` itself, served. A slow
+  // one takes two seconds to end on SIGTERM.
+  pid_t report_own(UserEntry& user, std::string account, bool slow = false) {
+    pid_t pid = login_agent(user, [&] {
+      if (slow) signal(SIGTERM, [](int) {
+          sleep(2);
+          _exit(0);
+        });
+      send_report(getpid(), account);
+    }).agent_pid;
+    serve();
+    return pid;
+  }
   static UserEntry& pending(std::string name) {
     UserEntry& u = quor_user_new();
     u.user_name = std::move(name);
@@ -146,14 +146,17 @@ class LoginReport : public ::testing::Test {
 // The agent's own report completes the login: the account, its group, the
 // activity time, and the agent as the login process; the transaction ends.
 // A report from a process the agent started counts as the agent's.
-TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
+// A second report for a logged-in user under the same account leaves the
+// previous login process running, only no longer recorded; under another
+// account it stops it, and drops it if it outlives the grace. Either is
+// reaped by the first sweep after it ends.
+TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
   UserEntry& ann = pending("ann");
-  pid_t ann_pid = login_agent(ann, [] { send_report(getpid(), "acct"); }).agent_pid;
-  serve();
+  pid_t first = report_own(ann, "acct");
   EXPECT_EQ(ann.login_name, "acct");
   EXPECT_EQ(ann.group_id, std::to_string(getgid()));
   EXPECT_GE(ann.last_activity, std::time(nullptr) - 5);
-  EXPECT_EQ(ann.login_pid, ann_pid);
+  EXPECT_EQ(ann.login_pid, first);
   EXPECT_EQ(quor_child_count(), 0);
 
   UserEntry& bob = pending("bob");
@@ -170,6 +173,25 @@ TEST_F(LoginReport, FromTheAgentOrItsChildCompletesTheLogin) {
   EXPECT_EQ(bob.login_name, "other");
   EXPECT_EQ(quor_child_count(), 0);
   EXPECT_EQ(log().find("QUOR0300"), std::string::npos) << log();
+
+  pid_t second = report_own(ann, "acct", true);
+  EXPECT_EQ(ann.login_pid, second);
+  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
+  EXPECT_EQ(quor_disowned_count(), 1);
+
+  pid_t third = report_own(ann, "changed");  // stops the second process: one second
+  EXPECT_EQ(ann.login_name, "changed");
+  EXPECT_EQ(ann.login_pid, third);
+  EXPECT_EQ(quor_disowned_count(), 2) << "the second process outlived the grace and was dropped";
+  kill(first, SIGKILL);
+  for (pid_t pid : {first, second})  // the second ends only on SIGTERM
+    EXPECT_TRUE(testutil::eventually([pid] {
+      siginfo_t info{};
+      return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
+    })) << pid;
+  quor_garbage_collect(0);
+  EXPECT_EQ(quor_disowned_count(), 0);
+  for (pid_t pid : {first, second}) EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "ended process not reaped";
 }
 
 // A report naming an agent but sent by anyone else (here the agent's parent)
@@ -192,53 +214,6 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
   serve();
   EXPECT_EQ(ann.login_name, "");
   EXPECT_EQ(quor_user_count(), 1);
-}
-
-// A second report for a logged-in user under another account stops the
-// previous login process; under the same account it is left running and
-// only no longer recorded (it is reaped by a sweep once it ends).
-TEST_F(LoginReport, ASecondReportReplacesTheLoginProcess) {
-  UserEntry& ann = pending("ann");
-  login_agent(ann, [] { send_report(getpid(), "acct"); });
-  serve();
-  pid_t first = ann.login_pid;
-
-  login_agent(ann, [] { send_report(getpid(), "acct"); });
-  serve();
-  pid_t second = ann.login_pid;
-  EXPECT_NE(second, first);
-  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
-  EXPECT_EQ(quor_disowned_count(), 1);
-
-  login_agent(ann, [] { send_report(getpid(), "changed"); });
-  serve();  // stops the second process: one second
-  EXPECT_EQ(ann.login_name, "changed");
-  EXPECT_NE(ann.login_pid, second);
-  EXPECT_NE(waitpid(second, nullptr, WNOHANG), 0) << "the other account's process is still running";
-}
-
-// An account's identity as agents and login programs take it on: looked
-// up with its groups, and, in a child process, taken on for good.
-TEST(Accounts, LookedUpAndTakenOn) {
-  EXPECT_FALSE(quor_account("no such account here"));
-  std::optional<Account> nobody = quor_account("nobody");
-  if (!nobody) GTEST_SKIP() << "no account 'nobody'";
-  EXPECT_NE(std::find(nobody->groups.begin(), nobody->groups.end(), nobody->gid), nobody->groups.end());
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
-  testutil::Child child([&] {
-    if (!quor_account_become(*nobody)) return 1;
-    if (getuid() != nobody->uid || geteuid() != nobody->uid || getgid() != nobody->gid) return 2;
-    gid_t groups[64];
-    int n = getgroups(64, groups);
-    if (n != static_cast<int>(nobody->groups.size())) return 3;
-    return setuid(0) == 0 ? 4 : 0;
-  });
-  EXPECT_EQ(child.wait(), 0);
-  // Root's own account is taken on as it is: it can take root back.
-  std::optional<Account> root = quor_account("root");
-  ASSERT_TRUE(root);
-  testutil::Child as_root([&] { return quor_account_become(*root) && getuid() == 0 ? 0 : 1; });
-  EXPECT_EQ(as_root.wait(), 0);
 }
 
 }  // namespace

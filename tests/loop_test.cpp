@@ -1,6 +1,5 @@
 // The receive loop driven by a scripted receive: the five-failures rule,
-// bad messages that must not count, and the dispatch of 'K', 'T', empty and
-// unknown types.
+// and the dispatch of 'T', empty and unknown types.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -12,120 +11,92 @@
 #include "quordaemon.h"
 #include "quordebug.h"
 
-using testutil::EnvGuard;
-using testutil::TempDir;
-
 namespace {
 
-// One scripted receive: a result code, and for 0 the request type.
-struct Step {
-  int rc;
-  std::string type;
-};
-
-std::deque<Step> g_script;
+// The scripted receives: a result code, and for 0 the request type.
+std::deque<std::pair<int, std::string>> g_script;
 int g_fatal_calls = 0;
 int g_pauses = 0;
-int g_receives = 0;
 
 int scripted_receive(ConnRecord& conn, std::span<char> buf) {
-  ++g_receives;
-  if (g_script.empty()) {
-    // Nothing left to say: stop the loop as a termination signal would.
-    running = 0;
-    conn.fb.FB_ErrorText = "Receive was canceled";
-    return 2;
-  }
-  Step step = g_script.front();
-  g_script.pop_front();
   std::fill(buf.begin(), buf.end(), '\0');
-  if (step.rc != 0) {
+  // Nothing left to say: stop the loop as a termination signal would.
+  auto [rc, type] = g_script.empty() ? std::pair{2, std::string()} : g_script.front();
+  if (g_script.empty())
+    running = 0;
+  else
+    g_script.pop_front();
+  if (rc != 0) {
     conn.fb.FB_ErrorText = "Receive was canceled";
-    return step.rc;
+    return rc;
   }
   conn.inquiry = TevInquiry{true, getpid(), getuid(), getgid(), {}};  // the operator
   std::size_t length = 0;
-  auto request = testutil::make_request(step.type, length);
-  std::copy(request.begin(), request.begin() + static_cast<long>(length), buf.begin());
+  auto request = testutil::make_request(type, length);
+  std::copy_n(request.begin(), length, buf.begin());
   return 0;
 }
 
-void record_fatal(ConnRecord&) {
-  ++g_fatal_calls;
-  running = 0;  // the real one exits; here the loop just ends
+// How often `needle` is in the log under `root`; the log is then emptied.
+int logged(const testutil::TempDir& root, const std::string& needle) {
+  std::string log = testutil::read_file(root.path() / "quor/log/quordaemon.log");
+  int n = 0;
+  for (auto at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
+  return n;
 }
 
-unsigned count_pause(unsigned) {
-  ++g_pauses;
-  return 0;
-}
-
-class LoopTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    g_script.clear();
-    g_fatal_calls = g_pauses = g_receives = 0;
+TEST(Loop, FailedReceivesCountUntilFiveInARowAndTypesAreTracedWhenDebugging) {
+  // Each script, whether debugging, and what the loop must do: the type it
+  // dispatched last, the fatal-handler calls, the pauses after failures,
+  // and how often messages are logged.
+  struct Case {
+    const char* name;
+    std::deque<std::pair<int, std::string>> script;
+    bool debug;
+    char last;
+    int fatal, pauses, failures, no_message, unknown;
+  };
+  const Case cases[] = {
+      {"a success restarts the count", {{2, ""}, {2, ""}, {2, ""}, {2, ""}, {0, "Z"},
+                                        {2, ""}, {2, ""}, {2, ""}, {2, ""}, {0, "T"}}, false, 'T', 0, 8, 8, 0, 0},
+      {"five in a row are fatal", {{2, ""}, {2, ""}, {2, ""}, {2, ""}, {2, ""}, {0, "B"}}, false, '\0', 1, 4, 5, 0, 0},
+      {"odd types untraced", {{0, ""}, {0, "z"}, {0, "Q"}, {0, "T"}}, false, 'T', 0, 0, 0, 0, 0},
+      {"odd types traced", {{0, ""}, {0, "z"}, {0, "Q"}, {0, "T"}}, true, 'T', 0, 0, 0, 1, 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    testutil::TempDir dir;
+    testutil::EnvGuard root("MOXGLBL0000", dir.str());
     mo_reset();
-    quor_set_debug(false);
-  }
-  void TearDown() override {
-    quor_set_debug(false);
-    mo_reset();
-  }
-
-  char run(std::deque<Step> script) {
-    g_script = std::move(script);
+    quor_set_debug(c.debug);
+    g_script = c.script;
+    g_fatal_calls = g_pauses = 0;
     LoopHooks hooks;
     hooks.receive = scripted_receive;
-    hooks.fatal = record_fatal;
-    hooks.pause = count_pause;
-    return quor_receive_loop(*loop_, hooks);
+    hooks.fatal = [](ConnRecord&) {
+      ++g_fatal_calls;
+      running = 0;  // the real one exits; here the loop just ends
+    };
+    hooks.pause = [](unsigned) -> unsigned {
+      ++g_pauses;
+      return 0;
+    };
+    auto loop = std::make_unique<DaemonLoop>();
+    testing::internal::CaptureStdout();
+    char last = quor_receive_loop(*loop, hooks);
+    std::string out = testing::internal::GetCapturedStdout();
+    quor_set_debug(false);
+    EXPECT_EQ(last, c.last);
+    EXPECT_EQ(g_fatal_calls, c.fatal);
+    EXPECT_EQ(g_pauses, c.pauses);
+    EXPECT_EQ(logged(dir, "QUOR0008S"), c.failures);
+    EXPECT_EQ(logged(dir, "Receive was canceled"), c.failures);
+    EXPECT_EQ(logged(dir, "QUOR0202T"), c.no_message);
+    EXPECT_EQ(logged(dir, "QUOR0203T"), c.unknown);
+    for (const char* trace : {"QUOR0202T", ":  received a message.\n", ":  message type TERMINATE\n", "    transcode=z, pid="})
+      EXPECT_EQ(out.find(trace) != std::string::npos, c.debug) << trace;
   }
-
-  int log_count(const std::string& needle) {
-    std::string log = testutil::read_file(dir_.path() / "quor/log/quordaemon.log");
-    int n = 0;
-    for (auto at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
-    return n;
-  }
-
-  TempDir dir_;
-  EnvGuard root_{"MOXGLBL0000", dir_.str()};
-  std::unique_ptr<DaemonLoop> loop_ = std::make_unique<DaemonLoop>();
-};
+  mo_reset();
+}
 
 }  // namespace
-
-TEST_F(LoopTest, ASuccessfulReceiveRestartsTheFailureCount) {
-  char last = run({{2, ""}, {2, ""}, {2, ""}, {2, ""}, {0, "Z"},
-                   {2, ""}, {2, ""}, {2, ""}, {2, ""}, {0, "T"}});
-  EXPECT_EQ(last, 'T');
-  EXPECT_EQ(g_fatal_calls, 0);
-  EXPECT_EQ(g_pauses, 8);
-  EXPECT_EQ(log_count("QUOR0008S"), 8);
-}
-
-TEST_F(LoopTest, FiveFailedReceivesInARowEndTheDaemon) {
-  run({{2, ""}, {2, ""}, {2, ""}, {2, ""}, {2, ""}, {0, "B"}});
-  EXPECT_EQ(g_fatal_calls, 1);
-  EXPECT_EQ(g_receives, 5);
-  EXPECT_EQ(log_count("QUOR0008S"), 5);
-  EXPECT_EQ(log_count("Receive was canceled"), 5);
-}
-
-TEST_F(LoopTest, EmptyAndUnknownTypesAreOnlyTracedWhenDebugging) {
-  run({{0, ""}, {0, "z"}, {0, "Q"}, {0, "T"}});
-  EXPECT_EQ(log_count("QUOR0202T"), 0);
-  EXPECT_EQ(log_count("QUOR0203T"), 0);
-
-  quor_set_debug(true);
-  testing::internal::CaptureStdout();
-  run({{0, ""}, {0, "z"}, {0, "Q"}, {0, "T"}});
-  std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(log_count("QUOR0202T"), 1);
-  EXPECT_EQ(log_count("QUOR0203T"), 2);
-  EXPECT_NE(out.find("QUOR0202T"), std::string::npos) << out;
-  EXPECT_NE(out.find(":  received a message.\n"), std::string::npos);
-  EXPECT_NE(out.find(":  message type TERMINATE\n"), std::string::npos);
-  EXPECT_NE(out.find("    transcode=z, pid="), std::string::npos);
-}

@@ -3,7 +3,7 @@
 // by a forked child; and the captured error output.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <functional>
 
 #include "forked_server.h"
 #include "momsg.h"
@@ -15,73 +15,9 @@
 
 using namespace forked;
 
-TEST_F(ForkedServer, ErrorReplyReachesTheClientAsTheDocumentedSegments) {
-  testutil::Child child([&] {
-    std::array<char, BUFFER_MAX> buf{};
-    receive_or_die(server_, buf);
-    return quor_error_reply(1, "bad", server_) == 0 ? 0 : 11;
-  });
-  TevCallResult result = ask("S");
-  ASSERT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
-  ASSERT_EQ(result.replies.size(), 1u);
-  EXPECT_EQ(result.replies[0].kind, kTevKindData);
-  EXPECT_EQ(child.wait(), 0);
-
-  Decoded d = decode(result.replies[0].payload);
-  EXPECT_EQ(d.tran.transcode + d.tran.continuation + d.tran.ostype, "ENUNIX1");
-  // The error segment, then the trailer and the end-of-data mark.
-  std::string text(d.plain.begin(), d.plain.end() - 1);
-  EXPECT_TRUE(text.ends_with(testutil::nul_join({"ZZZRET", "ZZZLEN", "   25", "RC", "1", "RM", "bad", "ZZZEOS", "ZZZTRL",
-                                                 "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"})));
-}
-
-TEST_F(ForkedServer, ErrorReplyCutsATextTooLongForOneBuffer) {
-  testutil::Child child([&] {
-    std::array<char, BUFFER_MAX> buf{};
-    receive_or_die(server_, buf);
-    return quor_error_reply(3, std::string(40000, 'x'), server_) == 0 ? 0 : 11;
-  });
-  TevCallResult result = ask("S");
-  ASSERT_EQ(result.rc, 0);
-  EXPECT_EQ(child.wait(), 0);
-  Decoded d = decode(result.replies.at(0).payload);
-  auto items = segment_strings(d.plain, "ZZZRET");
-  ASSERT_EQ(items.size(), 4u);
-  EXPECT_GT(items[3].size(), 30000u);
-  EXPECT_LE(d.plain.size() - 1, BUFFER_MAX);
-
-  // A reply that cannot be sent is a failure, and logged.
-  server_.remote.set_app_name("GONE.CLIENT");
-  EXPECT_NE(quor_error_reply(1, "bad", server_), 0);
-  EXPECT_NE(testutil::read_file(dir_.path() / "quor/log/quordaemon.log").find("QUOR0009"), std::string::npos);
-}
-
-TEST(CapturedOutput, ReadingReturnsTheTextOnceThenTheCatalogueText) {
-  TempDir dir;
-  EnvGuard root("MOXGLBL0000", dir.str());
-  mo_reset();
-  std::string path = (dir.path() / "DMNcapture").string();
-  quor_capture_set_file(path);
-  {
-    std::ofstream(path) << "agent: cannot open table\n";
-  }
-  EXPECT_EQ(quor_capture_output(3), "agent: cannot open table\n");
-  EXPECT_EQ(testutil::read_file(path), "");  // emptied: the next failure reports only its own
-  std::string fallback3 = quor_capture_output(3);
-  EXPECT_EQ(fallback3, quor_msg_text(128, 2));
-  EXPECT_FALSE(fallback3.empty());
-  EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
-  EXPECT_NE(quor_msg_text(23, 4), fallback3);
-
-  quor_capture_set_file(dir.str());  // unreadable: a directory
-  EXPECT_EQ(quor_capture_output(3), fallback3);
-  quor_capture_set_file("");  // no capture file at all
-  EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
-}
-
 namespace {
 
-class StatusReport : public ForkedServer {
+class Reply : public ForkedServer {
  protected:
   void TearDown() override {
     quor_users().clear();
@@ -90,29 +26,62 @@ class StatusReport : public ForkedServer {
     ForkedServer::TearDown();
   }
 
-  // Every "ZZZSTS" item of the report of `type`, and the replies themselves.
-  std::vector<std::string> report(char type, TevCallResult& result) {
+  // The replies to a request of `type` that a child receives and answers
+  // with `reply`, whose result is the child's exit status (expected 0).
+  TevCallResult serve(char type, const std::function<int(std::span<char>)>& reply) {
     testutil::Child child([&] {
       std::array<char, BUFFER_MAX> buf{};
       receive_or_die(server_, buf);
-      return quor_status_report(type, server_, buf);
+      return reply(buf);
     });
-    result = ask(std::string(1, type));
+    TevCallResult result = ask(std::string(1, type));
     EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
+    return result;
+  }
+  TevCallResult error_reply(int rc, std::string text) {
+    return serve('S', [&](std::span<char>) { return quor_error_reply(rc, text, server_); });
+  }
+  // Every "ZZZSTS" item of the status report of `type`, and the replies.
+  std::vector<std::string> report(char type, TevCallResult* replies = nullptr) {
+    TevCallResult result = serve(type, [&](std::span<char> buf) { return quor_status_report(type, server_, buf); });
     std::vector<std::string> items;
-    for (const TevReply& reply : result.replies) {
-      Decoded d = decode(reply.payload);
-      for (std::string& s : segment_strings(d.plain, kStatusTag)) items.push_back(std::move(s));
-    }
+    for (const TevReply& reply : result.replies)
+      for (std::string& s : segment_strings(decode(reply.payload).plain, kStatusTag)) items.push_back(std::move(s));
+    if (replies != nullptr) *replies = std::move(result);
     return items;
   }
-  std::vector<std::string> report(char type) {
-    TevCallResult ignored;
-    return report(type, ignored);
-  }
+  std::string log() const { return testutil::read_file(dir_.path() / "quor/log/quordaemon.log"); }
 };
 
-TEST_F(StatusReport, ALongConfigurationPathTakesTwoLines) {
+// An error reply: the error segment, trailer and end mark as one data
+// reply; a text too long for one buffer cut to fit it; and one that cannot
+// be sent is a failure, and logged.
+TEST_F(Reply, ErrorReplies) {
+  TevCallResult result = error_reply(1, "bad");
+  ASSERT_EQ(result.replies.size(), 1u);
+  EXPECT_EQ(result.replies[0].kind, kTevKindData);
+  Decoded d = decode(result.replies[0].payload);
+  EXPECT_EQ(d.tran.transcode + d.tran.continuation + d.tran.ostype, "ENUNIX1");
+  std::string text(d.plain.begin(), d.plain.end() - 1);
+  EXPECT_TRUE(text.ends_with(testutil::nul_join({"ZZZRET", "ZZZLEN", "   25", "RC", "1", "RM", "bad", "ZZZEOS", "ZZZTRL",
+                                                 "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"})));
+
+  d = decode(error_reply(3, std::string(40000, 'x')).replies.at(0).payload);
+  auto items = segment_strings(d.plain, "ZZZRET");
+  ASSERT_EQ(items.size(), 4u);
+  EXPECT_GT(items[3].size(), 30000u);
+  EXPECT_LE(d.plain.size() - 1, BUFFER_MAX);
+
+  server_.remote.set_app_name("GONE.CLIENT");
+  EXPECT_NE(quor_error_reply(1, "bad", server_), 0);
+  EXPECT_NE(log().find("QUOR0009"), std::string::npos);
+}
+
+// The brief report shows a configuration path too long for its line on a
+// line of its own; the full one adds the active users and the agents that
+// run or continue.
+TEST_F(Reply, StatusReportLines) {
   quor_config().config_path = "/" + std::string(240, 'p');  // 241 characters: one line
   EXPECT_EQ(report('B').size(), 6u);
   quor_config().config_path = "/" + std::string(241, 'p');  // 242: two lines
@@ -120,13 +89,10 @@ TEST_F(StatusReport, ALongConfigurationPathTakesTwoLines) {
   ASSERT_EQ(brief.size(), 7u);
   EXPECT_EQ(brief[2], "    Config path is -\n");
   EXPECT_EQ(brief[3], "    " + quor_config().config_path + "\n");
-}
 
-TEST_F(StatusReport, FullReportListsActiveUsersAndRunningAgentsOnly) {
-  UserEntry& pending = quor_user_new();
-  pending.user_name = "pending";
-  UserEntry& ann = quor_user_new();
-  ann = UserEntry{"ann", "pc7", "ann_l", "100", 1000, 0, {}};
+  quor_config() = QuorConfig{};
+  quor_user_new().user_name = "pending";
+  quor_user_new() = UserEntry{"ann", "pc7", "ann_l", "100", 1000, 0, {}};
   for (auto [pid, flags] : {std::pair{-1, kChildRunning}, {0, kChildNew}, {41, kChildContinuing}, {42, kChildRunning}}) {
     ChildEntry& child = quor_child_new();
     child.agent_pid = pid;
@@ -134,6 +100,7 @@ TEST_F(StatusReport, FullReportListsActiveUsersAndRunningAgentsOnly) {
     child.client_node = "n" + std::to_string(pid);
   }
   std::vector<std::string> full = report('F');
+  ASSERT_EQ(full.size(), 11u);
   EXPECT_EQ(full[4], "    2 users logged into quor\n");
   EXPECT_EQ(full[5], "    4 transactions in progress.\n");
   EXPECT_EQ(std::vector<std::string>(full.begin() + 6, full.end()),
@@ -141,58 +108,77 @@ TEST_F(StatusReport, FullReportListsActiveUsersAndRunningAgentsOnly) {
                                       "    PID 42 from node n42\n", "    PID 41 from node n41\n"}));
 }
 
-TEST_F(StatusReport, AFullReportLargerThanABufferArrivesInOrderOverSeveralBuffers) {
-  // Lines of about 260 bytes: 400 of them need four buffers.
-  for (int i = 0; i < 400; ++i) {
-    UserEntry& user = quor_user_new();
-    user.user_name = "user" + std::to_string(i);
-    user.node_name = std::string(200, 'n');
-    user.login_name = "l";
-    user.last_activity = 1;
-  }
-  TevCallResult result;
-  std::vector<std::string> items = report('F', result);
-  ASSERT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
-  ASSERT_GE(result.replies.size(), 4u);
-  for (std::size_t i = 0; i < result.replies.size(); ++i) {
-    bool last = i + 1 == result.replies.size();
-    Decoded d = decode(result.replies[i].payload);
-    EXPECT_EQ(*d.trailer.more_data, last ? "N" : "Y") << i;
-    EXPECT_EQ(result.replies[i].kind, last ? kTevKindData : kTevKindConv) << i;
-    EXPECT_EQ(d.tran.transcode + d.tran.continuation, i == 0 ? "FN" : "SY") << i;
-    EXPECT_EQ(result.replies[i].sender.rfind(last ? "TEST.SRV" : "QUOR.", 0), 0u) << i;
-    EXPECT_LE(result.replies[i].payload.size(), BUFFER_MAX);
-  }
-  // The users appear once each, newest first, across the buffers.
-  std::vector<std::string> users;
-  for (const std::string& item : items)
-    if (item.rfind("    User ", 0) == 0) users.push_back(item.substr(9, item.find(' ', 9) - 9));
-  ASSERT_EQ(users.size(), 400u);
-  for (int i = 0; i < 400; ++i) EXPECT_EQ(users[static_cast<std::size_t>(i)], "user" + std::to_string(399 - i));
-}
-
-// However the last line falls, every buffer of a full report ends with its
-// trailer and "ZZZEOD": the last user line leaving just the room for the
-// end of a buffer, and no more, included.
-TEST_F(StatusReport, EveryBufferEndsWithItsTrailerWhereverTheLastLineFalls) {
+// A full report over two buffers, however its last user line falls (the
+// one leaving just the room for the end of a buffer, and no more, too):
+// every buffer ends with its trailer and "ZZZEOD", each but the last says
+// more comes, and the users appear once each, newest first.
+TEST_F(Reply, AFullReportOverSeveralBuffers) {
   bool full_buffer = false;
+  bool several = false;
   for (std::size_t length = 150; length <= 250 && !HasFailure(); ++length) {
     quor_users().clear();
-    UserEntry& last = quor_user_new();  // listed last
-    last = UserEntry{"last", std::string(length, 'n'), "l", "", 1, 0, {}};
-    for (int i = 0; i < 132; ++i)
+    quor_user_new() = UserEntry{"last", std::string(length, 'n'), "l", "", 1, 0, {}};  // listed last
+    std::vector<std::string> expected = {"last"};
+    for (int i = 0; i < 132; ++i) {
       quor_user_new() = UserEntry{"user" + std::to_string(i), std::string(i == 0 ? 100 : 200, 'n'), "l", "", 1, 0, {}};
+      expected.insert(expected.begin(), "user" + std::to_string(i));
+    }
     TevCallResult result;
-    report('F', result);
-    ASSERT_EQ(result.rc, 0) << length;
-    for (const TevReply& reply : result.replies) {
-      std::vector<char> plain(reply.payload.begin(), reply.payload.end());
-      ASSERT_EQ(quor_wire_open(plain, plain.size()), plain.size());
-      EXPECT_EQ(std::string(plain.end() - 7, plain.end()), std::string("ZZZEOD", 7)) << length;
-      full_buffer = full_buffer || plain.size() == BUFFER_MAX;
+    std::vector<std::string> users;
+    for (const std::string& item : report('F', &result))
+      if (item.starts_with("    User ")) users.push_back(item.substr(9, item.find(' ', 9) - 9));
+    EXPECT_EQ(users, expected) << length;
+    several = several || result.replies.size() > 1;
+    for (std::size_t i = 0; i < result.replies.size(); ++i) {
+      Decoded d = decode(result.replies[i].payload);
+      // Transaction code and continuation, then whether more comes.
+      std::string marks = std::string(i == 0 ? "FN" : "SY") + (i + 1 == result.replies.size() ? "N" : "Y");
+      EXPECT_EQ(d.tran.transcode + d.tran.continuation + *d.trailer.more_data, marks) << length << " " << i;
+      EXPECT_EQ(std::string(d.plain.end() - 8, d.plain.end()), std::string("ZZZEOD\0", 8)) << length << " " << i;
+      full_buffer = full_buffer || result.replies[i].payload.size() == BUFFER_MAX;
     }
   }
   EXPECT_TRUE(full_buffer) << "no report filled its buffer to the last byte";
+  EXPECT_TRUE(several) << "no report took more than one buffer";
+}
+
+// An agent line needing the next buffer, for a client that never answers
+// the partial reply: the report stops there, failed, and sends nothing more.
+TEST_F(Reply, AFullReportStopsWhenAPartialReplyIsNotAnswered) {
+  for (int pid = 1; pid <= 200; ++pid) {
+    ChildEntry& child = quor_child_new();
+    child.agent_pid = pid;
+    child.flags = kChildRunning;
+    child.client_node = std::string(200, 'n');
+  }
+  testutil::Child child([&] {
+    std::array<char, BUFFER_MAX> buf{};
+    receive_or_die(server_, buf);
+    return quor_status_report('F', server_, buf);
+  });
+  TevClient silent;
+  ASSERT_EQ(silent.call("TEST.SRV", testutil::sealed_request("F"), 0, false).rc, 0);
+  EXPECT_EQ(child.wait(), 2);
+  EXPECT_NE(log().find("QUOR0009"), std::string::npos);
 }
 
 }  // namespace
+
+TEST(CapturedOutput, ReadingReturnsTheTextOnceThenTheCatalogueText) {
+  TempDir dir;
+  EnvGuard root("MOXGLBL0000", dir.str());
+  mo_reset();
+  std::string path = (dir.path() / "DMNcapture").string();
+  quor_capture_set_file(path);
+  testutil::write_file(path, "agent: cannot open table\n");
+  EXPECT_EQ(quor_capture_output(3), "agent: cannot open table\n");
+  EXPECT_EQ(testutil::read_file(path), "");  // emptied: the next failure reports only its own
+  std::string fallback3 = quor_capture_output(3);
+  EXPECT_EQ(fallback3, quor_msg_text(128, 2));
+  EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
+
+  quor_capture_set_file(dir.str());  // unreadable: a directory
+  EXPECT_EQ(quor_capture_output(3), fallback3);
+  quor_capture_set_file("");  // no capture file at all
+  EXPECT_EQ(quor_capture_output(1), quor_msg_text(23, 4));
+}

@@ -33,6 +33,8 @@ bool ours(pid_t pid) {
   return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
+int new_segment() { return shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600); }
+
 bool segment_exists(int shm) {
   shmid_ds ds{};
   return shmctl(shm, IPC_STAT, &ds) == 0;
@@ -112,8 +114,9 @@ class Sweep : public ::testing::Test {
   static bool has_user(const std::string& name) {
     return std::ranges::any_of(quor_users(), [&](const UserEntry& u) { return u.user_name == name; });
   }
-  static bool has_agent(pid_t pid) {
-    return std::ranges::any_of(quor_children(), [&](const ChildEntry& c) { return c.agent_pid == pid; });
+  static const ChildEntry* entry(pid_t pid) {
+    auto it = std::ranges::find(quor_children(), pid, &ChildEntry::agent_pid);
+    return it == quor_children().end() ? nullptr : &*it;
   }
 
   std::vector<pid_t> started_;
@@ -124,9 +127,12 @@ class Sweep : public ::testing::Test {
 // login report and keeps the user; a failure or a signal logs the user out.
 // 0x20 keeps an entry from being kept. A logoff agent's end logs its user
 // out and stops the login program; a service agent's end touches no user.
-TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsUser) {
+// Only entries marked running (0x04) or reapable (0x20) end with their
+// process; an entry without a start attempt stays. A user whose login
+// program ended is logged out, and transactions for it forget it.
+TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
   pid_t ok = exited(0), failed = exited(3), no_keep = exited(0), logoff = exited(0), service = exited(5);
-  pid_t killed = waiting(), login = waiting();
+  pid_t unmarked = exited(0), program = exited(0), killed = waiting(), login = waiting();
   kill(killed, SIGKILL);
   wait_ended(killed);
   agent(ok, 2, kChildRunning, &user("ok"));
@@ -135,59 +141,37 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsUser) {
   agent(no_keep, 2, kChildRunning | kChildNoKeep, &user("no_keep"));
   agent(logoff, 3, kChildRunning, &user("leaving", 1000, login));
   agent(service, 1, kChildRunning, &user("service", 1000));
+  agent(unmarked, 1, kChildContinuing);
+  agent(0, 0, kChildNew);
+  ChildEntry& transaction = agent(waiting(), 1, kChildRunning, &user("gone", 1000, program));
 
   quor_garbage_collect(0);
 
-  ASSERT_EQ(quor_child_count(), 1);
-  EXPECT_EQ(quor_children().front().agent_pid, ok);
-  EXPECT_EQ(quor_children().front().flags, kChildKept);
+  EXPECT_EQ(transaction.user, nullptr);
+  ASSERT_EQ(quor_child_count(), 4);
+  ASSERT_TRUE(entry(ok) && entry(unmarked) && entry(0)) << "an entry that stays went";
+  EXPECT_EQ(entry(ok)->flags, kChildKept);
   for (auto [name, stays] : {std::pair{"ok", true}, {"no_keep", true}, {"service", true}, {"failed", false},
-                             {"killed", false}, {"leaving", false}})
+                             {"killed", false}, {"leaving", false}, {"gone", false}})
     EXPECT_EQ(has_user(name), stays) << name;
   EXPECT_FALSE(ours(login)) << "the logged-off user's login program was not stopped and reaped";
-  for (pid_t pid : {ok, failed, killed, no_keep, logoff, service}) EXPECT_FALSE(ours(pid)) << pid;
+  for (pid_t pid : {ok, failed, killed, no_keep, logoff, service, program}) EXPECT_FALSE(ours(pid)) << pid;
 
   // The kept entry is not reaped again, and stays until its report comes.
   quor_garbage_collect(1);
-  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_EQ(quor_child_count(), 4);
   EXPECT_TRUE(has_user("ok"));
 }
 
-// Only entries marked running (0x04) or reapable (0x20) end with their
-// process; a failed start (pid -1) is dropped with its segment; an entry
-// without a start attempt stays.
-TEST_F(Sweep, WhichEntriesAreReapedAndDropped) {
-  pid_t unmarked = exited(0), marked = exited(0);
-  agent(unmarked, 1, kChildContinuing);
-  agent(marked, 1, kChildNoKeep);
-  int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-  ASSERT_NE(shm, -1);
-  agent(-1, 0, kChildContinuing).shm_id = shm;
-  agent(0, 0, kChildNew);
-
-  quor_garbage_collect(0);
-
-  EXPECT_TRUE(has_agent(unmarked)) << "an unmarked entry went with its process";
-  EXPECT_FALSE(has_agent(marked));
-  EXPECT_FALSE(ours(marked));
-  EXPECT_FALSE(has_agent(-1));
-  EXPECT_FALSE(segment_exists(shm)) << "the segment of a failed start was left behind";
-  EXPECT_TRUE(has_agent(0));
-  EXPECT_EQ(quor_child_count(), 2);
-}
-
 // An agent older than the transaction time-out gets SIGTERM on every sweep
-// until it ends; a young one, an exempt one (0x40), a kept login agent (it
-// was reaped, so its pid is no longer ours to signal) and every agent under
-// a time-out of 0 never do.
+// until it ends; an exempt one (0x40), a kept login agent (it was reaped,
+// so its pid is no longer ours to signal) and any under a time-out of 0 never do.
 TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   quor_config().transaction_timeout = 5;
   auto [overdue, overdue_terms] = counting();
-  auto [young, young_terms] = counting();
   auto [exempt, exempt_terms] = counting();
   auto [kept, kept_terms] = counting();
   agent(overdue, 1).created -= 6;
-  agent(young, 1).created -= 2;
   agent(exempt, 1, kChildRunning | kChildNoTimeout).created -= 100;
   agent(kept, 2, kChildKept, &user("waiting")).created -= 100;
 
@@ -195,149 +179,53 @@ TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
     quor_garbage_collect(0);
     EXPECT_TRUE(byte_within(overdue_terms, 5000)) << "sweep " << sweep;
   }
-  EXPECT_FALSE(byte_within(young_terms, 200));
-  EXPECT_FALSE(byte_within(exempt_terms, 0));
+  EXPECT_FALSE(byte_within(exempt_terms, 200));
   EXPECT_FALSE(byte_within(kept_terms, 0));
-  EXPECT_EQ(quor_child_count(), 4) << "a signalled agent stays until it has ended";
-
-  quor_config().transaction_timeout = 0;
-  for (ChildEntry& c : quor_children()) c.created -= 1000;
+  EXPECT_EQ(quor_child_count(), 3) << "a signalled agent stays until it has ended";
+  quor_config().transaction_timeout = 0;  // no time-out at all
   quor_garbage_collect(0);
   EXPECT_FALSE(byte_within(overdue_terms, 200));
-  EXPECT_FALSE(byte_within(young_terms, 0));
-
-  kill(overdue, SIGKILL);
-  wait_ended(overdue);
-  quor_garbage_collect(0);
-  EXPECT_FALSE(has_agent(overdue));
-  EXPECT_FALSE(ours(overdue));
 }
 
-// Users whose login program ended are logged out, and the transactions that
-// ran for them forget them; the default login program's pid is cleared when
-// it ends; idle users are logged out after the login time-out, users with
-// no activity time never.
-TEST_F(Sweep, LoginProgramsAndIdleUsers) {
-  std::time_t now = std::time(nullptr);
-  pid_t ended = exited(0), running = waiting(), default_login = exited(0);
-  UserEntry& gone = user("gone", now, ended);
-  ChildEntry& transaction = agent(waiting(), 1, kChildRunning, &gone);
-  user("running", now, running);
-  pid_t idle_program = waiting(), other_idle_program = waiting();
-  user("idle", now - 61, idle_program);
-  user("also idle", now - 3600, other_idle_program);
-  user("recent", now - 30);
-  user("pending", 0);
-  quor_config().login_timeout = 60;
-  quor_config().login_required = 0;
-  quor_config().default_login_child = default_login;
-
-  quor_garbage_collect(0);
-
-  for (auto [name, stays] : {std::pair{"gone", false}, {"running", true}, {"idle", false}, {"also idle", false},
-                             {"recent", true}, {"pending", true}})
-    EXPECT_EQ(has_user(name), stays) << name;
-  EXPECT_EQ(transaction.user, nullptr);
-  for (pid_t pid : {ended, idle_program, other_idle_program, default_login})
-    EXPECT_FALSE(ours(pid)) << "login program " << pid << " was not stopped and reaped";
-  EXPECT_EQ(quor_config().default_login_child, 0);
-
-  // Without a time-out nobody is idle; with logins required there is no
-  // default login program to look after.
-  user("ancient", now - 1000000);
-  quor_config().login_timeout = 0;
-  quor_config().login_required = 1;
-  quor_config().default_login_child = exited(0);
-  quor_garbage_collect(0);
-  EXPECT_TRUE(has_user("ancient"));
-  EXPECT_NE(quor_config().default_login_child, 0);
-}
-
-// A process the daemon stopped but that outlived the one-second grace, or a
-// login program that is no longer recorded, is reaped by the first sweep
-// after it ends.
-TEST_F(Sweep, ProcessesNoTableTracksAreReapedOnceTheyEnd) {
-  pid_t stubborn = counting().first;
-  pid_t replaced = waiting();
-  quor_terminate_pid(stubborn);
-  quor_child_disown(replaced);
-  EXPECT_EQ(quor_disowned_count(), 2);
-  quor_garbage_collect(0);
-  EXPECT_EQ(quor_disowned_count(), 2) << "running processes were dropped";
-
-  kill(stubborn, SIGKILL);
-  kill(replaced, SIGTERM);
-  wait_ended(stubborn);
-  wait_ended(replaced);
-  quor_garbage_collect(0);
-  EXPECT_EQ(quor_disowned_count(), 0);
-  for (pid_t pid : {stubborn, replaced}) EXPECT_FALSE(ours(pid)) << pid;
-}
-
-// A thousand agents, half started and ended (each removing the segment it
-// was handed, as agents do), half failed to start with their segment still
-// the daemon's: one sweep leaves no process, no entry and no segment.
-TEST_F(Sweep, AThousandAgentsLeaveNothingBehind) {
-  std::vector<int> segments;
-  for (int i = 0; i < 1000; ++i) {
-    int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-    ASSERT_NE(shm, -1) << "segment " << i;
-    segments.push_back(shm);
-    if (i % 2 == 0)
-      agent(-1, 0, kChildContinuing).shm_id = shm;
-    else
-      agent(start([shm] { return shmctl(shm, IPC_RMID, nullptr) == 0 ? 0 : 1; }), 1).shm_id = shm;
-  }
-  for (const ChildEntry& c : quor_children())
-    if (c.agent_pid > 0) wait_ended(c.agent_pid);
-
-  quor_garbage_collect(0);
-
-  EXPECT_EQ(quor_child_count(), 0);
-  siginfo_t info{};
-  EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT), -1) << "a child process is left";
-  int left = 0;
-  for (int shm : segments)
-    if (segment_exists(shm)) {
-      ++left;
-      shmctl(shm, IPC_RMID, nullptr);
-    }
-  EXPECT_EQ(left, 0) << "shared memory segments left behind";
-}
-
-// A transaction whose next buffer does not come within the expiry, and a
-// login agent that ended without its report, are dropped with what they
-// hold: the segment, and the login's pending session.
-TEST_F(Sweep, UnfinishedTransactionsExpire) {
-  int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-  ASSERT_NE(shm, -1);
+// A failed start (pid -1), a transaction whose next buffer does not come
+// within the expiry, and a login agent that ended without its report, are
+// dropped with what they hold: the segments, and the login's pending session;
+// an idle user is logged out (never without a time-out), and its
+// transactions forget it. A shutdown then drops the transactions whose
+// agent has not started, with their segments, and leaves the running ones
+// to the kill-all.
+TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
+  int failed_shm = new_segment(), stale_shm = new_segment(), recent_shm = new_segment();
+  agent(-1, 0, kChildContinuing).shm_id = failed_shm;
   ChildEntry& stale = agent(0, 0, kChildContinuing);
-  stale.shm_id = shm;
+  stale.shm_id = stale_shm;
   stale.type = 'L';
   stale.user = &user("pending");
   stale.last_buffer -= kPendingExpirySeconds + 1;
   agent(exited(0), 2, kChildKept).last_buffer -= kPendingExpirySeconds + 1;
   agent(0, 0, kChildContinuing).last_buffer -= kPendingExpirySeconds - 5;
+  pid_t running = waiting();
+  agent(running, 1, kChildRunning, &user("busy", std::time(nullptr)));
+  quor_config().login_timeout = 60;
+  ChildEntry& idle = agent(waiting(), 1, kChildRunning, &user("idle", std::time(nullptr) - 61));
 
   quor_garbage_collect(0);
-
-  EXPECT_EQ(quor_child_count(), 1) << "only the recent transaction stays";
-  EXPECT_FALSE(segment_exists(shm)) << "the segment stayed";
+  EXPECT_EQ(quor_child_count(), 3) << "only the recent transaction and the running agents stay";
+  EXPECT_EQ(idle.user, nullptr);
+  EXPECT_FALSE(has_user("idle"));
+  EXPECT_TRUE(has_user("busy"));
+  EXPECT_FALSE(segment_exists(failed_shm) || segment_exists(stale_shm)) << "a segment stayed";
   EXPECT_FALSE(has_user("pending"));
-}
+  quor_config().login_timeout = 0;  // nobody is idle
+  user("ancient", 1);
+  quor_garbage_collect(0);
+  EXPECT_TRUE(has_user("ancient"));
 
-// A shutdown drops the transactions whose agent has not started, with their
-// segments, and leaves the running ones to the kill-all.
-TEST_F(Sweep, AnAbnormalShutdownDropsTransactionsWithoutAnAgent) {
-  int shm = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-  ASSERT_NE(shm, -1);
-  agent(0, 0, kChildContinuing).shm_id = shm;
-  pid_t running = waiting();
-  agent(running, 1);
+  agent(0, 0, kChildNew).shm_id = recent_shm;  // not yet in any index
   quor_abnormal_shutdown(quor_registration(), false);
-  EXPECT_EQ(quor_child_count(), 1);
-  EXPECT_TRUE(has_agent(running));
-  EXPECT_FALSE(segment_exists(shm)) << "the segment stayed";
+  EXPECT_EQ(quor_child_count(), 2);
+  EXPECT_TRUE(entry(running));
+  EXPECT_FALSE(segment_exists(recent_shm)) << "the segment stayed";
 }
 
 // A kill-all stops agents that ignore SIGTERM with SIGKILL, and never
