@@ -136,7 +136,9 @@ TEST(Spawn, TheProgramRunsAsTheAccountAndOwnsSegmentAndDataFile) {
   Segment segment;
   ASSERT_GE(segment.id, 0);
   std::string out = (dir.path() / "out").string();
-  SpawnRequest request = shell("id -u > " + out + "; id -g >> " + out + "; id -G | wc -w >> " + out);
+  // Real, effective, saved and file-system ids all the account's: the
+  // program cannot take root back.
+  SpawnRequest request = shell("grep -E '^[UG]id:' /proc/self/status > " + out + "; id -G | wc -w >> " + out);
   request.account = &*nobody;
   request.shm_id = segment.id;
   request.data_file = data;
@@ -144,8 +146,10 @@ TEST(Spawn, TheProgramRunsAsTheAccountAndOwnsSegmentAndDataFile) {
   ASSERT_GT(result.pid, 0);
   EXPECT_EQ(result.failure, SpawnResult::kNone);
   EXPECT_EQ(exit_status(result.pid), 0);
-  EXPECT_EQ(testutil::read_file(out), std::to_string(nobody->uid) + "\n" + std::to_string(nobody->gid) + "\n" +
-                                          std::to_string(nobody->groups.size()) + "\n");
+  auto four = [](auto id) { return "\t" + std::to_string(id) + "\t" + std::to_string(id) + "\t" +
+                                  std::to_string(id) + "\t" + std::to_string(id) + "\n"; };
+  EXPECT_EQ(testutil::read_file(out),
+            "Uid:" + four(nobody->uid) + "Gid:" + four(nobody->gid) + std::to_string(nobody->groups.size()) + "\n");
   shmid_ds ds{};
   ASSERT_EQ(shmctl(segment.id, IPC_STAT, &ds), 0);
   EXPECT_EQ(ds.shm_perm.uid, nobody->uid);
