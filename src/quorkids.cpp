@@ -309,16 +309,41 @@ ChildEntry* quor_child_find_agent(const TransactionHeader& header, std::uint32_t
   return quor_child_by_agent(pid, mask);
 }
 
-void quor_children_forget_user(const UserEntry* user) {
-  for (ChildEntry& entry : quor_children())
-    if (entry.user == user) entry.user = nullptr;
+namespace {
+
+// The links to each user. Never destroyed, so that links in tables destroyed
+// at exit can still leave it.
+std::unordered_map<const UserEntry*, std::vector<UserLink*>>& links() {
+  static auto* by_user = new std::unordered_map<const UserEntry*, std::vector<UserLink*>>;
+  return *by_user;
 }
 
+}  // namespace
+
+void UserLink::set(UserEntry* user) {
+  if (user == user_) return;
+  if (user_ != nullptr) {
+    auto it = links().find(user_);
+    if (it != links().end()) {
+      std::erase(it->second, this);
+      if (it->second.empty()) links().erase(it);
+    }
+  }
+  user_ = user;
+  if (user != nullptr) links()[user].push_back(this);
+}
+
+void UserLink::forget(const UserEntry* user) {
+  auto it = links().find(user);
+  if (it == links().end()) return;
+  for (UserLink* link : it->second) link->user_ = nullptr;
+  links().erase(it);
+}
+
+void quor_children_forget_user(const UserEntry* user) { UserLink::forget(user); }
+
 void quor_children_forget_users(std::span<UserEntry* const> users) {
-  if (users.empty()) return;
-  std::unordered_set<const UserEntry*> going(users.begin(), users.end());
-  for (ChildEntry& entry : quor_children())
-    if (entry.user != nullptr && going.contains(entry.user)) entry.user = nullptr;
+  for (const UserEntry* user : users) UserLink::forget(user);
 }
 
 int quor_child_count() { return static_cast<int>(quor_children().size()); }

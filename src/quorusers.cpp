@@ -37,6 +37,7 @@ struct UserSlot {
   bool indexed = false;
   pid_t login = 0;
   std::time_t activity = 0;
+  ClientId owner;  // the owner it is counted for
 };
 
 using PairKey = std::pair<std::string, std::string>;
@@ -49,6 +50,7 @@ struct UserIndex {
   std::unordered_map<pid_t, std::vector<UserEntry*>> by_login;             // newest first
   // Logged-in entries by (last activity, creation): the idle ones come first.
   std::map<std::pair<std::time_t, std::uint64_t>, UserEntry*> by_activity;
+  std::map<ClientId, int> owned;  // indexed entries per owner
 };
 
 UserIndex& index() {
@@ -83,6 +85,8 @@ void index_fresh() {
     UserSlot& slot = i.slots[entry];
     slot.indexed = true;
     bucket_add(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
+    slot.owner = entry->owner;
+    ++i.owned[slot.owner];
     index_login(entry, slot, entry->login_pid);
     index_activity(entry, slot, entry->last_activity);
   }
@@ -97,6 +101,7 @@ void erase_entry(UserEntry* entry) {
   UserSlot& slot = it->second;
   if (slot.indexed) {
     index_remove(i.by_pair, PairKey{entry->user_name, entry->node_name}, entry);
+    if (auto owned = i.owned.find(slot.owner); owned != i.owned.end() && --owned->second == 0) i.owned.erase(owned);
     index_login(entry, slot, 0);
     index_activity(entry, slot, 0);
   } else {
@@ -213,8 +218,9 @@ UserEntry* quor_user_find(const TransactionHeader& header, bool no_create) {
 UserEntry* quor_user_entry(std::string_view user, std::string_view node) { return newest_of(user, node); }
 
 int quor_user_count_owned(const ClientId& owner) {
-  return static_cast<int>(
-      std::count_if(quor_users().begin(), quor_users().end(), [&](const UserEntry& e) { return e.owner == owner; }));
+  index_fresh();
+  auto owned = index().owned.find(owner);
+  return owned == index().owned.end() ? 0 : owned->second;
 }
 
 int quor_user_count() { return static_cast<int>(quor_users().size()); }

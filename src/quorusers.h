@@ -8,8 +8,9 @@
 // process, and the logged-in users ordered by their last activity, so that
 // a lookup or the idle check costs the same whatever the number of users.
 // An entry is indexed as its maker left it at the first lookup after it was
-// made; a login pid or activity time that changes later goes through
-// quor_user_set_login or quor_user_set_activity.
+// made (its owner included, which never changes after); a login pid or
+// activity time that changes later goes through quor_user_set_login or
+// quor_user_set_activity.
 //
 // The table survives restarts in the save file <root>/tmp/quor.sav, one
 // record per entry from the front:
