@@ -134,4 +134,27 @@ TEST_F(Scale, RestoredUsersIdleOrWithoutTheirProgramAreLoggedOut) {
   EXPECT_EQ(names, saved);
 }
 
+// The sessions a client holds (its limit at login) follow entries as they
+// are made, before any lookup, and as they go, one by one or together.
+TEST(SessionCount, FollowsEntriesAsTheyComeAndGo) {
+  quor_users().clear();
+  const ClientId alice{true, 1000, ""}, bob{true, 1001, ""}, far{true, static_cast<uid_t>(-1), "far"};
+  std::vector<UserEntry*> made;
+  for (int i = 0; i < 6; ++i) {
+    made.push_back(&quor_user_new());
+    *made.back() = UserEntry{"u" + std::to_string(i), "n", "", "", 0, 0, i < 3 ? alice : i < 5 ? bob : far};
+  }
+  auto counts = [&] { return std::vector{quor_user_count_owned(alice), quor_user_count_owned(bob), quor_user_count_owned(far)}; };
+  EXPECT_EQ(counts(), (std::vector{3, 2, 1}));
+  quor_user_remove_ended(made[0]);
+  quor_users_remove_ended(std::span(made).subspan(3, 2));
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_user_new().owner = bob;
+  EXPECT_EQ(counts(), (std::vector{2, 1, 1}));
+  quor_user_remove_ended(&quor_users().front());
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_users().clear();
+  EXPECT_EQ(counts(), (std::vector{0, 0, 0}));
+}
+
 }  // namespace
