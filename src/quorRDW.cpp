@@ -16,6 +16,8 @@
 #include "quortrl.h"
 
 void FileTransfer::reset() {
+  if (stream && !unwritten.empty()) std::fwrite(unwritten.data(), 1, unwritten.size(), stream.get());
+  unwritten.clear();
   rdw_release(stream, columns);
   calendar_header.reset();
   flags = 0;
@@ -131,9 +133,21 @@ int init_buf_toRDW(FileTransfer& transfer, std::string_view count_text) {
   return 0;
 }
 
+// The page size writes are rounded to.
+constexpr std::size_t kWritePage = 4096;
+
 int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
   std::optional<std::size_t> first = buf_find_segment(buf, kRdwTag);
-  if (!first) return 4;
+  if (!first) {
+    // Whatever writes to the file next writes after the records.
+    if (transfer.stream && !transfer.unwritten.empty()) {
+      bool written = std::fwrite(transfer.unwritten.data(), 1, transfer.unwritten.size(), transfer.stream.get()) ==
+                     transfer.unwritten.size();
+      transfer.unwritten.clear();
+      if (!written) return write_failed(transfer);
+    }
+    return 4;
+  }
   std::optional<std::string_view> count_text = buf_string(buf, *first);
   int rc = count_text ? init_buf_toRDW(transfer, *count_text) : 3;
   if (rc != 0) {
@@ -147,10 +161,12 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
   // request; a record adds its two length words (4 bytes for an item of 1
   // column); a short last row adds at most one record of 65537 bytes.
   thread_local std::vector<char> records;
-  std::size_t bound = 7 * buf.size() + UINT16_MAX + 2 + 64;  // and room for a 32-byte copy past the end
+  // The records left unwritten by the buffer before go first.
+  std::size_t bound = kWritePage + 7 * buf.size() + UINT16_MAX + 2 + 64;  // and room for a 32-byte copy past the end
   if (records.size() < bound) records.resize(bound);
   char* const start = records.data();
-  char* o = start;
+  std::memcpy(start, transfer.unwritten.data(), transfer.unwritten.size());
+  char* o = start + transfer.unwritten.size();
   // The values of the last row, for the column buffers, which carry them
   // into a short row of the next buffer.
   thread_local std::vector<std::string_view> row;
@@ -228,12 +244,17 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
     }
   }
   const auto used = static_cast<std::size_t>(o - start);
-  if (std::fwrite(start, 1, used, transfer.stream.get()) != used) return write_failed(transfer);
+  const bool last = quor_trl_last(buf);
+  // A transfer that goes on writes whole pages and keeps the rest for later.
+  const std::size_t now = ran_off || last ? used : used - used % kWritePage;
+  transfer.unwritten.clear();  // now among the records
+  if (std::fwrite(start, 1, now, transfer.stream.get()) != now) return write_failed(transfer);
+  transfer.unwritten.assign(start + now, start + used);
   if (ran_off) {  // the segment never ended inside the buffer
     transfer.reset();
     return 3;
   }
-  if (quor_trl_last(buf)) {
+  if (last) {
     if (std::fflush(transfer.stream.get()) != 0) {
       transfer.reset();
       return 6;

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "quorRDWio.h"
 #include "quortev.h"
@@ -43,8 +44,13 @@ struct FileTransfer {
   ColumnArray columns;                              // table: one buffer per column, reused per row
   std::unique_ptr<CalendarHeader> calendar_header;  // calendar: header not yet written
   int count = 0;                                    // rows or items written from the current buffer
+  // Table: the end of the records so far, less than a page, not written
+  // yet. Every write but a transfer's last ends on a page boundary, which
+  // the file system takes faster than a write that leaves a page in part.
+  std::vector<char> unwritten;
 
-  // Closes the file and drops the buffers; the path and count stay.
+  // Writes what is left unwritten, closes the file and drops the buffers;
+  // the path and count stay.
   void reset();
 };
 
