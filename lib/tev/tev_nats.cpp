@@ -47,6 +47,8 @@ namespace {
 // newest is dropped and counted, so no sender can fill the process.
 constexpr int kMaxQueuedMessages = 256;
 constexpr int kMaxQueuedBytes = kMaxQueuedMessages * 66 * 1024;
+constexpr std::size_t kSpentMessages = 32;
+constexpr std::size_t kSpentBytes = 256 * 1024;
 constexpr int kConnectTimeoutMs = 2000;
 constexpr int kReconnectWaitMs = 500;
 constexpr int kConnectRetryMs = 1000;
@@ -425,10 +427,11 @@ class NatsLink {
 
 class NatsEndpoint final : public TevEndpoint {
  public:
-  NatsEndpoint(NatsLink& link, const TevIdentity& id) : link_(link), identity_(id) {}
+  NatsEndpoint(NatsLink& link, const TevIdentity& id) : link_(link), identity_(id) { spent_.reserve(kSpentMessages); }
 
   ~NatsEndpoint() override {
     release_current();
+    release_spent();
     // A forked child must leave its parent's subscriptions alone: the
     // library's threads did not come with it.
     if (getpid() != link_.owner()) return;
@@ -583,9 +586,21 @@ class NatsEndpoint final : public TevEndpoint {
     return true;
   }
 
+  // The library hands a destroyed message to a collector thread of its
+  // own, waking it; messages read are therefore destroyed a few at a time,
+  // so that the wake-up is not on the way of every reply.
   void release_current() {
-    if (current_ != nullptr) natsMsg_Destroy(current_);
-    current_ = nullptr;
+    if (current_ != nullptr) {
+      spent_bytes_ += static_cast<std::size_t>(natsMsg_GetDataLength(current_));
+      spent_.push_back(current_);
+      current_ = nullptr;
+    }
+    if (spent_.size() >= kSpentMessages || spent_bytes_ >= kSpentBytes) release_spent();
+  }
+  void release_spent() {
+    for (natsMsg* msg : spent_) natsMsg_Destroy(msg);
+    spent_.clear();
+    spent_bytes_ = 0;
   }
 
   struct Subscription {
@@ -597,6 +612,8 @@ class NatsEndpoint final : public TevEndpoint {
   TevIdentity identity_;
   std::vector<Subscription> subs_;
   natsMsg* current_ = nullptr;  // holds the payload of the last message received
+  std::vector<natsMsg*> spent_;  // read, not yet destroyed
+  std::size_t spent_bytes_ = 0;
   unsigned subscribed_generation_ = 0;  // the link's connection the subscriptions are on
 };
 
