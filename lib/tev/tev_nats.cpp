@@ -114,8 +114,11 @@ class NatsLink {
     // The library starts threads of its own from its first call on.
     auto made = std::make_unique<NatsLink>();
     if (made->wake_fd_ < 0) return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, errno, "Broker wake-up"), nullptr;
-    if (with_signals_blocked([&] { return made->connect(fb); }) != 0) return nullptr;
-    g_link = made.release();  // never destroyed: the library's threads outlive main
+    // The library calls the event loop callbacks from the first connect on;
+    // settings it refuses fail before any connection is tried.
+    g_link = made.get();
+    if (with_signals_blocked([&] { return made->connect(fb); }) != 0) return g_link = nullptr;
+    made.release();  // never destroyed: the library's threads outlive main
     std::atexit(at_exit);
     return g_link;
   }
