@@ -3,6 +3,8 @@
 // moves single messages between registered names.
 #pragma once
 
+#include <poll.h>
+
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -20,6 +22,8 @@ struct TevIncoming {
   std::span<const std::uint8_t> payload;
 };
 
+constexpr int kTevMaxWaitFds = 4;
+
 class TevEndpoint {
  public:
   virtual ~TevEndpoint() = default;
@@ -36,9 +40,11 @@ class TevEndpoint {
   virtual void set_send_wait(int milliseconds) = 0;
   // Sends only to registrations made by root.
   virtual void set_root_peers_only(bool on) = 0;
-  // A descriptor that becomes readable when a receive may find something;
-  // a receive with time-out 0 then never waits.
-  virtual int wait_fd() const = 0;
+  // Fills `fds` (room for kTevMaxWaitFds) with what a wait for this
+  // endpoint polls (an entry with fd -1 is skipped) and returns how many
+  // entries it used; once any is ready, a receive may find something. A
+  // receive with time-out 0 never waits.
+  virtual int wait_fds(pollfd* fds) const = 0;
 };
 
 // Registers `id`'s application name with the local datagram backend.

@@ -8,12 +8,18 @@
 // host publish only as itself; a datagram whose sender block says otherwise,
 // or that claims this host's own node, is dropped and counted.
 //
-// One connection serves every registration of the process. The library
-// behind it delivers messages on threads of its own: they only queue each
-// message for its registration and wake it through an eventfd, so the
-// process's own code stays single-threaded and one poll waits for both
-// backends. Those threads are started with every signal blocked, so that a
-// termination signal always interrupts the receiving thread's wait.
+// One connection serves every registration of the process. The process's
+// own thread reads and writes its socket: the library is told to leave that
+// to an event loop, and the loop is a receive's poll. What arrives is parsed
+// on that thread into the synchronous subscriptions of the registrations,
+// so a message reaches its receiver without passing another thread, and
+// a send writes at once. The library's remaining threads (timers,
+// reconnecting, connection callbacks) only record what to poll and wake
+// the poll through an eventfd; they are started with every signal blocked,
+// so that a termination signal always interrupts the receiving thread's
+// wait. A process receives on one thread at a time: a receive may queue
+// messages for another registration of the process, which its next receive
+// takes before it waits.
 #include <nats/nats.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,11 +30,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,6 +46,9 @@ namespace {
 // Messages a registration keeps before it reads them; past this the
 // newest is dropped and counted, so no sender can fill the process.
 constexpr int kMaxQueuedMessages = 256;
+constexpr int kMaxQueuedBytes = kMaxQueuedMessages * 66 * 1024;
+constexpr std::size_t kSpentMessages = 32;
+constexpr std::size_t kSpentBytes = 256 * 1024;
 constexpr int kConnectTimeoutMs = 2000;
 constexpr int kReconnectWaitMs = 500;
 constexpr int kConnectRetryMs = 1000;
@@ -83,73 +90,6 @@ auto with_signals_blocked(Fn fn) {
   return result;
 }
 
-// Runs `fn`, which may write to the broker's socket from this thread, with
-// SIGPIPE held back and any it raised discarded: a connection the broker
-// dropped must fail the write, not end the process (the daemon treats
-// SIGPIPE as fatal; a TLS write cannot ask the kernel not to raise it).
-template <typename Fn>
-auto without_sigpipe(Fn fn) {
-  sigset_t pipe, old, pending;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe, &old);
-  sigpending(&pending);
-  bool was_pending = sigismember(&pending, SIGPIPE) == 1;
-  auto result = fn();
-  sigpending(&pending);
-  if (!was_pending && sigismember(&pending, SIGPIPE) == 1) {
-    timespec none{0, 0};
-    sigtimedwait(&pipe, nullptr, &none);
-  }
-  pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  return result;
-}
-
-// ---------------------------------------------------------------------------
-// What one registration has received and not yet read.
-
-struct Inbox {
-  std::mutex mutex;
-  std::deque<natsMsg*> messages;
-  std::uint32_t dropped = 0;
-  int event_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-
-  ~Inbox() {
-    for (natsMsg* m : messages) natsMsg_Destroy(m);
-    if (event_fd >= 0) close(event_fd);
-  }
-  void wake() const {
-    std::uint64_t one = 1;
-    (void)!write(event_fd, &one, sizeof one);
-  }
-  void clear_wake() const {
-    std::uint64_t count;
-    (void)!read(event_fd, &count, sizeof count);
-  }
-};
-
-// The closure of a subscription: keeps its inbox alive until the library
-// reports that no more messages will be delivered to it.
-struct InboxRef {
-  std::shared_ptr<Inbox> inbox;
-};
-
-void on_message(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
-  Inbox& inbox = *static_cast<InboxRef*>(closure)->inbox;
-  {
-    std::lock_guard lock(inbox.mutex);
-    if (inbox.messages.size() >= kMaxQueuedMessages) {
-      ++inbox.dropped;
-      natsMsg_Destroy(msg);
-      return;
-    }
-    inbox.messages.push_back(msg);
-  }
-  inbox.wake();
-}
-
-void on_complete(void* closure) { delete static_cast<InboxRef*>(closure); }
-
 // ---------------------------------------------------------------------------
 // The process's connection to the broker.
 
@@ -160,6 +100,10 @@ NatsLink* g_link = nullptr;  // the process's link, once made
 
 TevBrokerNotice g_notice = nullptr;
 
+// Set while this thread drives the connection itself: a write it asks for
+// is then done before the thread waits again, without waking anybody.
+thread_local bool t_driving = false;
+
 class NatsLink {
  public:
   // The process's link, made on first use; nullptr (and fb filled) when the
@@ -169,8 +113,12 @@ class NatsLink {
     if (g_link != nullptr) return g_link;
     // The library starts threads of its own from its first call on.
     auto made = std::make_unique<NatsLink>();
-    if (with_signals_blocked([&] { return made->connect(fb); }) != 0) return nullptr;
-    g_link = made.release();  // never destroyed: the library's threads outlive main
+    if (made->wake_fd_ < 0) return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, errno, "Broker wake-up"), nullptr;
+    // The library calls the event loop callbacks from the first connect on;
+    // settings it refuses fail before any connection is tried.
+    g_link = made.get();
+    if (with_signals_blocked([&] { return made->connect(fb); }) != 0) return g_link = nullptr;
+    made.release();  // never destroyed: the library's threads outlive main
     std::atexit(at_exit);
     return g_link;
   }
@@ -190,15 +138,6 @@ class NatsLink {
   }
   pid_t owner() const { return owner_; }
 
-  void watch(const std::shared_ptr<Inbox>& inbox) {
-    std::lock_guard lock(mutex_);
-    watchers_.insert(inbox);
-  }
-  void unwatch(const std::shared_ptr<Inbox>& inbox) {
-    std::lock_guard lock(mutex_);
-    watchers_.erase(inbox);
-  }
-
   // On the receiving thread: tell the notice about a change since the last
   // report, once.
   void report_changes() {
@@ -208,7 +147,141 @@ class NatsLink {
     if (g_notice != nullptr) g_notice(now == LinkState::up, broker_address());
   }
 
+  // What a wait for broker traffic polls: the connection's socket while the
+  // library wants it read or written, and the wake-up for changes made by
+  // the library's own threads (a new socket, a state change, a write asked).
+  void wait_set(pollfd* fds) const {
+    int fd = fd_.load();
+    short events = static_cast<short>((want_read_.load() ? POLLIN : 0) | (want_write_.load() ? POLLOUT : 0));
+    fds[0] = {events != 0 ? fd : -1, events, 0};
+    fds[1] = {wake_fd_, POLLIN, 0};
+  }
+
+  // Moves what the socket has and what is waiting to be written, without
+  // waiting: received messages land on their subscriptions. True when it
+  // found anything to read.
+  bool drive() {
+    pollfd fds[2];
+    wait_set(fds);
+    if (poll(fds, 2, 0) <= 0) return false;
+    if (fds[1].revents != 0) {
+      std::uint64_t count;
+      (void)!read(wake_fd_, &count, sizeof count);
+    }
+    if (fds[0].revents != 0) drive_ready(fds[0].revents);
+    return (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+  }
+
+  // Writes out what the library has buffered, as far as the socket takes it
+  // now (a send never waits for the broker).
+  void write_out() {
+    if (natsConnection* nc = attached_.load(); nc != nullptr && want_write_.load())
+      driving([&] { natsConnection_ProcessWriteEvent(nc); });
+  }
+
+  // Hands what was published to the broker and waits (at most the connect
+  // time) until the broker has answered a ping sent after it, so that a
+  // process about to exit loses nothing in a buffer. The ping's answer is
+  // read here, on this thread, while another one waits for it.
+  void flush() {
+    natsConnection* conn = conn_.load();
+    if (conn == nullptr || !connected()) return;
+    std::atomic<bool> done{false};
+    std::thread waiter = with_signals_blocked([&] {
+      return std::thread([&] {
+        natsConnection_FlushTimeout(conn, kConnectTimeoutMs);
+        done = true;
+        wake();
+      });
+    });
+    while (!done.load()) {
+      pollfd fds[2];
+      wait_set(fds);
+      if (poll(fds, 2, 100) > 0 && fds[0].revents != 0) drive_ready(fds[0].revents);
+      std::uint64_t count;
+      (void)!read(wake_fd_, &count, sizeof count);
+      write_out();
+    }
+    waiter.join();
+  }
+
  private:
+  void wake() const {
+    std::uint64_t one = 1;
+    (void)!write(wake_fd_, &one, sizeof one);
+  }
+
+  void drive_ready(short revents) {
+    natsConnection* nc = attached_.load();
+    if (nc == nullptr) return;
+    driving([&] {
+      if (revents & (POLLIN | POLLHUP | POLLERR)) natsConnection_ProcessReadEvent(nc);
+      if (want_write_.load()) natsConnection_ProcessWriteEvent(nc);
+    });
+  }
+
+  // Runs `fn`, which reads or writes the broker's socket from this thread,
+  // with every signal held back: a thread the library starts from here (to
+  // reconnect) must not take the process's signals, and a SIGPIPE raised
+  // by a write to a connection the broker dropped is discarded (the daemon
+  // treats SIGPIPE as fatal; a TLS write cannot ask the kernel not to
+  // raise it).
+  template <typename Fn>
+  void driving(Fn fn) {
+    sigset_t all, old, pending;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    sigpending(&pending);
+    bool pipe_was_pending = sigismember(&pending, SIGPIPE) == 1;
+    t_driving = true;
+    fn();
+    t_driving = false;
+    sigpending(&pending);
+    if (!pipe_was_pending && sigismember(&pending, SIGPIPE) == 1) {
+      sigset_t pipe;
+      sigemptyset(&pipe);
+      sigaddset(&pipe, SIGPIPE);
+      timespec none{0, 0};
+      sigtimedwait(&pipe, nullptr, &none);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  }
+
+  // The event loop callbacks, called by the library (on any of its threads
+  // and on the driving one) with the connection locked: they only record
+  // what to poll and wake whoever polls. The user data is the connection.
+  static natsStatus on_attach(void** data, void* loop, natsConnection* nc, natsSock socket) {
+    auto* link = static_cast<NatsLink*>(loop);
+    *data = nc;
+    link->attached_.store(nc);
+    link->fd_.store(socket);
+    link->want_read_.store(true);
+    link->want_write_.store(false);
+    link->wake();
+    return NATS_OK;
+  }
+  static natsStatus on_read(void* data, bool add) {
+    if (g_link != nullptr && g_link->attached_.load() == data) g_link->want_read_.store(add);
+    return NATS_OK;
+  }
+  static natsStatus on_write(void* data, bool add) {
+    if (g_link == nullptr || g_link->attached_.load() != data) return NATS_OK;
+    g_link->want_write_.store(add);
+    if (add && !t_driving) g_link->wake();
+    return NATS_OK;
+  }
+  static natsStatus on_detach(void* data) {
+    if (g_link == nullptr) return NATS_OK;
+    natsConnection* nc = static_cast<natsConnection*>(data);
+    if (g_link->attached_.compare_exchange_strong(nc, nullptr)) {
+      g_link->fd_.store(-1);
+      g_link->want_read_.store(false);
+      g_link->want_write_.store(false);
+      g_link->wake();
+    }
+    return NATS_OK;
+  }
+
   // A broker that refuses or cannot be reached is no failure. The library
   // reconnects to one that went away; a connection it gave up on (never
   // made, or closed, as after a refused login) is made anew here, once a
@@ -236,15 +309,6 @@ class NatsLink {
     });
   }
 
- public:
-  // Hands what was published to the broker before the caller goes on (a
-  // process about to exit must not lose its last message in a buffer).
-  void flush() {
-    if (natsConnection* conn = conn_.load(); conn != nullptr && connected())
-      without_sigpipe([&] { return natsConnection_FlushTimeout(conn, kConnectTimeoutMs); });
-  }
-
- private:
   // At exit: the last messages go out, and the retrying thread ends before
   // the library is torn down.
   static void at_exit() {
@@ -287,6 +351,7 @@ class NatsLink {
     if (s == NATS_OK) s = natsOptions_SetPingInterval(opts, kPingIntervalMs);
     if (s == NATS_OK) s = natsOptions_SetNoEcho(opts, true);
     if (s == NATS_OK) s = natsOptions_SetSendAsap(opts, true);
+    if (s == NATS_OK) s = natsOptions_SetEventLoop(opts, this, on_attach, on_read, on_write, on_detach);
     if (s == NATS_OK) s = natsOptions_SetRetryOnFailedConnect(opts, true, on_up, this);
     if (s == NATS_OK) s = natsOptions_SetReconnectedCB(opts, on_up, this);
     if (s == NATS_OK) s = natsOptions_SetDisconnectedCB(opts, on_down, this);
@@ -330,8 +395,7 @@ class NatsLink {
   void set_state(LinkState state) {
     state_.store(state);
     if (state == LinkState::up) ever_up_.store(true);
-    std::lock_guard lock(mutex_);
-    for (const auto& inbox : watchers_) inbox->wake();
+    wake();
   }
 
   static void on_up(natsConnection*, void* closure) { static_cast<NatsLink*>(closure)->set_state(LinkState::up); }
@@ -350,37 +414,45 @@ class NatsLink {
   pid_t owner_ = getpid();
   std::atomic<LinkState> state_{LinkState::unknown};
   LinkState reported_ = LinkState::unknown;  // the receiving thread's alone
-  std::mutex mutex_;
-  std::set<std::shared_ptr<Inbox>> watchers_;
+  // The connection on the socket being polled, as the library attached it.
+  std::atomic<natsConnection*> attached_{nullptr};
+  std::atomic<int> fd_{-1};
+  std::atomic<bool> want_read_{false};
+  std::atomic<bool> want_write_{false};
+  int wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 };
 
 // ---------------------------------------------------------------------------
-// One registration on the broker.
+// One registration on the broker. Its subscriptions are synchronous: the
+// library queues what arrives for them while this process's own thread
+// reads the socket, and a receive takes from those queues, so a message
+// goes from the socket to the receiver without passing another thread.
 
 class NatsEndpoint final : public TevEndpoint {
  public:
-  NatsEndpoint(NatsLink& link, const TevIdentity& id) : link_(link), identity_(id) {}
+  NatsEndpoint(NatsLink& link, const TevIdentity& id) : link_(link), identity_(id) { spent_.reserve(kSpentMessages); }
 
   ~NatsEndpoint() override {
     release_current();
+    release_spent();
     // A forked child must leave its parent's subscriptions alone: the
     // library's threads did not come with it.
     if (getpid() != link_.owner()) return;
-    link_.unwatch(inbox_);
     drop_subscriptions();
-    link_.flush();
+    link_.write_out();
   }
 
   int open(TevFeedback& fb) {
-    if (inbox_->event_fd < 0) return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, errno, "Broker wake-up");
-    link_.watch(inbox_);
     (void)subscribe_once_connected(fb);  // else on a later receive or send
     return 0;
   }
 
   void set_send_wait(int) override {}        // a publish never waits for the receiver
   void set_root_peers_only(bool) override {}  // the broker vouches for hosts, not accounts
-  int wait_fd() const override { return inbox_->event_fd; }
+  int wait_fds(pollfd* fds) const override {
+    link_.wait_set(fds);
+    return 2;
+  }
 
   int send(TevFeedback& fb, std::uint8_t kind, std::uint32_t conversation, const TevIdentity& local,
            const TevIdentity& remote, std::span<const std::uint8_t> payload) override {
@@ -393,10 +465,11 @@ class NatsEndpoint final : public TevEndpoint {
                       local, remote, payload.size());
     if (!payload.empty()) std::memcpy(message.data() + kTevHeaderSize, payload.data(), payload.size());
     std::string subject_text = tev_subject_text(subject);
-    natsStatus s = without_sigpipe([&] {
-      return natsConnection_Publish(link_.connection(), subject_text.c_str(), message.data(),
-                                    static_cast<int>(message.size()));
-    });
+    t_driving = true;  // written out just below
+    natsStatus s = natsConnection_Publish(link_.connection(), subject_text.c_str(), message.data(),
+                                          static_cast<int>(message.size()));
+    t_driving = false;
+    link_.write_out();
     if (s == NATS_OK) return 0;
     if (s == NATS_CONNECTION_DISCONNECTED || s == NATS_CONNECTION_CLOSED)
       return tev_fail(fb, kTevPrcLogicErr, kTevSrcNoRcvr, 0, "Broker not connected");
@@ -405,34 +478,37 @@ class NatsEndpoint final : public TevEndpoint {
 
   int receive(TevFeedback& fb, TevIncoming& out, std::size_t max_payload, int timeout_ms) override {
     release_current();
-    link_.report_changes();
-    TevFeedback ignored;
-    (void)subscribe_once_connected(ignored);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-      inbox_->clear_wake();
-      if (natsMsg* msg = next(fb)) {
-        if (accept(msg, max_payload, out)) {
-          current_ = msg;
-          return 0;
-        }
-        natsMsg_Destroy(msg);
-        ++fb.FB_Dropped;
-        continue;
-      }
-      if (timeout_ms == 0) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
-      pollfd p{inbox_->event_fd, POLLIN, 0};
-      int r = poll(&p, 1, timeout_ms);
-      if (r < 0 && errno == EINTR) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRcvCnc, EINTR, "Receive was canceled");
-      if (r == 0) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
       link_.report_changes();
+      TevFeedback ignored;
       (void)subscribe_once_connected(ignored);
+      // What has been queued already, then what the socket has now.
+      bool read_more = true;
+      while (true) {
+        if (take(fb, out, max_payload)) return 0;
+        if (!read_more) break;
+        read_more = link_.drive();
+      }
+      int wait = -1;
+      if (timeout_ms >= 0) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        wait = static_cast<int>(std::max<long long>(0, left.count()));
+      }
+      if (wait == 0) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
+      pollfd fds[2];
+      link_.wait_set(fds);
+      int r = poll(fds, 2, wait);
+      if (r < 0 && errno == EINTR) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRcvCnc, EINTR, "Receive was canceled");
+      if (r < 0) return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, errno, "Receive");
     }
   }
 
  private:
   // Subscribes as soon as the link has a connection (the library makes
-  // the subscriptions again after a reconnect). The broker knows them once
-  // it has answered a ping.
+  // the subscriptions again after a reconnect). The broker handles a
+  // connection's protocol in order, so it knows them before any message
+  // published after them.
   int subscribe_once_connected(TevFeedback& fb) {
     natsConnection* conn = link_.connection();
     unsigned generation = link_.generation();
@@ -442,41 +518,54 @@ class NatsEndpoint final : public TevEndpoint {
     for (const std::string& subject : {tev_subject_inbox(node, app), tev_subject_broadcast_inbox(app)})
       if (int rc = subscribe(fb, conn, subject); rc != 0) return rc;
     subscribed_generation_ = generation;
-    if (link_.connected()) without_sigpipe([&] { return natsConnection_FlushTimeout(conn, kConnectTimeoutMs); });
+    link_.write_out();
     return 0;
   }
 
   void drop_subscriptions() {
-    for (natsSubscription* sub : subs_) {
-      natsSubscription_Unsubscribe(sub);
-      natsSubscription_Destroy(sub);
+    for (Subscription& sub : subs_) {
+      natsSubscription_Unsubscribe(sub.sub);
+      natsSubscription_Destroy(sub.sub);
     }
     subs_.clear();
   }
 
   int subscribe(TevFeedback& fb, natsConnection* conn, const std::string& subject) {
-    auto* ref = new InboxRef{inbox_};
     natsSubscription* sub = nullptr;
-    natsStatus s = with_signals_blocked(
-        [&] { return natsConnection_Subscribe(&sub, conn, subject.c_str(), on_message, ref); });
-    if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(sub, on_complete, ref);
+    t_driving = true;  // written out by the caller
+    natsStatus s = natsConnection_SubscribeSync(&sub, conn, subject.c_str());
+    t_driving = false;
+    if (s == NATS_OK) s = natsSubscription_SetPendingLimits(sub, kMaxQueuedMessages, kMaxQueuedBytes);
     if (s != NATS_OK) {
       if (sub != nullptr) natsSubscription_Destroy(sub);
-      delete ref;
       return broker_error(fb, "Broker subscription", s);
     }
-    subs_.push_back(sub);
+    subs_.push_back({sub, 0});
     return 0;
   }
 
-  natsMsg* next(TevFeedback& fb) {
-    std::lock_guard lock(inbox_->mutex);
-    fb.FB_Dropped += inbox_->dropped;
-    inbox_->dropped = 0;
-    if (inbox_->messages.empty()) return nullptr;
-    natsMsg* msg = inbox_->messages.front();
-    inbox_->messages.pop_front();
-    return msg;
+  // The next acceptable message queued for this registration into `out`;
+  // the rest (and what the library dropped past its limit) are counted.
+  bool take(TevFeedback& fb, TevIncoming& out, std::size_t max_payload) {
+    for (Subscription& sub : subs_) {
+      std::int64_t dropped = 0;
+      if (natsSubscription_GetDropped(sub.sub, &dropped) == NATS_OK && dropped > sub.dropped) {
+        fb.FB_Dropped += static_cast<std::uint32_t>(dropped - sub.dropped);
+        sub.dropped = dropped;
+      }
+      natsMsg* msg = nullptr;
+      natsStatus s;
+      while ((s = natsSubscription_NextMsg(&msg, sub.sub, 0)) == NATS_OK || s == NATS_SLOW_CONSUMER) {
+        if (s != NATS_OK) continue;  // reported once after drops, counted above
+        if (accept(msg, max_payload, out)) {
+          current_ = msg;
+          return true;
+        }
+        natsMsg_Destroy(msg);
+        ++fb.FB_Dropped;
+      }
+    }
+    return false;
   }
 
   // Checks one message against its subject and fills `out`; false drops it.
@@ -500,16 +589,34 @@ class NatsEndpoint final : public TevEndpoint {
     return true;
   }
 
+  // The library hands a destroyed message to a collector thread of its
+  // own, waking it; messages read are therefore destroyed a few at a time,
+  // so that the wake-up is not on the way of every reply.
   void release_current() {
-    if (current_ != nullptr) natsMsg_Destroy(current_);
-    current_ = nullptr;
+    if (current_ != nullptr) {
+      spent_bytes_ += static_cast<std::size_t>(natsMsg_GetDataLength(current_));
+      spent_.push_back(current_);
+      current_ = nullptr;
+    }
+    if (spent_.size() >= kSpentMessages || spent_bytes_ >= kSpentBytes) release_spent();
   }
+  void release_spent() {
+    for (natsMsg* msg : spent_) natsMsg_Destroy(msg);
+    spent_.clear();
+    spent_bytes_ = 0;
+  }
+
+  struct Subscription {
+    natsSubscription* sub;
+    std::int64_t dropped;  // as last counted
+  };
 
   NatsLink& link_;
   TevIdentity identity_;
-  std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
-  std::vector<natsSubscription*> subs_;
+  std::vector<Subscription> subs_;
   natsMsg* current_ = nullptr;  // holds the payload of the last message received
+  std::vector<natsMsg*> spent_;  // read, not yet destroyed
+  std::size_t spent_bytes_ = 0;
   unsigned subscribed_generation_ = 0;  // the link's connection the subscriptions are on
 };
 

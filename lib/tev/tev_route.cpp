@@ -33,8 +33,9 @@ class RoutedEndpoint final : public TevEndpoint {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         wait = static_cast<int>(std::max<long long>(0, left.count()));
       }
-      pollfd fds[2] = {{local_->wait_fd(), POLLIN, 0}, {broker_->wait_fd(), POLLIN, 0}};
-      int r = poll(fds, 2, wait);
+      pollfd fds[kTevMaxWaitFds];
+      int n = wait_fds(fds);
+      int r = poll(fds, static_cast<nfds_t>(n), wait);
       if (r < 0 && errno == EINTR) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRcvCnc, EINTR, "Receive was canceled");
       if (r < 0) return tev_fail(fb, kTevPrcUnrecoverable, kTevSrcIntDrc, errno, "Receive");
       if (r == 0) return tev_fail(fb, kTevPrcLogicErr, kTevSrcRtmOut, 0, "Receive timed out");
@@ -49,7 +50,10 @@ class RoutedEndpoint final : public TevEndpoint {
     local_->set_root_peers_only(on);
     broker_->set_root_peers_only(on);
   }
-  int wait_fd() const override { return local_->wait_fd(); }
+  int wait_fds(pollfd* fds) const override {
+    int n = local_->wait_fds(fds);
+    return n + broker_->wait_fds(fds + n);
+  }
 
  private:
   // A message from either backend without waiting: 0 taken, 1 failed,

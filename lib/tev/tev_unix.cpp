@@ -122,7 +122,10 @@ class UnixEndpoint final : public TevEndpoint {
     setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   }
   void set_root_peers_only(bool on) override { root_peers_only_ = on; }
-  int wait_fd() const override { return fd_; }
+  int wait_fds(pollfd* fds) const override {
+    fds[0] = {fd_, POLLIN, 0};
+    return 1;
+  }
 
   // A name is looked for in root's directory first, then in the shared one,
   // unless only root's registrations may receive. The sender of the last
