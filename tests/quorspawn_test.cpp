@@ -71,58 +71,18 @@ TEST(Spawn, TheProgramGetsItsArgumentsEnvironmentAndMaskButNoDescriptors) {
   EXPECT_FALSE(sigismember(&after, SIGTERM)) << "the start left signals blocked in the daemon";
 }
 
-// What cannot be started runs nothing, ends with 99 and removes the
-// segment: a program that does not exist; an identity that cannot be taken
-// on (too many groups, even for root); and, as root, a segment that is gone
-// or a data file that cannot be handed over (a missing one can).
-TEST(Spawn, WhatCannotBeStartedRunsNothing) {
-  testutil::TempDir dir;
-  std::string ran = (dir.path() / "ran").string();
-  Account crowded{"x", 65534, 65534, std::vector<gid_t>(70000, 65534), "/", "/bin/sh"};
-  std::optional<Account> nobody = geteuid() == 0 ? quor_account("nobody") : std::nullopt;
-  int gone = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-  shmctl(gone, IPC_RMID, nullptr);
-  const struct {
-    const char* name;
-    const char* program;
-    const Account* account;
-    bool segment_gone;
-    const char* data_file;
-    SpawnResult::Failure failure;
-  } cases[] = {{"no program", "/nonexistent/agent", nullptr, false, "", SpawnResult::kExec},
-               {"too many groups", "/bin/sh", &crowded, false, "", SpawnResult::kIdentity},
-               {"segment gone", "/bin/sh", nobody ? &*nobody : nullptr, true, "", SpawnResult::kIdentity},
-               {"data file", "/bin/sh", nobody ? &*nobody : nullptr, false, "/dev/null/data", SpawnResult::kIdentity}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.account == nullptr && c.failure == SpawnResult::kIdentity) continue;  // needs root
-    Segment segment;
-    ASSERT_GE(segment.id, 0);
-    SpawnRequest request = shell("touch " + ran);
-    request.program = c.program;
-    request.account = c.account;
-    request.shm_id = c.segment_gone ? gone : segment.id;
-    request.data_file = c.data_file;
-    SpawnResult result = quor_spawn(request);
-    ASSERT_GT(result.pid, 0);
-    EXPECT_EQ(result.failure, c.failure);
-    EXPECT_NE(result.err, 0);
-    EXPECT_EQ(exit_status(result.pid), kSpawnFailedStatus);
-    EXPECT_FALSE(fs::exists(ran));
-    EXPECT_FALSE(segment_exists(request.shm_id));
-  }
-}
-
 // Under an account, the program runs with its uid, group and supplementary
 // groups, and owns the segment (mode 0600, the daemon's group) and the data
-// file.
-TEST(Spawn, TheProgramRunsAsTheAccountAndOwnsSegmentAndDataFile) {
+// file. What cannot be started runs nothing, ends with 99 and removes the
+// segment.
+TEST(Spawn, UnderAnAccountOrNotAtAll) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
   std::optional<Account> nobody = quor_account("nobody");
   if (!nobody) GTEST_SKIP() << "no account 'nobody'";
   testutil::TempDir dir;
   fs::permissions(dir.path(), fs::perms::all);
-  std::string data = (dir.path() / "data").string(), out = (dir.path() / "out").string();
+  std::string data = (dir.path() / "data").string(), out = (dir.path() / "out").string(),
+              ran = (dir.path() / "ran").string();
   std::ofstream(data) << "rows";
   Segment segment;
   ASSERT_GE(segment.id, 0);
@@ -144,6 +104,41 @@ TEST(Spawn, TheProgramRunsAsTheAccountAndOwnsSegmentAndDataFile) {
   ASSERT_EQ(stat(data.c_str(), &st), 0);
   EXPECT_EQ(st.st_uid, nobody->uid);
   EXPECT_EQ(st.st_gid, nobody->gid);
+
+  // Not started: a program that does not exist; an identity that cannot be
+  // taken on (too many groups, even for root); a segment that is gone; a
+  // data file that cannot be handed over (a missing one can).
+  Account crowded{"x", 65534, 65534, std::vector<gid_t>(70000, 65534), "/", "/bin/sh"};
+  int gone = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  shmctl(gone, IPC_RMID, nullptr);
+  const struct {
+    const char* name;
+    const char* program;
+    const Account* account;
+    bool segment_gone;
+    const char* data_file;
+    SpawnResult::Failure failure;
+  } cases[] = {{"no program", "/nonexistent/agent", nullptr, false, "", SpawnResult::kExec},
+               {"too many groups", "/bin/sh", &crowded, false, "", SpawnResult::kIdentity},
+               {"segment gone", "/bin/sh", &*nobody, true, "", SpawnResult::kIdentity},
+               {"data file", "/bin/sh", &*nobody, false, "/dev/null/data", SpawnResult::kIdentity}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Segment fresh;
+    ASSERT_GE(fresh.id, 0);
+    SpawnRequest refused = shell("touch " + ran);
+    refused.program = c.program;
+    refused.account = c.account;
+    refused.shm_id = c.segment_gone ? gone : fresh.id;
+    refused.data_file = c.data_file;
+    SpawnResult r = quor_spawn(refused);
+    ASSERT_GT(r.pid, 0);
+    EXPECT_EQ(r.failure, c.failure);
+    EXPECT_NE(r.err, 0);
+    EXPECT_EQ(exit_status(r.pid), kSpawnFailedStatus);
+    EXPECT_FALSE(fs::exists(ran));
+    EXPECT_FALSE(segment_exists(refused.shm_id));
+  }
 }
 
 }  // namespace
