@@ -2,15 +2,8 @@
 // exact bytes written, and readers that stay inside the data they are given.
 #include <gtest/gtest.h>
 
-#include <pwd.h>
-
-#include <array>
-#include <climits>
-#include <cstdio>
-#include <string>
+#include <functional>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "core_util.h"
 #include "momsg.h"
@@ -35,63 +28,54 @@ std::vector<char> with_prefix(const std::string& body) {
 
 }  // namespace
 
-TEST(SegmentWriter, ErrorSegmentMatchesTheFramingExampleByteForByte) {
-  std::array<char, 256> buf{};
-  OutBuf out(buf, 100);
-  std::size_t lf = buf_begin_segment(out, "ZZZRET");
-  EXPECT_EQ(lf, 114u);
-  buf_add_item(out, "RC");
-  buf_add_item(out, "3");
-  buf_add_item(out, "RM");
-  buf_add_item(out, "bad");
-  buf_end_segment(out, lf);
-  EXPECT_EQ(out.pos, 139u);  // 39 bytes: 14 + the segment length 25
-  EXPECT_EQ(written(out, 100),
-            nul_join({"ZZZRET", "ZZZLEN", "   25", "RC", "3", "RM", "bad", "ZZZEOS"}));
-  EXPECT_FALSE(out.overflow);
-}
-
-TEST(SegmentWriter, EmptySegmentsValuesAndTrailers) {
-  std::array<char, 256> buf{};
-  OutBuf out(buf);
-  std::size_t lf = buf_begin_segment(out, "ZZZSTS");
-  buf_end_segment(out, lf);
-  EXPECT_EQ(written(out, 6), nul_join({"ZZZSTS", "ZZZLEN", "   13", "ZZZEOS"}));
-
-  // An empty value is one NUL; text after an embedded NUL is not written.
-  OutBuf v(buf);
-  buf_add_item(v, "");
-  buf_add_item(v, std::string_view("ab\0cd", 5));
-  EXPECT_EQ(written(v, 6), std::string("\0ab\0", 4));
-
-  // The trailer of a last buffer is 39 bytes; a trailer without a value is
-  // an empty segment.
-  OutBuf t(buf);
-  quor_trl_put("N", t);
-  EXPECT_EQ(t.pos - 6, 39u);
-  EXPECT_EQ(written(t, 6), nul_join({"ZZZTRL", "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"}));
-  OutBuf n(buf);
-  quor_trl_write(Trailer{}, n);
-  EXPECT_EQ(written(n, 6), nul_join({"ZZZTRL", "ZZZLEN", "   13", "ZZZEOS", "ZZZEOD"}));
-  // More data follows only a value beginning with 'Y': a trailer without
-  // one, any other value, or no trailer at all ends the exchange.
-  EXPECT_TRUE(quor_trl_last(InBuf(buf.data(), n.pos)));
-  EXPECT_TRUE(quor_trl_last(InBuf(buf.data(), 6)));
-  for (auto [value, last] : {std::pair{"Y", false}, {"Yes", false}, {"N", true}, {"X", true}, {"n", true}, {"", true}}) {
-    OutBuf m(buf);
-    quor_trl_put(value, m);
-    EXPECT_EQ(quor_trl_last(InBuf(buf.data(), m.pos)), last) << value;
+// What each writer puts after the prefix, byte for byte (an error segment
+// and the trailer of a last buffer: the error reply test).
+TEST(SegmentWriter, ExactBytes) {
+  testutil::EnvGuard user("MOX_QUORUSER", std::string("operator7"));
+  const std::string tran_items =
+      nul_join({"COD", "E", "PID", std::to_string(getpid()), "NOD", mo_nodename(), "USR", "operator7", "GID",
+                std::to_string(getgid()), "ADD", "N", "OS", "UNIX1", "ZZZEOS"});
+  char tran_length[8];
+  std::snprintf(tran_length, sizeof tran_length, "%5zu", 6 + tran_items.size());
+  ObjectHeader hdr;  // unset fields are left out
+  hdr.object = "PAYROLL";
+  hdr.action = "BACKUP";
+  hdr.cnt_text = "";
+  const struct {
+    const char* name;
+    std::function<void(OutBuf&)> write;
+    std::string expected;
+  } cases[] = {
+      {"empty segment", [](OutBuf& out) { testutil::put_segment(out, "ZZZSTS", {}); },
+       nul_join({"ZZZSTS", "ZZZLEN", "   13", "ZZZEOS"})},
+      {"an empty value is one NUL, text after a NUL is left out",
+       [](OutBuf& out) {
+         buf_add_item(out, "");
+         buf_add_item(out, std::string_view("ab\0cd", 5));
+       },
+       std::string("\0ab\0", 4)},
+      {"trailer without a value", [](OutBuf& out) { quor_trl_write(Trailer{}, out); },
+       nul_join({"ZZZTRL", "ZZZLEN", "   13", "ZZZEOS", "ZZZEOD"})},
+      {"object header", [&](OutBuf& out) { quor_hdr_write(hdr, out); },
+       nul_join({"ZZZHDR", "ZZZLEN", "   41", "OBJ", "PAYROLL", "CMD", "BACKUP", "CNT", "", "ZZZEOS"})},
+      {"transaction header", [](OutBuf& out) { tran_header_put("E", "N", out); },
+       nul_join({"ZZZTRN", "ZZZLEN", tran_length}) + tran_items}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::array<char, 512> buf{};
+    OutBuf out(buf);
+    c.write(out);
+    EXPECT_FALSE(out.overflow);
+    EXPECT_EQ(written(out, 6), c.expected);
   }
 }
 
 TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {
   std::array<char, 40> buf{};
-  buf.fill('#');
   OutBuf out(buf);
   std::size_t lf = buf_begin_segment(out, "ZZZSTS");  // 20 bytes, up to 26
   buf_add_item(out, "0123456789ABC");                 // 14 bytes: exactly fills 40
   EXPECT_FALSE(out.overflow);
-  EXPECT_EQ(out.pos, 40u);
   buf_end_segment(out, lf);
   EXPECT_TRUE(out.overflow);
   EXPECT_EQ(out.pos, 40u);
@@ -100,54 +84,41 @@ TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {
   EXPECT_EQ(std::string(buf.data() + lf, 5), "00000");
 }
 
-TEST(SegmentReader, ItemsAreMatchedExactlyAndLaterDuplicatesWin) {
-  auto buf = with_prefix(nul_join({"ZZZHDR", "ZZZLEN", "   40", "obj", "lower", "OBJ", "first",
-                                   "ZZ", "unknown", "OBJ", "second", "ZZZEOS"}));
+TEST(SegmentReader, HeadersTrailersAndFraming) {
+  // Items are matched exactly, later duplicates win, absent ones read as
+  // empty.
+  auto buf = with_prefix(nul_join({"ZZZHDR", "ZZZLEN", "   40", "obj", "lower", "OBJ", "first", "ZZ", "unknown",
+                                   "OBJ", "second", "ZZZEOS"}));
   ObjectHeader hdr;
   ASSERT_TRUE(quor_hdr_read(buf, hdr));
   EXPECT_EQ(*hdr.object, "second");
   EXPECT_EQ(*hdr.action, "");
-}
 
-TEST(SegmentReader, ABadlyFramedSegmentHidesEverythingAfterIt) {
-  const std::string good_ret = nul_join({"ZZZRET", "ZZZLEN", "   13", "ZZZEOS"});
-  for (const std::string& first : {
-           nul_join({"ZZZTRN", "ZZZLXX", "   13", "ZZZEOS"}),  // no ZZZLEN
-           nul_join({"ZZZTRN", "ZZZLEN", "    0", "ZZZEOS"}),  // zero length
-           nul_join({"ZZZTRN", "ZZZLEN", "32768", "ZZZEOS"}),  // too long
-           nul_join({"ZZZTRN", "ZZZLEN", "   -5", "ZZZEOS"}),
-       }) {
-    auto buf = with_prefix(first + good_ret);
-    EXPECT_FALSE(buf_find_segment(buf, "ZZZRET")) << first;
+  // More data follows only a trailer value beginning with 'Y': a trailer
+  // without one, any other value, or no trailer at all ends the exchange.
+  const std::pair<std::optional<std::string>, bool> trailers[] = {
+      {"Y", false}, {"Yes", false}, {"N", true}, {"", true}, {std::nullopt, true}};
+  for (const auto& [value, last] : trailers) {
+    std::array<char, 64> out_buf{};
+    OutBuf out(out_buf);
+    quor_trl_write(Trailer{value}, out);
+    EXPECT_EQ(quor_trl_last(InBuf(out_buf.data(), out.pos)), last) << value.value_or("(none)");
   }
-  // Without ZZZEOD the later segment is still found.
-  auto buf = with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   13", "ZZZEOS"}) + good_ret);
-  EXPECT_TRUE(buf_find_segment(buf, "ZZZRET"));
-  // A short length field at the very end: items would start past the end.
-  auto cut = with_prefix(nul_join({"ZZZRET", "ZZZLEN", "5"}));
-  EXPECT_FALSE(buf_find_segment(cut, "ZZZRET"));
-}
+  EXPECT_TRUE(quor_trl_last(InBuf(buf.data(), 6)));
 
-TEST(SegmentReader, SegmentLengthField) {
-  const std::tuple<const char*, const char*, long> cases[] = {
+  // A segment of length 0 hides the one after it; without ZZZEOD the later
+  // one is still found; a short length field at the very end holds no items.
+  const std::string ret = nul_join({"ZZZRET", "ZZZLEN", "   13", "ZZZEOS"});
+  EXPECT_FALSE(buf_find_segment(with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "    0", "ZZZEOS"}) + ret), "ZZZRET"));
+  EXPECT_TRUE(buf_find_segment(with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   13", "ZZZEOS"}) + ret), "ZZZRET"));
+  EXPECT_FALSE(buf_find_segment(with_prefix(nul_join({"ZZZRET", "ZZZLEN", "5"})), "ZZZRET"));
+
+  // The length field: -1 without its mark, 0 when out of range or no number.
+  const std::tuple<const char*, const char*, long> lengths[] = {
       {"ZZZLEN", "   25", 25}, {"ZZZLEN", "32767", 32767}, {"ZZZLEN", "32768", 0}, {"ZZZLEN", "  -1", 0},
       {"ZZZLEN", "abc", 0}, {"ZZZLEN", "99999999999999999999999", 0}, {"ZZZLE", "   25", -1}};
-  for (const auto& [mark, field, length] : cases)
+  for (const auto& [mark, field, length] : lengths)
     EXPECT_EQ(buf_segment_length(with_prefix(nul_join({mark, field})), 6), length) << mark << " " << field;
-}
-
-TEST(TransactionHeader, DaemonHeaderHasSevenItemsInOrder) {
-  testutil::EnvGuard user("MOX_QUORUSER", std::string("operator7"));
-  std::array<char, 512> buf{};
-  OutBuf out(buf);
-  tran_header_put("E", "N", out);
-  ASSERT_FALSE(out.overflow);
-  const std::string pid = std::to_string(getpid()), gid = std::to_string(getgid());
-  const std::string items = nul_join({"COD", "E", "PID", pid, "NOD", mo_nodename(), "USR", "operator7", "GID", gid,
-                                      "ADD", "N", "OS", "UNIX1", "ZZZEOS"});
-  char length[8];
-  std::snprintf(length, sizeof length, "%5zu", 6 + items.size());
-  EXPECT_EQ(written(out, 6), nul_join({"ZZZTRN", "ZZZLEN", length}) + items);
 }
 
 TEST(TransactionHeader, UserNameSources) {
@@ -164,30 +135,12 @@ TEST(TransactionHeader, UserNameSources) {
   // After a change to a uid without a name, no name: not the one before.
   uid_t nameless = 54321;
   while (getpwuid(nameless) != nullptr) ++nameless;
-  if (geteuid() == 0 && pw != nullptr) {
-    testutil::Child child([&] {
-      if (setuid(nameless) != 0) return 2;
-      TransactionHeader after;
-      tran_header_fill("B", "N", after);
-      return after.user.empty() ? 0 : 1;
-    });
-    EXPECT_EQ(child.wait(), 0);
-  }
-}
-
-TEST(ObjectHeader, WriteLeavesOutUnsetFieldsAndReadsBack) {
-  ObjectHeader hdr;
-  hdr.object = "PAYROLL";
-  hdr.action = "BACKUP";
-  hdr.cnt_text = "";
-  std::array<char, 256> buf{};
-  OutBuf out(buf);
-  quor_hdr_write(hdr, out);
-  EXPECT_EQ(written(out, 6), nul_join({"ZZZHDR", "ZZZLEN", "   41", "OBJ", "PAYROLL", "CMD",
-                                       "BACKUP", "CNT", "", "ZZZEOS"}));
-  ObjectHeader back;
-  ASSERT_TRUE(quor_hdr_read(std::span<const char>(buf.data(), out.pos), back));
-  EXPECT_EQ(*back.object, "PAYROLL");
-  EXPECT_EQ(*back.action, "BACKUP");
-  EXPECT_EQ(*back.data_format, "");  // absent reads as empty
+  if (geteuid() != 0 || pw == nullptr) return;
+  testutil::Child child([&] {
+    if (setuid(nameless) != 0) return 2;
+    TransactionHeader after;
+    tran_header_fill("B", "N", after);
+    return after.user.empty() ? 0 : 1;
+  });
+  EXPECT_EQ(child.wait(), 0);
 }
