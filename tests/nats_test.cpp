@@ -253,11 +253,20 @@ TEST_F(Fleet, ReceiverTrustsTheSubjectNotTheSenderBlock) {
     natsConnection_Destroy(nc);
     natsOptions_Destroy(opts);
   };
+  TevInquiry inquiry;
+  char buf[16];
+  // The receiver subscribes once its connection is up, which on a busy
+  // host may be after the first publish: wait until a good message arrives.
+  bool subscribed = false;
+  for (int i = 0; i < 20 && !subscribed; ++i) {
+    publish(kNodeB, kNodeB, kNodeB);
+    subscribed = TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 500) == 0;
+  }
+  ASSERT_TRUE(subscribed) << rfb.FB_ErrorText;
+  while (TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 200) == 0) continue;  // a late duplicate
   publish(kNodeB, "nodec", kNodeB);  // the block lies about the node
   publish(kNodeB, kNodeB, kNodeB);   // as it should be
   publish(kNodeA, kNodeA, kNodeA);   // this node, through the broker
-  TevInquiry inquiry;
-  char buf[16];
   ASSERT_EQ(TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 3000), 0) << rfb.FB_ErrorText;
   EXPECT_EQ(std::string(from.system_id()) + " " + std::string(from.app_name()), "nodeb SENDER");
   EXPECT_EQ(inquiry.host, kNodeB);
