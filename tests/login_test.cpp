@@ -27,11 +27,9 @@ TransactionHeader from(std::string pid, std::string node) {
   return h;
 }
 
-// By client: pid (as text) and node must both match and the flags share a
-// bit with the mask; a new entry is not found as a continuing one, so a
-// second first buffer makes a second transaction. By agent: the pid is read
-// as a number, the node must be this host, the flags share a bit with the
-// mask.
+// By client, pid (as text) and node match and the flags share a bit with
+// the mask: a second first buffer makes a second transaction. By agent, the
+// pid is read as a number and the node must be this host.
 TEST(ChildLookup, ByClientAndByAgent) {
   ChildEntry* first = quor_child_find(from("42", "far"), kChildContinuing, false);
   ASSERT_NE(first, nullptr);
@@ -122,12 +120,7 @@ class LoginReport : public ::testing::Test {
     serve();
     return pid;
   }
-  static UserEntry& pending(std::string name) {
-    UserEntry& u = quor_user_new();
-    u.user_name = std::move(name);
-    u.node_name = "far";
-    return u;
-  }
+  static UserEntry& pending(std::string name) { return quor_user_new() = UserEntry{std::move(name), "far", "", "", 0, 0, {}}; }
   // Receives one report and serves it.
   void serve() {
     loop_.buffer.fill(0);
@@ -143,13 +136,11 @@ class LoginReport : public ::testing::Test {
   std::vector<pid_t> agents_;
 };
 
-// The agent's own report completes the login: the account, its group, the
-// activity time, and the agent as the login process; the transaction ends.
-// A report from a process the agent started counts as the agent's.
-// A second report for a logged-in user under the same account leaves the
-// previous login process running, only no longer recorded; under another
-// account it stops it, and drops it if it outlives the grace. Either is
-// reaped by the first sweep after it ends.
+// The agent's report, or its child's, completes the login (account, group,
+// activity, the agent as login process) and ends the transaction. Another
+// report under the same account leaves the previous login process running
+// unrecorded; under another account it stops it, dropped if it outlives the
+// grace. Either is reaped by the first sweep after it ends.
 TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
   UserEntry& ann = pending("ann");
   pid_t first = report_own(ann, "acct");
@@ -203,8 +194,7 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
   std::string sent_by = " sent by process " + std::to_string(sender.pid());
   ASSERT_EQ(sender.wait(), 0);
   serve();
-  EXPECT_EQ(ann.login_name, "");
-  EXPECT_EQ(ann.login_pid, 0);
+  EXPECT_TRUE(ann.login_name.empty() && ann.login_pid == 0);
   EXPECT_EQ(quor_child_count(), 1);
   EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
   EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + sent_by), std::string::npos) << log();
@@ -218,12 +208,13 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
 
 }  // namespace
 
-// Who a client is, as the owners file keeps it, and what that identity may do.
+// Who a client is, as the owners file keeps it (the round trip is the users
+// fuzz target's), and what that identity may do.
 TEST(ClientIdentity, TextReadsBackAndDecidesTrustAndUse) {
   const ClientId user{true, 1000, ""}, other{true, 1001, ""}, root{true, 0, ""}, self{true, geteuid(), ""},
       remote{true, static_cast<uid_t>(-1), "far"}, remote_root{true, 0, "far"}, unknown{};
-  for (const ClientId& c : {user, root, remote, unknown}) EXPECT_EQ(quor_client_parse(quor_client_text(c)), c);
   EXPECT_EQ(quor_client_text(user) + "," + quor_client_text(remote), "uid 1000,host far");
+  EXPECT_EQ(quor_client_parse("uid 1000"), user);
   for (const char* bad : {"uid", "uid x", "uid 12x", "uid -1", "host ", "nobody", ""})
     EXPECT_FALSE(quor_client_parse(bad)) << bad;
 
@@ -232,4 +223,27 @@ TEST(ClientIdentity, TextReadsBackAndDecidesTrustAndUse) {
   EXPECT_TRUE(quor_client_may_use(user, user) && quor_client_may_use(user, root));
   EXPECT_FALSE(quor_client_may_use(user, other) || quor_client_may_use(unknown, unknown) ||
                quor_client_may_use(user, remote));
+}
+
+// The sessions a client holds (its limit at login) follow entries as they
+// are made, before any lookup, and as they go, one by one or together.
+TEST(SessionCount, FollowsEntriesAsTheyComeAndGo) {
+  quor_users().clear();
+  const ClientId alice{true, 1000, ""}, bob{true, 1001, ""}, far{true, static_cast<uid_t>(-1), "far"};
+  std::vector<UserEntry*> made;
+  for (int i = 0; i < 6; ++i) {
+    made.push_back(&quor_user_new());
+    *made.back() = UserEntry{"u" + std::to_string(i), "n", "", "", 0, 0, i < 3 ? alice : i < 5 ? bob : far};
+  }
+  auto counts = [&] { return std::vector{quor_user_count_owned(alice), quor_user_count_owned(bob), quor_user_count_owned(far)}; };
+  EXPECT_EQ(counts(), (std::vector{3, 2, 1}));
+  quor_user_remove_ended(made[0]);
+  quor_users_remove_ended(std::span(made).subspan(3, 2));
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_user_new().owner = bob;
+  EXPECT_EQ(counts(), (std::vector{2, 1, 1}));
+  quor_user_remove_ended(&quor_users().front());
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_users().clear();
+  EXPECT_EQ(counts(), (std::vector{0, 0, 0}));
 }

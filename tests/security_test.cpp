@@ -36,10 +36,7 @@ class Security : public testutil::AgentDaemonTest {
   }
 
   // Runs `body` as the attacker: its result (0 when all went as it should).
-  template <class F>
-  int as_attacker(F body) {
-    return testutil::run_as(attacker_, body);
-  }
+  int as_attacker(const std::function<int()>& body) { return testutil::run_as(attacker_, body); }
   // Makes this (forked) process the attacker.
   bool become_attacker() const { return setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(uid_) == 0; }
 
@@ -49,11 +46,10 @@ class Security : public testutil::AgentDaemonTest {
   int ready_[2] = {-1, -1};  // where an attacker's child says it is ready
 };
 
-// A session serves the client that logged it in: another local user who
-// claims its name is refused, and cannot log it off either. A login needs
-// the password of an account the client is not (or root), and root only
-// when the logon agent's configuration allows it; an agent running for a
-// session cannot report a login, least of all root's.
+// A session serves only the client that logged it in, for use or logoff. A
+// login needs the password of an account the client is not (or root), root
+// only when the logon agent allows it; a session's agent cannot report a
+// login, least of all root's.
 TEST_F(Security, ASessionIsItsOwnersAndALoginNeedsThePasswordOfAnotherAccount) {
   start("LOGIN_REQUIRED: 1\n", "LOGON quorlogon\nMOUTIL quorutil\nPROBE quorprobe\n");
   {
@@ -88,12 +84,10 @@ TEST_F(Security, ASessionIsItsOwnersAndALoginNeedsThePasswordOfAnotherAccount) {
   EXPECT_EQ(std::count(full.begin(), full.end(), line + "root.\n"), 0);
 }
 
-// Nobody but root stops, refreshes or sweeps the daemon; root's refresh
-// reads only a regular file of root's, at once. The dump file is never
-// written through a link somebody planted. Clients that never read their
-// replies or never answer a partial reply do not keep the daemon from
-// serving others. A flood of bad messages writes a bounded number of log
-// lines and says how many it left out.
+// Only root stops, refreshes or sweeps the daemon; a refresh reads only a
+// regular file of root's. The dump file is never written through a planted
+// link. Clients that never read replies or answer partial ones hold nobody
+// up. A flood of bad messages logs a bounded number of lines and a count.
 TEST_F(Security, OnlyRootControlsTheDaemonAndNoClientHoldsItOrFloodsTheLog) {
   testutil::TempDir dumps;
   fs::permissions(dumps.path(), fs::perms::all | fs::perms::sticky_bit);
@@ -167,12 +161,11 @@ TEST_F(Security, OnlyRootControlsTheDaemonAndNoClientHoldsItOrFloodsTheLog) {
   EXPECT_NE(log.find(left_out), std::string::npos) << log;
 }
 
-// A request starts only the agent its type may start: a login the logon
-// agent, and the agents that run as root serve only their own kind. An
-// agent has its own standard error, write-only, no descriptor of the
-// daemon's and a clean environment; what it wrote reaches the log. A client
-// holds a bounded number of unfinished requests, and a second login for a
-// pair whose login is under way is only refused.
+// A request starts only the agent its type may start; root's agents serve
+// only their own kind. An agent gets a write-only standard error of its own
+// (logged), no descriptor of the daemon's, a clean environment. A client's
+// unfinished requests are bounded; a second login for a pair under way is
+// refused.
 TEST_F(Security, AgentsStartOnlyForTheirTypeWithNothingOfTheDaemonsAndInBoundedNumbers) {
   start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\n", "PROBE quorprobe\nLOGON quorprobe\nMOUTIL quorutil\n");
   EXPECT_EQ(as_attacker([&] {
@@ -276,26 +269,6 @@ TEST_F(Security, RootsNamesCannotBeTakenAndPasswordsGoOnlyToRoot) {
   testutil::EnvGuard user("MOX_QUORUSER", "nobody");
   EXPECT_EQ(ctl_login(CtlTarget{}, std::string("secret"), false).status, kCtlNotRunning);
   EXPECT_EQ(squatter->wait(), 0) << "the password reached the impostor";
-}
-
-// A pid the daemon reaped may be anybody's next: neither a logoff's sweep
-// nor a kill-all signals it.
-TEST_F(Security, AReapedPidIsNeverSignalled) {
-  start("LOGIN_REQUIRED: 1\n", "LOGON quorprobe\nPROBE quorprobe\n");
-  testutil::EnvGuard user("MOX_QUORUSER", "nobody");
-  request("L", "LOGON", "LOGININFO", false);
-  std::optional<Probe> login = next_probe();
-  ASSERT_TRUE(login);
-  ASSERT_NE(settle(users(1)).find(" 1 users"), std::string::npos);
-  request("O", "PROBE", "EXIT0", false);  // stops and reaps the login program
-  ASSERT_TRUE(next_probe());
-  testutil::eventually([&] { return kill(login->pid, 0) != 0; });
-  // The freed pid, given to a process that sleeps until killed.
-  std::ofstream("/proc/sys/kernel/ns_last_pid") << login->pid - 1;
-  testutil::Child victim([] { return pause(); });
-  if (victim.pid() != login->pid) GTEST_SKIP() << "the reaped pid could not be given to a victim";
-  EXPECT_EQ(settle(users(0)), users(0));
-  EXPECT_EQ(waitpid(victim.pid(), nullptr, WNOHANG), 0) << "the logoff's sweep signalled a reaped pid";
 }
 
 }  // namespace

@@ -38,13 +38,6 @@ std::pair<std::string, std::string> call(std::string_view type, const std::funct
   return {ret[1], ret[3]};
 }
 
-// Sends TERMINATE (or KILLALL) and returns the daemon's exit status.
-int terminate(Daemon& d, std::string_view type = "T") {
-  TevClient client;
-  client.call(kServerName, Daemon::request(type), 0, false);
-  return d.wait_exit();
-}
-
 TEST(StartUp, APidFileNamingNoLiveProcessDoesNotBlock) {
   for (std::string stale : {"0\n", "not a number\n", "-1\n", "", "999999999\n"}) {
     Daemon d([&](const fs::path& root) { write_file(root / "tmp/quordaemon.pid", stale); }, {});
@@ -90,9 +83,7 @@ TEST(StartUp, CommandLine) {
   write_file(alt, "TRANSACTION_TIMEOUT: 5\n");
   Daemon good({"-x", "-c", alt});
   ASSERT_TRUE(good.wait_ready()) << good.log();
-  std::vector<std::string> status = good.status("B");
-  ASSERT_GE(status.size(), 3u);
-  EXPECT_EQ(status[2], "    Config path is " + alt + "\n");
+  EXPECT_THAT(good.status("B"), Contains("    Config path is " + alt + "\n"));
 }
 
 TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
@@ -100,13 +91,12 @@ TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::string expected = "quordaemon waiting in spin loop, pid=" + std::to_string(d.pid()) + "\n";
   EXPECT_TRUE(eventually([&] { return d.output().find(expected) != std::string::npos; })) << d.output();
-  TevClient client;
-  EXPECT_NE(client.call(kServerName, Daemon::request("B"), 300).rc, 0) << "answered while spinning";
+  EXPECT_NE(TevClient().call(kServerName, Daemon::request("B"), 300).rc, 0) << "answered while spinning";
 }
 
-// Hang-up, interrupt and SIGUSR2 change nothing. SIGTERM and SIGQUIT end a
-// waiting daemon at once and in order; a fatal signal is logged and ends it
-// with its number, leaving the pid file and the standard error capture.
+// Hang-up, interrupt and SIGUSR2 change nothing; SIGTERM and SIGQUIT end the
+// daemon at once and in order; a fatal signal ends it with its number,
+// logged, leaving the pid file and the standard error capture.
 TEST(Signals, OnlyTerminationAndFatalSignalsEndTheDaemon) {
   REQUIRE_ROOT();
   struct Case {
@@ -170,10 +160,10 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
   EXPECT_EQ(before[2], "    Config path is " + root + "/quor/etc/quor.config\n");
   write_file(root + "/empty.map", "# nothing\n");
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // a later load time
-  // Each refresh: the file it names (none: the default one) after writing
-  // `contents` there, and its return code. A file that fails to load, or
-  // names a map that fails, keeps the running configuration; one that loads
-  // replaces it; naming no file reads the default one again, not the last.
+  // Each refresh: the file it names (none: the default) after `contents` is
+  // written there, and its return code. A file that fails to load, or names
+  // a map that fails, keeps the running configuration; one that loads
+  // replaces it; no file reads the default one again, not the last.
   struct Case {
     std::optional<std::string> file;
     std::string contents;
@@ -210,7 +200,8 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
   EXPECT_THAT(status, HasSubstr("Uid:\t" + std::to_string(nobody->pw_uid) + "\t"));
   EXPECT_THAT(status, HasSubstr("Gid:\t" + std::to_string(nobody->pw_gid) + "\t"));
-  EXPECT_EQ(terminate(d, "K"), 0) << d.output();
+  TevClient().call(kServerName, Daemon::request("K"), 0, false);
+  EXPECT_EQ(d.wait_exit(), 0) << d.output();
   EXPECT_TRUE(eventually([&] { return processes(0, {}, false, (d.root().path() / "quor/bin/").string()).empty(); }))
       << "a login program outlived the daemon";
   EXPECT_THAT(d.output(), HasSubstr("\nquordaemon:  message type KILLALL\n"));
@@ -218,9 +209,9 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
   EXPECT_FALSE(fs::exists(pid_file(d)));
 }
 
-// A command request the daemon cannot serve for want of a resource (here:
-// a temporary directory where no file can be made) is answered, then the
-// daemon stops at once: its name, its login programs and itself go.
+// A request that cannot be served for want of a resource (here: no file can
+// be made in the temporary directory) is answered; then the daemon, its name
+// and its login programs go at once.
 TEST(AbnormalShutdown, AfterARequestThatCouldNotBeServed) {
   REQUIRE_ROOT();  // the default login program runs as "nobody"
   Daemon d([](const fs::path& root) {
@@ -283,8 +274,7 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   }, {});
   ASSERT_TRUE(d.wait_ready()) << d.output();
   std::vector<std::string> full = d.status("F");
-  ASSERT_GE(full.size(), 8u);
-  EXPECT_EQ(full[4], "    2 users logged into quor\n") << d.output();
+  EXPECT_THAT(full, Contains("    2 users logged into quor\n")) << d.output();
   EXPECT_THAT(full, Contains("    User ann from node far logged in as nobody.\n"));
   EXPECT_THAT(d.log(), HasSubstr("Cannot start a process for nobody (exec"));
   EXPECT_TRUE(processes(d.pid(), {}, true).empty()) << "a zombie";
@@ -295,7 +285,8 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
       h.node = node;
     }).first, "no reply");
   }
-  ASSERT_EQ(terminate(d), 0) << d.output();
+  TevClient().call(kServerName, Daemon::request("T"), 0, false);
+  ASSERT_EQ(d.wait_exit(), 0) << d.output();
 
   // The saved records, read back without starting anything: ann's activity
   // is fresh, bob's unchanged.

@@ -123,13 +123,11 @@ class Sweep : public ::testing::Test {
   std::vector<int> pipes_;
 };
 
-// Login agents: a clean exit keeps the entry (flags exactly 0x10) for the
-// login report and keeps the user; a failure or a signal logs the user out.
-// 0x20 keeps an entry from being kept. A logoff agent's end logs its user
-// out and stops the login program; a service agent's end touches no user.
-// Only entries marked running (0x04) or reapable (0x20) end with their
-// process; an entry without a start attempt stays. A user whose login
-// program ended is logged out, and transactions for it forget it.
+// A login agent's clean exit keeps the entry (flags 0x10, unless 0x20) and
+// the user; a failure or a signal logs the user out, as does a logoff agent's
+// end (stopping the login program); a service agent's end touches no user.
+// Only running (0x04) or reapable (0x20) entries end with their process. A
+// user whose login program ended is logged out; transactions forget it.
 TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
   pid_t ok = exited(0), failed = exited(3), no_keep = exited(0), logoff = exited(0), service = exited(5);
   pid_t unmarked = exited(0), program = exited(0), killed = waiting(), login = waiting();
@@ -164,16 +162,19 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
 }
 
 // An agent older than the transaction time-out gets SIGTERM on every sweep
-// until it ends; an exempt one (0x40), a kept login agent (it was reaped,
-// so its pid is no longer ours to signal) and any under a time-out of 0 never do.
+// until it ends; a young one, an exempt one (0x40), a kept login agent (it
+// was reaped, so its pid is no longer ours to signal) and any under a
+// time-out of 0 never do.
 TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   quor_config().transaction_timeout = 5;
   auto [overdue, overdue_terms] = counting();
   auto [exempt, exempt_terms] = counting();
   auto [kept, kept_terms] = counting();
+  auto [young, young_terms] = counting();
   agent(overdue, 1).created -= 6;
   agent(exempt, 1, kChildRunning | kChildNoTimeout).created -= 100;
   agent(kept, 2, kChildKept, &user("waiting")).created -= 100;
+  agent(young, 1);  // the newest: the walk from the oldest stops here
 
   for (int sweep = 1; sweep <= 3; ++sweep) {
     quor_garbage_collect(0);
@@ -181,41 +182,47 @@ TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
   }
   EXPECT_FALSE(byte_within(exempt_terms, 200));
   EXPECT_FALSE(byte_within(kept_terms, 0));
-  EXPECT_EQ(quor_child_count(), 3) << "a signalled agent stays until it has ended";
+  EXPECT_FALSE(byte_within(young_terms, 0));
+  EXPECT_EQ(quor_child_count(), 4) << "a signalled agent stays until it has ended";
   quor_config().transaction_timeout = 0;  // no time-out at all
   quor_garbage_collect(0);
   EXPECT_FALSE(byte_within(overdue_terms, 200));
+
+  // A kill-all stops agents that ignore SIGTERM with SIGKILL, and never
+  // signals the pid of a kept entry (here: a process it does not own any
+  // more, as a reused pid would be).
+  quor_children_kill_all();
+  EXPECT_TRUE(byte_within(overdue_terms, 0)) << "no SIGTERM first";
+  for (pid_t pid : {overdue, exempt, young}) EXPECT_FALSE(ours(pid)) << "an agent was not killed and reaped";
+  EXPECT_FALSE(byte_within(kept_terms, 0)) << "a kept entry's pid was signalled";
 }
 
-// A failed start (pid -1), a transaction whose next buffer does not come
-// within the expiry, and a login agent that ended without its report, are
-// dropped with what they hold: the segments, and the login's pending session;
-// an idle user is logged out (never without a time-out), and its
-// transactions forget it. A shutdown then drops the transactions whose
-// agent has not started, with their segments, and leaves the running ones
-// to the kill-all.
+// A failed start (pid -1), a transaction whose next buffer is overdue and a
+// login agent that ended without its report go with their segments and
+// pending session; an idle user is logged out (never without a time-out).
+// A shutdown then drops the transactions whose agent has not started, with
+// their segments, leaving the running ones to the kill-all.
 TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   int failed_shm = new_segment(), stale_shm = new_segment(), recent_shm = new_segment();
   agent(-1, 0, kChildContinuing).shm_id = failed_shm;
-  ChildEntry& stale = agent(0, 0, kChildContinuing);
+  ChildEntry& stale = agent(0, 0, kChildContinuing, &user("pending"));
   stale.shm_id = stale_shm;
   stale.type = 'L';
-  stale.user = &user("pending");
   stale.last_buffer -= kPendingExpirySeconds + 1;
   agent(exited(0), 2, kChildKept).last_buffer -= kPendingExpirySeconds + 1;
   agent(0, 0, kChildContinuing).last_buffer -= kPendingExpirySeconds - 5;
   pid_t running = waiting();
   agent(running, 1, kChildRunning, &user("busy", std::time(nullptr)));
   quor_config().login_timeout = 60;
-  ChildEntry& idle = agent(waiting(), 1, kChildRunning, &user("idle", std::time(nullptr) - 61));
+  pid_t idle_program = waiting();
+  ChildEntry& idle = agent(waiting(), 1, kChildRunning, &user("idle", std::time(nullptr) - 61, idle_program));
 
   quor_garbage_collect(0);
   EXPECT_EQ(quor_child_count(), 3) << "only the recent transaction and the running agents stay";
   EXPECT_EQ(idle.user, nullptr);
-  EXPECT_FALSE(has_user("idle"));
-  EXPECT_TRUE(has_user("busy"));
+  EXPECT_FALSE(ours(idle_program)) << "the idle user's login program was not stopped and reaped";
+  EXPECT_FALSE(has_user("idle") || has_user("pending") || !has_user("busy"));
   EXPECT_FALSE(segment_exists(failed_shm) || segment_exists(stale_shm)) << "a segment stayed";
-  EXPECT_FALSE(has_user("pending"));
   quor_config().login_timeout = 0;  // nobody is idle
   user("ancient", 1);
   quor_garbage_collect(0);
@@ -226,24 +233,6 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_EQ(quor_child_count(), 2);
   EXPECT_TRUE(entry(running));
   EXPECT_FALSE(segment_exists(recent_shm)) << "the segment stayed";
-}
-
-// A kill-all stops agents that ignore SIGTERM with SIGKILL, and never
-// signals the pid of an agent it reaped before (here: a process it does not
-// own any more, as a reused pid would be).
-TEST_F(Sweep, AKillAllKillsStubbornAgentsButNoReapedPid) {
-  auto [stubborn, terms] = counting();
-  pid_t stranger = waiting();
-  agent(stubborn, 1);
-  agent(stranger, 2, kChildKept);
-
-  quor_children_kill_all();
-
-  EXPECT_TRUE(byte_within(terms, 0)) << "no SIGTERM first";
-  EXPECT_FALSE(ours(stubborn)) << "the agent that ignored SIGTERM was not killed and reaped";
-  siginfo_t info{};
-  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(stranger), &info, WEXITED | WNOHANG | WNOWAIT), 0);
-  EXPECT_EQ(info.si_pid, 0) << "a kept entry's pid was signalled";
 }
 
 }  // namespace
