@@ -1,6 +1,6 @@
 // The configuration file, the object map and the language map, read from
 // real files in a temporary installation root, and the environment entries
-// built from a request's "ZZZENV" segment.
+// built from a date format and a language.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -120,11 +120,6 @@ TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
   LanguageMap no_default{"", {"english", "french"}, {"en", "/fr"}, 2, 0}, empty;
   EXPECT_EQ(entries("", "german", &no_default), "MOX_DATEFMT=" + messages + "/en");
   EXPECT_EQ(entries("", "german", &empty), "MOX_DATEFMT=" + messages);
-
-  std::optional<EnvBlock> env = quor_env_read(testutil::plain_request("S", {{"ZZZENV", {"LAN", "klingon"}}}));
-  ASSERT_TRUE(env);
-  EXPECT_EQ(env->date_format + " " + env->message, "MOX_DATEFMT=" + messages + "/british");
-  EXPECT_FALSE(quor_env_read(testutil::plain_request("S", {})));
 }
 
 // A file whose reading fails part-way (a /proc file that runs far past the
