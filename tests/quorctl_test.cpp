@@ -180,6 +180,9 @@ TEST(RawTextForm, WritesTheBytesItDescribesAndReadsBackItsOwnText) {
     ASSERT_EQ(again.error, "") << text;
     EXPECT_EQ(again.bytes, plain) << text;
   }
+  // The text form escapes every blank of a name, and the last one of a value.
+  EXPECT_EQ(ctl_text_escape("a b ", true), "a\\x20b\\x20");
+  EXPECT_EQ(ctl_text_escape("a b ", false), "a b\\x20");
 }
 
 // A bad line gives no bytes and an error naming the line.
