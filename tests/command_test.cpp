@@ -108,7 +108,7 @@ TEST_F(Commands, RequestsRunAsTheDefaultLogin) {
   ASSERT_EQ(probe->segment.size(), kShmSize);
   for (auto [field, value] : {std::pair{smc::username, "nobody"}, {smc::object, "PROBE"}, {smc::command, "ANSWER"},
                               {smc::source, "MOQuor"}, {smc::csl_count, "1"}, {smc::slot(smc::csl_name, 0), "K"},
-                              {smc::slot(smc::csl_value, 0), "abc"}})
+                              {smc::slot(smc::csl_oper, 0), "<"}, {smc::slot(smc::csl_value, 0), "abc"}})
     EXPECT_EQ(probe->field(field), value) << "field at " << field.offset;
   EXPECT_EQ(probe->record()[smc::format.offset], 64);
   EXPECT_EQ(std::string(probe->segment.data() + 1, 64).c_str(), std::string(mo_nodename())) << "daemon's identity";

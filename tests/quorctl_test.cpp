@@ -555,44 +555,6 @@ TEST_F(CtlFiles, CsvAndTableFiles) {
   EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");
 }
 
-// The buffers of a table request, byte for byte: a CSV with quoting, CRLF,
-// line breaks in values, empty and 259-byte values, cut into whole rows per
-// buffer. The transaction header (this process's pid, node and user) is
-// padded to a fixed length, then left out of the digest, so the digest is
-// the same on every machine (the table read back by the daemon: the command
-// tests and the table fuzz target).
-TEST_F(CtlFiles, TableRequestsAreStableBytes) {
-  std::size_t varying = std::to_string(static_cast<long>(getpid())).size() + std::string(mo_nodename()).size() +
-                        std::to_string(static_cast<long>(getgid())).size();
-  testutil::EnvGuard user("MOX_QUORUSER", std::string(90 - varying, 'u'));
-  std::string csv = "id,name,note,amount\r\n";
-  for (int i = 0; i < 20000; ++i) {
-    std::string note = i % 7 == 0 ? "\"said \"\"hi\"\", twice\"" : i % 11 == 0 ? "\"two\nlines\"" : "";
-    if (i % 97 == 0) note = std::string(259, static_cast<char>('a' + i % 26));
-    csv += std::to_string(i * 7919 % 100003) + ",\"Smith, " + std::string(static_cast<std::size_t>(i % 13), 'j') +
-           "\"," + note + "," + std::to_string(i % 1000) + "." + std::to_string(i % 100) + (i % 5 ? "\n" : "\r\n");
-  }
-  write("t.csv", csv);
-  CtlBuild spec;
-  spec.object = "PROBE";
-  spec.command = "LIST";
-  spec.date_format = "DD.MM.YYYY";
-  spec.selections = {{"NAME", "=", "a b"}};
-  spec.data = CtlBuild::Data::Table;
-  spec.source = path("t.csv");
-  CtlBuilt built = ctl_build_transaction(spec);
-  ASSERT_EQ(built.error, "");
-  EXPECT_EQ(built.buffers.size(), 21u);
-  std::uint64_t digest = 14695981039346656037ull;
-  for (const std::vector<char>& b : built.buffers) {
-    std::optional<std::size_t> after_header = buf_read_segment(b, kTranTag, {}, {});
-    ASSERT_EQ(after_header.value_or(0), 164u) << "the header is padded to a fixed length";
-    for (std::size_t k = 0; k < b.size(); ++k)
-      if (k < 6 || k >= *after_header) digest = (digest ^ static_cast<unsigned char>(b[k])) * 1099511628211ull;
-  }
-  EXPECT_EQ(digest, 17730304981397973367ull);
-}
-
 // A calendar file printed, and built into a request whose segment writes
 // the same file again; a list built into a request gives the same lines.
 TEST_F(CtlFiles, CalendarsAndLists) {
