@@ -179,23 +179,19 @@ TEST_F(Fleet, RemoteClientsServedRefusedAndBackAfterBrokerLoss) {
 
 // What a remote host may do is the configuration's: a host in ADMIN_NODES may control the
 // daemon; the default login account is for local users only, so a remote request needs a session.
-TEST_F(Fleet, RemoteRightsFollowTheConfiguration) {
+// A remote login needs the account's password (the client's own account counts for nothing
+// from another host); then a table goes to an agent, which answers host B; a logoff ends it.
+TEST_F(Fleet, RemoteRightsLoginTableAndLogoff) {
   if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
   start_host_a("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\nADMIN_NODES: nodec,nodeb\n");
   EXPECT_EQ(to_a({"refresh"}).status, kCtlOk) << daemon_->log();
   EXPECT_EQ(to_a({"run", "PROBE", "ANSWER"}).status, kCtlDaemonError) << daemon_->log();
   EXPECT_FALSE(next_probe(25));
-}
-
-// A remote login needs the account's password (the client's own account counts for nothing
-// from another host); then a table goes to an agent, which answers host B; a logoff ends it.
-TEST_F(Fleet, RemoteLoginTableAndLogoff) {
 #if defined(__SANITIZE_ADDRESS__)
   // The sanitizer's crypt interceptor has no function to call when PAM's
   // module loads the crypt library itself: a real password check crashes.
   GTEST_SKIP() << "a password check through PAM cannot run under AddressSanitizer";
 #endif
-  start_host_a();
   // No password and a wrong one are refused alike (a refused login's agent
   // ends, and its session with it, before the next); the right one logs in.
   for (const std::string& input : std::vector<std::string>{"", "not the password\n", kPassword + std::string("\n")}) {

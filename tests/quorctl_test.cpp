@@ -54,22 +54,15 @@ std::vector<char> with_prefix(std::vector<char> b) {
   return b;
 }
 
-// A plain buffer made with the daemon's writers: a transaction header, one
-// segment holding `items`, the trailer.
-std::vector<char> buffer(std::string_view code, std::string_view cont, const std::vector<std::string>& items,
-                         std::string_view more, std::string_view tag = "ZZZSTS") {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  tran_header_put(code, cont, out);
-  std::size_t field = buf_begin_segment(out, tag);
-  for (const auto& i : items) buf_add_item(out, i);
-  buf_end_segment(out, field);
-  quor_trl_put(more, out);
-  return with_prefix(std::vector<char>(buf.begin(), buf.begin() + static_cast<long>(out.pos)));
+// A plain buffer with its length prefix: a transaction header, one segment
+// holding `items`, the trailer.
+std::vector<char> buffer(std::string_view code, const std::vector<std::string>& items, std::string_view more,
+                         std::string_view tag = "ZZZSTS") {
+  return with_prefix(testutil::plain_request(code, {{tag, items}}, more));
 }
 
 std::vector<char> error_reply(const std::string& rc, const std::string& rm) {
-  return buffer("E", "N", {"RC", rc, "RM", rm}, "N", "ZZZRET");
+  return buffer("E", {"RC", rc, "RM", rm}, "N", "ZZZRET");
 }
 
 std::vector<char> wire_of(std::vector<char> plain) {
@@ -133,14 +126,14 @@ int serve(TevIdentity local) {
     bool sent = false;
     if (h.type() == 'T') return 0;
     if (h.type() == 'F')
-      sent = reply({buffer("F", "N", {"status line 1\n", "status line 2\n"}, "Y"),
-                    buffer("S", "Y", {"status line 3\n", "line 4 without a newline"}, "Y"),
-                    buffer("S", "Y", {"status line 5\n"}, "N")});
+      sent = reply({buffer("F", {"status line 1\n", "status line 2\n"}, "Y"),
+                    buffer("S", {"status line 3\n", "line 4 without a newline"}, "Y"),
+                    buffer("S", {"status line 5\n"}, "N")});
     else if (h.type() == 'B')
-      sent = reply({++brief == 1 ? buffer("B", "N", {"cut short\n"}, "Y")
+      sent = reply({++brief == 1 ? buffer("B", {"cut short\n"}, "Y")
                                  : error_reply("12", "status not available\nsee the log")});
     else if (h.type() == 'P')
-      sent = reply({buffer("P", "N", {"first of several\n"}, "Y")}, true);
+      sent = reply({buffer("P", {"first of several\n"}, "Y")}, true);
     else if (h.type() == 'D')
       sent = reply({ctl_parse_text("header D\nsegment ZZZSTS 9\nstring x\nend\ntrailer N\n").bytes});
     if (!sent) return 30;
@@ -181,12 +174,15 @@ TEST(RawTextForm, WritesTheBytesItDescribesAndReadsBackItsOwnText) {
   ASSERT_EQ(odd.error, "");
   EXPECT_EQ(ctl_decode(odd.bytes).segments.at(2).declared_length, 40);
   for (const auto& plain : {error_reply("3", "cannot open /x:\n\tNo such file \\ \x01\xE9 end "),
-                            buffer("S", "Y", {"", " lead", "line\n", "#not a comment"}, "Y"), odd.bytes, r.bytes}) {
+                            buffer("S", {"", " lead", "line\n", "#not a comment"}, "Y"), odd.bytes, r.bytes}) {
     std::string text = ctl_to_text(ctl_decode(plain));
     CtlRequest again = ctl_parse_text(text);
     ASSERT_EQ(again.error, "") << text;
     EXPECT_EQ(again.bytes, plain) << text;
   }
+  // The text form escapes every blank of a name, and the last one of a value.
+  EXPECT_EQ(ctl_text_escape("a b ", true), "a\\x20b\\x20");
+  EXPECT_EQ(ctl_text_escape("a b ", false), "a b\\x20");
 }
 
 // A bad line gives no bytes and an error naming the line.
@@ -220,9 +216,10 @@ TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
 // The decoder
 
 // A wire buffer is recognised, unscrambled and printed in full, for people
-// and as JSON; the wrong form forced gives problems.
+// and as JSON, with every kind of escape; the wrong form forced gives
+// problems.
 TEST(Decoder, PrintsAnErrorReplyFromTheWire) {
-  auto plain = error_reply("3", "cannot open /x:\n\tgone\x01");
+  auto plain = error_reply("3", "cannot open /x:\n\tgone\r\x01\x7F\xe9\\\"");
   auto wire = wire_of(plain);
   CtlLoaded loaded = ctl_load(wire, CtlForm::Auto);
   EXPECT_EQ(loaded.plain, plain);
@@ -239,12 +236,12 @@ TEST(Decoder, PrintsAnErrorReplyFromTheWire) {
                                std::to_string(ret - 20) + "\n  COD=E\n  PID=" + h.pid + "\n  NOD=" + h.node +
                                "\n  USR=" + h.user + "\n  GID=" + h.gid + "\n  ADD=N\n  OS=UNIX1\nZZZRET at " +
                                std::to_string(ret) + ", length " + ret_length +
-                               "\n  RC=3\n  RM=cannot open /x:\\n\\tgone\\x01\nZZZTRL at " +
+                               "\n  RC=3\n  RM=cannot open /x:\\n\\tgone\\r\\x01\\x7F\\xE9\\\\\"\nZZZTRL at " +
                                std::to_string(trl) + ", length 18\n  MD=N\nZZZEOD\n");
   std::string json = ctl_format_json(d);
   EXPECT_THAT(json, HasSubstr("{\"tag\":\"ZZZRET\",\"offset\":" + std::to_string(ret) + ",\"length\":" + ret_length +
                               ",\"closed\":true,\"items\":[[\"RC\",\"3\"],"
-                              "[\"RM\",\"cannot open /x:\\n\\tgone\\u0001\"]]}"));
+                              "[\"RM\",\"cannot open /x:\\n\\tgone\\r\\u0001\\u007F\\u00E9\\\\\\\"\"]]}"));
   EXPECT_THAT(json, EndsWith("}],\"end_of_data\":true,\"problems\":[]}"));
   EXPECT_FALSE(ctl_load(wire, CtlForm::Plain).decoded.ok());
   EXPECT_FALSE(ctl_load(plain, CtlForm::Wire).decoded.ok());
@@ -302,15 +299,6 @@ TEST(Decoder, NamesTheOffsetAndTheFaultOfDamagedFraming) {
       {std::vector<char>(5, ' '), "buffer of 5 bytes is shorter than the 6-byte length prefix"},
   };
   for (const auto& [bytes, problem] : cases) EXPECT_THAT(ctl_decode(bytes).problems, Contains(problem));
-}
-
-// Escapes for people, for JSON, and in the text form: a blank in a name,
-// and a last blank anywhere (round trips: the fuzz target).
-TEST(Decoder, EscapesForPeopleForJsonAndForText) {
-  EXPECT_EQ(ctl_escape(std::string("a\n\t\r\\\x01\x7F\xff", 8)), "a\\n\\t\\r\\\\\\x01\\x7F\\xFF");
-  EXPECT_EQ(ctl_json_string(std::string("q\"\\\n\t\x02\xe9", 7)), "\"q\\\"\\\\\\n\\t\\u0002\\u00E9\"");
-  EXPECT_EQ(ctl_text_escape("a b ", true), "a\\x20b\\x20");
-  EXPECT_EQ(ctl_text_escape("a b ", false), "a b\\x20");
 }
 
 // The commands against the fake server, for replies the daemon never sends.
@@ -560,56 +548,11 @@ TEST_F(CtlFiles, CsvAndTableFiles) {
 
   EXPECT_EQ(csv_to_table("a,b\n1\n", path("t")).error, "CSV row 2 has 1 values, the first has 2");
   EXPECT_EQ(csv_to_table("a,\"b\nc", path("t")).error, "CSV line 1: a double quote is never closed");
-  EXPECT_EQ(csv_to_table("a\nb\"c\"\n\"b\"c\n", path("t")).error, "CSV line 3: text after a closing double quote");
   EXPECT_EQ(csv_to_table(std::string(260, 'v'), path("t")).status, kCtlUsage);
   EXPECT_EQ(ctl_table_to_csv(path("t")).out, back.out) << "a failed conversion left the table as it was";
   EXPECT_EQ(ctl_table_to_csv(path("none")).status, kCtlFailed);
   write("damaged", std::string("\x05\x00\x01\x00", 4));
   EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");
-}
-
-// The buffers of a table request, byte for byte: a CSV with quoting, CRLF,
-// line breaks in values, empty and 259-byte values, cut into whole rows per
-// buffer. The transaction header (this process's pid, node and user) is
-// padded to a fixed length, then left out of the digest, so the digest is
-// the same on every machine. Fed to the daemon's own conversion in order,
-// the buffers give the table back (the selection list and the object
-// through the daemon: the command tests).
-TEST_F(CtlFiles, TableRequestsAreStableBytesThatReadBack) {
-  std::size_t varying = std::to_string(static_cast<long>(getpid())).size() + std::string(mo_nodename()).size() +
-                        std::to_string(static_cast<long>(getgid())).size();
-  testutil::EnvGuard user("MOX_QUORUSER", std::string(90 - varying, 'u'));
-  std::string csv = "id,name,note,amount\r\n";
-  for (int i = 0; i < 20000; ++i) {
-    std::string note = i % 7 == 0 ? "\"said \"\"hi\"\", twice\"" : i % 11 == 0 ? "\"two\nlines\"" : "";
-    if (i % 97 == 0) note = std::string(259, static_cast<char>('a' + i % 26));
-    csv += std::to_string(i * 7919 % 100003) + ",\"Smith, " + std::string(static_cast<std::size_t>(i % 13), 'j') +
-           "\"," + note + "," + std::to_string(i % 1000) + "." + std::to_string(i % 100) + (i % 5 ? "\n" : "\r\n");
-  }
-  write("t.csv", csv);
-  CtlBuild spec;
-  spec.object = "PROBE";
-  spec.command = "LIST";
-  spec.date_format = "DD.MM.YYYY";
-  spec.selections = {{"NAME", "=", "a b"}};
-  spec.data = CtlBuild::Data::Table;
-  spec.source = path("t.csv");
-  CtlBuilt built = ctl_build_transaction(spec);
-  ASSERT_EQ(built.error, "");
-  EXPECT_EQ(built.buffers.size(), 21u);
-  std::uint64_t digest = 14695981039346656037ull;
-  FileTransfer t;
-  t.path = path("t.rdw");
-  for (const std::vector<char>& b : built.buffers) {
-    std::optional<std::size_t> after_header = buf_read_segment(b, kTranTag, {}, {});
-    ASSERT_EQ(after_header.value_or(0), 164u) << "the header is padded to a fixed length";
-    for (std::size_t k = 0; k < b.size(); ++k)
-      if (k < 6 || k >= *after_header) digest = (digest ^ static_cast<unsigned char>(b[k])) * 1099511628211ull;
-    ASSERT_EQ(buffer_to_RDW(t, InBuf(b)), 0);
-  }
-  EXPECT_EQ(digest, 17730304981397973367ull);
-  ASSERT_EQ(csv_to_table(csv, path("direct")).status, kCtlOk);
-  EXPECT_EQ(ctl_table_to_csv(path("t.rdw")).out, ctl_table_to_csv(path("direct")).out);
 }
 
 // A calendar file printed, and built into a request whose segment writes
