@@ -9,6 +9,7 @@
 #include "core_util.h"
 #include "momsg.h"
 #include "quoraccess.h"
+#include "quoraccount.h"
 #include "quordaemon.h"
 #include "quorkids.h"
 #include "quorsweep.h"
@@ -207,6 +208,19 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
 }
 
 }  // namespace
+
+// An account whose login shell field is empty gets /bin/sh, as login does
+// (agents run with SHELL set from it); one that does not exist is not found.
+TEST(Accounts, AnEmptyShellFieldMeansTheStandardShell) {
+  EXPECT_FALSE(quor_account("no such account here"));
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make a throw-away account";
+  std::string name = "qsh" + std::to_string(getpid() % 100000);
+  ASSERT_EQ(std::system(("useradd -M -N -r -s '' -d /nonexistent " + name + " >/dev/null 2>&1").c_str()), 0);
+  std::optional<Account> account = quor_account(name);
+  (void)!std::system(("userdel " + name + " >/dev/null 2>&1").c_str());
+  ASSERT_TRUE(account);
+  EXPECT_EQ(account->home + " " + account->shell, "/nonexistent /bin/sh");
+}
 
 // Who a client is, as the owners file keeps it (the round trip is the users
 // fuzz target's), and what that identity may do.

@@ -191,6 +191,10 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
     EXPECT_EQ(now[3] == before[3], c.rc != "0") << "the load time";
   }
   EXPECT_THAT(d.log(), HasSubstr("QUOR0109E Cannot open the configuration file " + root + "/missing.config"));
+  // Brief reports in a row (the later ones from the cached bytes) were all
+  // sent: no reply failure is logged.
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(d.status("B"), d.status("B"));
+  EXPECT_THAT(d.log(), Not(HasSubstr("QUOR0009")));
 
   // Without logins, the default login program runs under its account, and
   // stops with the daemon.
