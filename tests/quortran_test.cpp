@@ -1,5 +1,5 @@
 // The segmented buffer, transaction header, object header and trailer:
-// exact bytes written, and readers that stay inside the data they are given.
+// exact bytes written, and what the readers make of them.
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -17,8 +17,6 @@ class UserTableTest : public ::testing::Test {
   void TearDown() override {
     quor_users().clear();
     quor_config() = QuorConfig{};
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
   }
   std::filesystem::path save_file() const { return dir_.path() / "tmp/quor.sav"; }
 
