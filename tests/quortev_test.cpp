@@ -1,5 +1,4 @@
-// The body transform (the worked example, and the word-at-a-time code against
-// the byte definition), the transport adapter's framing (length prefix and
+// The body transform, the transport adapter's framing (length prefix and
 // body transform), and the transport diagnostics.
 #include <gtest/gtest.h>
 
@@ -27,16 +26,15 @@ std::vector<std::uint8_t> encode_by_definition(int seed, std::vector<std::uint8_
   return v;
 }
 
-// What `print` writes to a stream, as text.
+// What the codes are explained as, as text.
 std::string explain(int prc, int src, int drc) {
   return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
 }
 
 }  // namespace
 
-// The worked example; then every length up to 80 (all splits into words and
-// a tail), and seeds whose bits above the low byte must not count. Decoding
-// is checked by every request the daemon reads.
+// The worked example; every length up to 80 (all splits into words and a
+// tail); seeds' bits above the low byte do not count.
 TEST(BodyTransform, MatchesTheByteDefinition) {
   std::vector<std::uint8_t> example = {0x41, 0x42};
   body_encode(0x25, example);
@@ -97,10 +95,7 @@ TEST(Diagnostics, DumpFile) {
   TempDir dir;
   EnvGuard dump("MOXQUORDUMP", dir.str() + "/");
   tev_dump_reset();
-  std::array<char, 18> run{};
-  for (std::size_t i = 0; i < run.size(); ++i) run[i] = static_cast<char>('A' + i);
-  run[5] = '\n';
-  tev_dump_buffer(run, "run");
+  tev_dump_buffer(std::string_view("ABCDE\nGHIJKLMNOPQR"), "run");
   EnvGuard same("MOXQUORDUMP", dir.str());
   std::array<char, 40> abc{'a', 'b', 'c'};
   tev_dump_buffer(abc, "tevBuffer");
