@@ -64,9 +64,8 @@ class Transport : public ::testing::Test {
     return (geteuid() == 0 ? dir_.path() / "root" : dir_.path()) / std::string(name);
   }
 
-  // Sends `bytes` as one raw datagram to the registration `to`, from a
-  // socket bound at `from_name` inside the transport directory, or at that
-  // absolute path, or unbound when empty.
+  // Sends `bytes` as one datagram to `to` from a socket bound at `from_name`
+  // (in the transport directory unless absolute; unbound when empty).
   void send_raw(std::string_view to, const std::vector<std::uint8_t>& bytes, std::string_view from_name) {
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(fd, 0);
@@ -186,11 +185,10 @@ TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
     d[at] = value;
     return d;
   };
-  // Empty; bad magic, reserved byte; an unknown kind and an over-long answer
-  // (whose bytes would encode back unchanged); larger than the 512-byte
-  // buffer of recv_text; from another socket than the sender it claims;
-  // from an unnamed socket; from a socket of the right name outside the
-  // directory. Short of its size: the datagram fuzz target.
+  // Empty; bad magic, reserved byte, kind; an over-long answer; larger than
+  // recv_text's 512 bytes; from another socket than the sender it claims, an
+  // unnamed one, one of the right name outside the directory. (Short of its
+  // size: the datagram fuzz target.)
   TempDir elsewhere;
   std::string outside = (elsewhere.path() / "SPOOF").string();
   const std::pair<std::vector<std::uint8_t>, std::string> dropped[] = {
