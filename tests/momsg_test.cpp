@@ -76,10 +76,6 @@ TEST(CatalogueParser, ReadsTheSourceFormat) {
                    {1, "plain text"}, {2, "continued line"}, {3, "tab\there\\ and A"}, {4, "quoted \" text"},
                    {7, "no newline at end"}}));
   EXPECT_EQ(catalogue_parse("$set 2\n1 x\n", 2).at(1), "x");
-  // The real source is the built-in catalogue.
-  std::string source = testutil::read_file(std::string(QUOR_SOURCE_DIR) + "/messages/quor.msg");
-  ASSERT_FALSE(source.empty());
-  EXPECT_EQ(catalogue_parse(source), catalogue_builtin());
 }
 
 }  // namespace

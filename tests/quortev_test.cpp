@@ -1,5 +1,4 @@
-// The body transform (the worked example, and the word-at-a-time code against
-// the byte definition), the transport adapter's framing (length prefix and
+// The body transform, the transport adapter's framing (length prefix and
 // body transform), and the transport diagnostics.
 #include <gtest/gtest.h>
 
@@ -27,16 +26,16 @@ std::vector<std::uint8_t> encode_by_definition(int seed, std::vector<std::uint8_
   return v;
 }
 
-// What `print` writes to a stream, as text.
+// What the codes are explained as, as text.
 std::string explain(int prc, int src, int drc) {
   return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
 }
 
 }  // namespace
 
-// The worked example; then every length up to 80 (all splits into words and
-// a tail), seeds whose bits above the low byte must not count, and back.
-TEST(BodyTransform, MatchesTheByteDefinitionAndRoundTrips) {
+// The worked example; every length up to 80 (all splits into words and a
+// tail); seeds' bits above the low byte do not count.
+TEST(BodyTransform, MatchesTheByteDefinition) {
   std::vector<std::uint8_t> example = {0x41, 0x42};
   body_encode(0x25, example);
   EXPECT_EQ(example, (std::vector<std::uint8_t>{0xA7, 0x23}));
@@ -48,16 +47,14 @@ TEST(BodyTransform, MatchesTheByteDefinitionAndRoundTrips) {
       auto v = plain;
       body_encode(seed + 256, v);
       ASSERT_EQ(v, encode_by_definition(seed, plain)) << "n=" << n << " seed=" << seed;
-      body_decode(seed + 256, v);
-      ASSERT_EQ(v, plain) << "n=" << n << " seed=" << seed;
     }
   }
 }
 
 // Sealing writes the length prefix (with its NUL) and encodes the body with
 // the length as seed; opening restores it. Lengths outside the message
-// range are not sealed (nor sent); a prefix that is no length, or claims more than
-// arrived or than the buffer holds, is not opened.
+// range are not sealed (nor sent); a prefix that is no length, or claims
+// more than arrived or than the buffer holds, is not opened.
 TEST(Framing, SealAndOpen) {
   const struct {
     std::size_t total;
@@ -82,7 +79,7 @@ TEST(Framing, SealAndOpen) {
   EXPECT_EQ(quor_tev_send(unsent, buf, 3), 3);
 
   const std::pair<const char*, std::size_t> refused[] = {
-      {"    6", 64}, {"     ", 64}, {"abcde", 64}, {"   50", 49}, {"   50", 5}, {"   99", 100}};
+      {"    6", 64}, {"     ", 64}, {"abcde", 64}, {"   50", 49}, {"   99", 100}};
   for (const auto& [prefix, received] : refused) {
     std::vector<char> b(64, 'k');
     std::copy_n(prefix, 6, b.begin());
@@ -98,10 +95,7 @@ TEST(Diagnostics, DumpFile) {
   TempDir dir;
   EnvGuard dump("MOXQUORDUMP", dir.str() + "/");
   tev_dump_reset();
-  std::array<char, 18> run{};
-  for (std::size_t i = 0; i < run.size(); ++i) run[i] = static_cast<char>('A' + i);
-  run[5] = '\n';
-  tev_dump_buffer(run, "run");
+  tev_dump_buffer(std::string_view("ABCDE\nGHIJKLMNOPQR"), "run");
   EnvGuard same("MOXQUORDUMP", dir.str());
   std::array<char, 40> abc{'a', 'b', 'c'};
   tev_dump_buffer(abc, "tevBuffer");

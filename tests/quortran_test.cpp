@@ -1,5 +1,5 @@
 // The segmented buffer, transaction header, object header and trailer:
-// exact bytes written, and readers that stay inside the data they are given.
+// exact bytes written, and what the readers make of them.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -79,14 +79,12 @@ TEST(SegmentWriter, RefusesToWritePastTheBufferAndSaysSo) {
   buf_end_segment(out, lf);
   EXPECT_TRUE(out.overflow);
   EXPECT_EQ(out.pos, 40u);
-  // The placeholder was not overwritten with a length for a segment that
-  // never closed.
+  // The placeholder of a segment that never closed is left as it was.
   EXPECT_EQ(std::string(buf.data() + lf, 5), "00000");
 }
 
 TEST(SegmentReader, HeadersTrailersAndFraming) {
-  // Items are matched exactly, later duplicates win, absent ones read as
-  // empty.
+  // Items are matched exactly, later duplicates win, absent ones are empty.
   auto buf = with_prefix(nul_join({"ZZZHDR", "ZZZLEN", "   40", "obj", "lower", "OBJ", "first", "ZZ", "unknown",
                                    "OBJ", "second", "ZZZEOS"}));
   ObjectHeader hdr;

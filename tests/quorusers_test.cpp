@@ -17,19 +17,11 @@ class UserTableTest : public ::testing::Test {
   void TearDown() override {
     quor_users().clear();
     quor_config() = QuorConfig{};
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
   }
   std::filesystem::path save_file() const { return dir_.path() / "tmp/quor.sav"; }
 
   static UserEntry& add(std::string user, std::time_t activity = 1000) {
-    UserEntry& e = quor_user_new();
-    e.user_name = std::move(user);
-    e.node_name = "n";
-    e.login_name = "acct";
-    e.group_id = "100";
-    e.last_activity = activity;
-    return e;
+    return quor_user_new() = UserEntry{std::move(user), "n", "acct", "100", activity, 0, {}};
   }
   static UserEntry* find(std::string user, bool no_create = true) {
     TransactionHeader h;

