@@ -1,5 +1,6 @@
 // Starting agent programs: what the started program gets, and what is left
 // behind when it cannot be started.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -42,6 +43,32 @@ TEST(Spawn, TheEnvironmentKeepsOnlyWhatIsPassedOn) {
   EXPECT_TRUE(has("TEV_DIR=/t"));
   EXPECT_TRUE(has("KEEPME=yes"));
   EXPECT_FALSE(has("QUORSPAWN_SECRET=1"));
+}
+
+// Signals are blocked while the child shares the daemon's memory; the
+// program gets the daemon's own mask (SIGCHLD unblocked), and the daemon keeps its mask.
+TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
+  testutil::TempDir dir;
+  std::string out = (dir.path() / "out").string();
+  sigset_t usr1, before, after;
+  sigemptyset(&usr1);
+  sigaddset(&usr1, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &usr1, &before);
+  // grep itself, not a shell (which may clear its mask), reads its status;
+  // its standard output is the file.
+  int saved = dup(1);
+  int file = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  dup2(file, 1);
+  SpawnResult result = quor_spawn(SpawnRequest{"/bin/grep", {"grep", "SigBlk", "/proc/self/status"}, {}, nullptr, -1, {}, -1});
+  dup2(saved, 1);
+  close(saved);
+  close(file);
+  sigprocmask(SIG_SETMASK, &before, &after);
+  ASSERT_GT(result.pid, 0);
+  EXPECT_EQ(exit_status(result.pid), 0);
+  EXPECT_TRUE(sigismember(&after, SIGUSR1));
+  EXPECT_FALSE(sigismember(&after, SIGTERM)) << "the start left signals blocked in the daemon";
+  EXPECT_EQ(testutil::read_file(out), "SigBlk:\t0000000000000200\n");
 }
 
 // Under an account, the program runs with its uid, group and supplementary
