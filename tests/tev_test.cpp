@@ -99,6 +99,12 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
     ASSERT_EQ(a.rc, 0) << a.fb.FB_ErrorText;
     ASSERT_EQ(b.rc, 0);
     EXPECT_EQ(a.fb.FB_Local_Id.app_name(), "PEER.A");
+    TevIdentity flagged = named("PEER.F");
+    flagged.set_flag(5);
+    TevFeedback ffb;
+    ASSERT_EQ(TevInit(ffb, flagged, kTevModeNormal), 0);
+    EXPECT_EQ(ffb.FB_Local_Id.flag(), 5) << "the caller's flag is kept";
+    TevTerm(ffb, ffb.FB_Local_Id, kTevModeNormal);
     struct stat st {};
     ASSERT_EQ(lstat(socket_of("PEER.A").c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
@@ -128,6 +134,11 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
     std::vector<char> big(kTevMaxPayload + 1);
     TevSend(a.fb, a.id, b.id, big.data(), big.size(), kTevModeNormal, 0);
     EXPECT_EQ(a.fb.FB_Prc, kTevPrcPlistErr);
+    // The largest message goes through whole.
+    ASSERT_EQ(TevSend(a.fb, a.id, b.id, big.data(), kTevMaxPayload, kTevModeNormal, 0), 0) << a.fb.FB_ErrorText;
+    TevIdentity remote;
+    EXPECT_EQ(TevRecvTimed(b.fb, b.id, remote, big.data(), big.size(), inq, 2000), 0) << b.fb.FB_ErrorText;
+    EXPECT_EQ(b.fb.FB_DataLen, kTevMaxPayload);
     TevSend(b.fb, b.id, a.id, "x", 1, 7, 0);
     EXPECT_EQ(b.fb.FB_Prc, kTevPrcPlistErr);
   }
