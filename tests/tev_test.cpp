@@ -134,6 +134,12 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
     std::vector<char> big(kTevMaxPayload + 1);
     TevSend(a.fb, a.id, b.id, big.data(), big.size(), kTevModeNormal, 0);
     EXPECT_EQ(a.fb.FB_Prc, kTevPrcPlistErr);
+    // A receiver that does not read fills its queue: a send that may not
+    // wait then fails at once, saying so.
+    ASSERT_EQ(TevSetSendWait(a.fb, a.id, 0), 0);
+    for (int i = 0; i < 10000 && TevSend(a.fb, a.id, b.id, "x", 1, kTevModeNormal, 0) == 0; ++i) continue;
+    EXPECT_EQ(a.fb.FB_Src, kTevSrcSndDrc) << a.fb.FB_ErrorText;
+    while (TevRecvTimed(b.fb, b.id, from, big.data(), big.size(), inq, 0) == 0) continue;
     // The largest message goes through whole.
     ASSERT_EQ(TevSend(a.fb, a.id, b.id, big.data(), kTevMaxPayload, kTevModeNormal, 0), 0) << a.fb.FB_ErrorText;
     TevIdentity remote;
