@@ -165,7 +165,7 @@ int buffer_to_RDW(FileTransfer& transfer, InBuf buf) {
   std::size_t bound = kWritePage + 7 * buf.size() + UINT16_MAX + 2 + 64;  // and room for a 32-byte copy past the end
   if (records.size() < bound) records.resize(bound);
   char* const start = records.data();
-  std::memcpy(start, transfer.unwritten.data(), transfer.unwritten.size());
+  std::copy(transfer.unwritten.begin(), transfer.unwritten.end(), start);  // none at first: no null to memcpy
   char* o = start + transfer.unwritten.size();
   // The values of the last row, for the column buffers, which carry them
   // into a short row of the next buffer.
