@@ -149,6 +149,13 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
     EXPECT_EQ(b.fb.FB_Prc, kTevPrcPlistErr);
   }
   EXPECT_FALSE(std::filesystem::exists(socket_of("PEER.A")));
+  {  // A broker that is configured but cannot be used refuses the registration.
+    EnvGuard url("TEV_URL", "tls://127.0.0.1:1"), ca("TEV_TLS_CA", (dir_.path() / "no-ca.pem").string());
+    Reg refused("PEER.T");
+    EXPECT_NE(refused.rc, 0);
+    EXPECT_EQ(std::string(refused.fb.FB_ErrorText).substr(0, 10), "Broker TLS") << refused.fb.FB_ErrorText;
+    EXPECT_FALSE(std::filesystem::exists(socket_of("PEER.T")));
+  }
 
   if (geteuid() != 0) return;  // only root refuses unsafe directories
   std::filesystem::path unsafe = dir_.path() / "open", link = dir_.path() / "link";
