@@ -11,6 +11,7 @@
 #include "momsg.h"
 #include "quorconfig.h"
 #include "quorenvd.h"
+#include "textlines.h"
 
 using testutil::EnvGuard;
 using testutil::TempDir;
@@ -126,6 +127,14 @@ TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
 // size limit after thousands of good lines) leaves no half-read map or
 // configuration behind, only its error code.
 TEST_F(ConfigFiles, AFileFailingPartWayLeavesNothingHalfRead) {
+  // A file of exactly the size limit is still read whole.
+  std::string last = "english   english\n";
+  std::string padding = "#" + std::string(kMaxTextFile - last.size() - 2, '-') + "\n";
+  LanguageMap exact;
+  exact.path = write("exact.map", padding + last);
+  EXPECT_EQ(quor_langmap_load(exact), 0);
+  EXPECT_EQ(exact.count, 1);
+
   const std::string failing = "/proc/kallsyms";
   if (!std::filesystem::exists(failing)) GTEST_SKIP() << failing << " is not there";
   LanguageMap languages;
