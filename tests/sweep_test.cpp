@@ -11,6 +11,7 @@
 #include <functional>
 
 #include "core_util.h"
+#include "momsg.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
@@ -217,7 +218,12 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   pid_t idle_program = waiting();
   ChildEntry& idle = agent(waiting(), 1, kChildRunning, &user("idle", std::time(nullptr) - 61, idle_program));
 
+  std::vector<std::string> logged;
+  mo_set_log_sink([&](std::uint32_t id, std::string_view) { logged.push_back(mo_tag(id)); });
   quor_garbage_collect(0);
+  mo_set_log_sink({});
+  // The two unfinished transactions are logged as dropped; the failed start was already.
+  EXPECT_EQ(std::count(logged.begin(), logged.end(), "QUOR0307E"), 2);
   EXPECT_EQ(quor_child_count(), 3) << "only the recent transaction and the running agents stay";
   EXPECT_EQ(idle.user, nullptr);
   EXPECT_FALSE(ours(idle_program)) << "the idle user's login program was not stopped and reaped";
