@@ -221,6 +221,8 @@ TEST_F(Fleet, RemoteRightsLoginTableAndLogoff) {
 TEST_F(Fleet, ReceiverTrustsTheSubjectNotTheSenderBlock) {
   std::vector<std::unique_ptr<testutil::EnvGuard>> env;
   for (auto& [k, v] : host_env(kNodeA)) env.push_back(std::make_unique<testutil::EnvGuard>(k.c_str(), v));
+  testutil::TempDir tev_dir;  // its own local names, apart from other runs on the machine
+  testutil::EnvGuard local("TEV_DIR", tev_dir.str());
   TevIdentity receiver, from;
   receiver.set_app_name("NATSRCV");
   TevFeedback fb, rfb;
