@@ -288,7 +288,12 @@ class NatsLink {
   // second, on a thread of the link's own.
   int connect(TevFeedback& fb) {
     if (natsStatus s = natsOptions_Create(&opts_); s != NATS_OK) return broker_error(fb, "Broker options", s);
-    if (int rc = configure(fb, opts_); rc != 0) return rc;
+    if (int rc = configure(fb, opts_); rc != 0) {
+      // Refused settings are not kept, nor the TLS context made from them.
+      natsOptions_Destroy(opts_);
+      opts_ = nullptr;
+      return rc;
+    }
     retrying_ = true;
     if (!try_connect()) start_retrying();
     return 0;
