@@ -269,8 +269,17 @@ inline std::vector<pid_t> processes(pid_t parent, std::string_view name, bool zo
   return found;
 }
 
-// The bytes [0, length) of a buffer as a string (NULs included).
-inline std::string bytes(const char* data, std::size_t length) { return std::string(data, length); }
+// The strings of the first segment tagged `tag` in a plain buffer, up to
+// its end mark.
+inline std::vector<std::string> segment_strings(InBuf buf, std::string_view tag) {
+  std::vector<std::string> items;
+  std::optional<std::size_t> at = buf_find_segment(buf, tag);
+  for (auto s = at ? buf_string(buf, *at) : std::nullopt; s && *s != kEndOfSegment; s = buf_string(buf, *at)) {
+    items.emplace_back(*s);
+    *at += s->size() + 1;
+  }
+  return items;
+}
 
 // Builds "a\0b\0..." from a list of strings.
 inline std::string nul_join(std::initializer_list<std::string_view> parts) {

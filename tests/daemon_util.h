@@ -165,21 +165,11 @@ class Daemon {
     return items;
   }
 
-  // Every string of the segments tagged `tag` in one reply buffer.
+  // The strings of the segment tagged `tag` in one reply buffer.
   static std::vector<std::string> reply_items(const std::vector<std::uint8_t>& payload, std::string_view tag) {
     std::vector<char> buf(payload.begin(), payload.end());
-    std::vector<std::string> items;
     std::size_t length = quor_wire_open(buf, buf.size());
-    if (length == 0) return items;
-    InBuf in(buf.data(), length);
-    std::optional<std::size_t> at = buf_find_segment(in, tag);
-    while (at) {
-      std::optional<std::string_view> s = buf_string(in, *at);
-      if (!s || *s == kEndOfSegment) break;
-      items.emplace_back(*s);
-      at = *at + s->size() + 1;
-    }
-    return items;
+    return segment_strings(InBuf(buf.data(), length), tag);
   }
 
   bool alive() const {

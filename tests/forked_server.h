@@ -94,16 +94,6 @@ Served serve_one(ConnRecord& conn, Write write) {
   return served;
 }
 
-// The strings of the first segment tagged `tag`, up to its end mark.
-inline std::vector<std::string> segment_strings(const std::vector<char>& buf, std::string_view tag) {
-  std::vector<std::string> out;
-  auto at = buf_find_segment(buf, tag);
-  if (!at) return out;
-  for (auto s = buf_string(buf, *at); s && *s != "ZZZEOS"; s = buf_string(buf, *at)) {
-    out.emplace_back(*s);
-    *at += s->size() + 1;
-  }
-  return out;
-}
+using testutil::segment_strings;
 
 }  // namespace forked
