@@ -11,6 +11,7 @@
 using namespace testutil;
 using ::testing::Contains;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 
 namespace {
@@ -38,41 +39,38 @@ std::pair<std::string, std::string> call(std::string_view type, const std::funct
   return {ret[1], ret[3]};
 }
 
-TEST(StartUp, APidFileNamingNoLiveProcessDoesNotBlock) {
-  for (std::string stale : {"0\n", "not a number\n", "-1\n", "", "999999999\n"}) {
-    Daemon d([&](const fs::path& root) { write_file(root / "tmp/quordaemon.pid", stale); }, {});
-    ASSERT_TRUE(d.wait_ready()) << "pid file '" << stale << "': " << d.log();
-    EXPECT_EQ(read_file(pid_file(d)), std::to_string(d.pid()) + "\n");
-  }
-  // Nor does one that cannot be opened at all (a socket).
-  Daemon d([](const fs::path& root) {
-    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    (root / "tmp/quordaemon.pid").string().copy(a.sun_path, sizeof a.sun_path - 1);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    close(fd);
-  }, {});
-  EXPECT_TRUE(d.wait_ready()) << d.log();
-}
-
+// Start-up stops without an installation root, without a place for the pid
+// file, or (the pid file written) at "-c" without its value. A pid file
+// naming no live process does not block it, nor one that cannot be opened
+// at all (a socket). An unknown argument is reported and skipped; the last
+// -c wins; a spinning daemon waits for a debugger before serving.
 TEST(StartUp, CommandLine) {
   TempDir root;
   Daemon::install(root.path());
-  // "-c" without its value stops start-up after the pid file was written.
-  EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {"-c"}), 1);
-  const fs::path log = root.path() / "quor/log/quordaemon.log";
-  EXPECT_THAT(read_file(log), HasSubstr("QUOR0019S"));
-  EXPECT_TRUE(fs::exists(root.path() / "tmp/quordaemon.pid"));
-  // Without an installation root nothing is started.
+  const fs::path log = root.path() / "quor/log/quordaemon.log", pid = root.path() / "tmp/quordaemon.pid";
+  for (std::string stale : {"0\n", "-1\n", "", "999999999\n", "socket"}) {
+    write_file(pid, stale);
+    if (stale == "socket") {
+      fs::remove(pid);
+      int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+      sockaddr_un a{};
+      a.sun_family = AF_UNIX;
+      pid.string().copy(a.sun_path, sizeof a.sun_path - 1);
+      ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+      close(fd);
+    }
+    fs::remove(log);
+    EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {"-c"}), 1) << stale;
+    EXPECT_THAT(read_file(log), HasSubstr("QUOR0019S")) << stale;
+    EXPECT_THAT(read_file(pid), MatchesRegex("[1-9][0-9]*\n")) << stale;
+    EXPECT_NE(read_file(pid), stale);
+  }
   EXPECT_EQ(run_to_end({}, root.path() / "tev", {}), 1);
-  // Nor without a place for the pid file.
   fs::remove_all(root.path() / "tmp");
   EXPECT_EQ(run_to_end(root.path(), root.path() / "tev", {}), 1);
-  EXPECT_THAT(read_file(log), HasSubstr("QUOR0106E Cannot create or open " + root.str() + "/tmp/quordaemon.pid"));
+  EXPECT_THAT(read_file(log), HasSubstr("QUOR0106E Cannot create or open " + pid.string()));
 
-  // An unknown argument is reported and skipped; the last -c wins. "ALT"
-  // is relative to the daemon's working directory, so its load fails.
+  // "ALT" is relative to the daemon's working directory, so its load fails.
   Daemon d({"-x", "-c", "/nonexistent", "-cjoined", "-c", "ALT"});
   EXPECT_EQ(d.wait_exit(), 1);
   for (const char* logged : {"QUOR0200T Ignoring unknown command-line argument -x.", "-cjoined",
@@ -81,16 +79,10 @@ TEST(StartUp, CommandLine) {
 
   std::string alt = (root.path() / "alt.config").string();
   write_file(alt, "TRANSACTION_TIMEOUT: 5\n");
-  Daemon good({"-x", "-c", alt});
-  ASSERT_TRUE(good.wait_ready()) << good.log();
-  EXPECT_THAT(good.status("B"), Contains("    Config path is " + alt + "\n"));
-}
-
-TEST(StartUp, SpinModeWaitsForADebuggerBeforeServing) {
-  Daemon d({}, /*debug=*/true, {{"MOXQUORSPIN", "1"}});
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::string expected = "quordaemon waiting in spin loop, pid=" + std::to_string(d.pid()) + "\n";
-  EXPECT_TRUE(eventually([&] { return d.output().find(expected) != std::string::npos; })) << d.output();
+  Daemon spinning({"-x", "-c", alt}, /*debug=*/true, {{"MOXQUORSPIN", "1"}});
+  ASSERT_TRUE(spinning.wait_ready()) << spinning.log();
+  std::string expected = "quordaemon waiting in spin loop, pid=" + std::to_string(spinning.pid()) + "\n";
+  EXPECT_TRUE(eventually([&] { return spinning.output().find(expected) != std::string::npos; })) << spinning.output();
   EXPECT_NE(TevClient().call(kServerName, Daemon::request("B"), 300).rc, 0) << "answered while spinning";
 }
 
@@ -213,36 +205,8 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
   EXPECT_FALSE(fs::exists(pid_file(d)));
 }
 
-// A request that cannot be served for want of a resource (here: no file can
-// be made in the temporary directory) is answered; then the daemon, its name
-// and its login programs go at once.
-TEST(AbnormalShutdown, AfterARequestThatCouldNotBeServed) {
-  REQUIRE_ROOT();  // the default login program runs as "nobody"
-  Daemon d([](const fs::path& root) {
-    write_file(root / "quor/etc/quor.config", "LOGIN_REQUIRED: 0\n");
-    fs::permissions(root, fs::perms::others_exec, fs::perm_options::add);
-  }, {});
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  ASSERT_TRUE(eventually([&] { return !processes(d.pid(), "quoruserpgm").empty(); }));
-  fs::rename(d.root().path() / "tmp", d.root().path() / "tmp.old");
-  fs::create_directory_symlink("/proc/self", d.root().path() / "tmp");
-  auto [rc, text] = call("U", [](OutBuf& out) {
-    put_segment(out, "ZZZHDR", {"OBJ", "MOUTIL"});
-    put_segment(out, "ZZZCMD", {"echo never"});
-  });
-  EXPECT_EQ(rc, "1");
-  EXPECT_THAT(text, HasSubstr("ran out of memory"));
-  EXPECT_EQ(d.wait_exit(), 1) << d.log();
-  EXPECT_THAT(d.log(), HasSubstr("QUOR0201"));
-  EXPECT_FALSE(fs::exists(d.server_socket()));
-  EXPECT_TRUE(eventually([&] { return processes(0, {}, false, (d.root().path() / "quor/bin/").string()).empty(); }))
-      << "a login program outlived the daemon";
-}
-
 TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
-  const passwd* me = getpwuid(getuid());
-  ASSERT_NE(me, nullptr);
-  std::string name = me->pw_name;
+  std::string name = getpwuid(getuid())->pw_name;
   auto start = [](std::vector<std::string> args) { return exec_child(QUORUSERPGM_PATH, args); };
   auto held = start({name, "pc7", "0"});
   // Ready once it waits for SIGTERM (which it has blocked to take it there).
