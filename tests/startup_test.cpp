@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include "agent_fixture.h"
+#include "ctl_commands.h"
 #include "momsg.h"
 #include "quorusers.h"
 
@@ -13,6 +14,7 @@ using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -25,18 +27,6 @@ int run_to_end(const fs::path& root, const fs::path& tev_dir, std::vector<std::s
                     {root.empty() ? "MOXGLBL0000" : "MOXGLBL0000=" + root.string(), "TEV_DIR=" + tev_dir.string(),
                      "MOXQUORDEBUG=1"})
       ->wait();
-}
-
-// Sends a request of `type` with the segments `segments` writes (its header
-// first changed by `adjust`), and returns the last reply's "RC" and "RM".
-std::pair<std::string, std::string> call(std::string_view type, const std::function<void(OutBuf&)>& segments,
-                                         const std::function<void(TransactionHeader&)>& adjust = {}) {
-  TevClient client;
-  TevCallResult r = client.call(kServerName, sealed_request(type, adjust, segments), 5000);
-  if (r.rc != 0 || r.replies.empty()) return {"no reply", ""};
-  std::vector<std::string> ret = Daemon::reply_items(r.replies.back().payload, "ZZZRET");
-  if (ret.size() != 4) return {"bad reply", ""};
-  return {ret[1], ret[3]};
 }
 
 // Start-up stops without an installation root, without a place for the pid
@@ -172,11 +162,9 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
            {root + "/5.config", "LOGIN_REQUIRED: 0\n", "0"}}) {
     SCOPED_TRACE(c.file.value_or("no file") + ": " + c.contents);
     if (!c.contents.empty()) write_file(*c.file, c.contents);
-    auto [rc, text] = call("R", [&](OutBuf& out) {
-      if (c.file) put_segment(out, "ZZZFIL", {*c.file});
-    });
-    EXPECT_EQ(rc, c.rc);
-    EXPECT_THAT(text, HasSubstr(c.rc == "0" ? "The configuration was reloaded." : "was not reloaded"));
+    std::string reply = ctl_refresh(CtlTarget{}, c.file, false).out;
+    EXPECT_THAT(reply, StartsWith("RC " + c.rc + ": "));
+    EXPECT_THAT(reply, HasSubstr(c.rc == "0" ? "The configuration was reloaded." : "was not reloaded"));
     std::vector<std::string> now = d.status("B");
     ASSERT_EQ(now.size(), 6u);
     EXPECT_EQ(now[2], c.rc == "0" && c.file ? "    Config path is " + *c.file + "\n" : before[2]);
@@ -196,7 +184,7 @@ TEST(Refresh, ReplacesTheConfigurationOnlyWhenAllItsFilesLoad) {
   std::string status = read_file("/proc/" + std::to_string(running[0]) + "/status");
   EXPECT_THAT(status, HasSubstr("Uid:\t" + std::to_string(nobody->pw_uid) + "\t"));
   EXPECT_THAT(status, HasSubstr("Gid:\t" + std::to_string(nobody->pw_gid) + "\t"));
-  TevClient().call(kServerName, Daemon::request("K"), 0, false);
+  ctl_notify(CtlTarget{}, 'K', false);
   EXPECT_EQ(d.wait_exit(), 0) << d.output();
   EXPECT_TRUE(eventually([&] { return processes(0, {}, false, (d.root().path() / "quor/bin/").string()).empty(); }))
       << "a login program outlived the daemon";
@@ -248,10 +236,11 @@ TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
   EXPECT_TRUE(processes(d.pid(), {}, true).empty()) << "a zombie";
   // Status requests that claim to come from each user on its node.
   for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
-    EXPECT_NE(call("B", {}, [&](TransactionHeader& h) {
+    auto claim = [&](TransactionHeader& h) {
       h.user = user;
       h.node = node;
-    }).first, "no reply");
+    };
+    EXPECT_EQ(TevClient().call(kServerName, sealed_request("B", claim), 5000).rc, 0);
   }
   TevClient().call(kServerName, Daemon::request("T"), 0, false);
   ASSERT_EQ(d.wait_exit(), 0) << d.output();
