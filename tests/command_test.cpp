@@ -35,17 +35,6 @@ class Security : public testutil::AgentDaemonTest {
     return spec;
   }
   std::string csv_path() const { return daemon_->root().str() + "/t.csv"; }
-  // The table the probe agent was given, as CSV.
-  std::string table_of(const Probe& probe) const {
-    std::string path = daemon_->root().str() + "/copy.rdw";
-    std::ofstream(path, std::ios::binary) << probe.data;
-    return ctl_table_to_csv(path).out;
-  }
-  // The error reply to one sealed buffer.
-  static std::string refusal(const std::vector<std::uint8_t>& request) {
-    TevClient client;  // one client per process at a time
-    return error_text(client.call(kServerName, request, 5000));
-  }
 
   void SetUp() override {
     AgentDaemonTest::SetUp();
@@ -103,11 +92,11 @@ TEST_F(Security, WithoutLoginsRequestsRunAsTheDefaultLoginAndAgentsOnlyForTheirT
     spec.object = object;
     EXPECT_EQ(error_text(send(spec, true)).substr(0, 2), "1 ") << object;
   }
-  EXPECT_EQ(refusal(testutil::sealed_request("S", {},
-                                             [](OutBuf& out) {
-                                               testutil::put_segment(out, "ZZZHDR", {"OBJ", "PROBE", "FN", "Y"});
-                                               testutil::put_segment(out, "ZZZRDW", {"0"});
-                                             })),
+  auto damaged = testutil::sealed_request("S", {}, [](OutBuf& out) {
+    testutil::put_segment(out, "ZZZHDR", {"OBJ", "PROBE", "FN", "Y"});
+    testutil::put_segment(out, "ZZZRDW", {"0"});
+  });
+  EXPECT_EQ(error_text(TevClient().call(kServerName, damaged, 5000)),
             "1 The request failed on the host. See the host's message log for details.");
   std::string rows;
   for (int i = 0; i < 5000; ++i) rows += std::to_string(i) + ",row " + std::to_string(i) + "\n";
@@ -155,7 +144,8 @@ TEST_F(Security, WithoutLoginsRequestsRunAsTheDefaultLoginAndAgentsOnlyForTheirT
   EXPECT_EQ(probe->record()[smc::format.offset], 64);
   EXPECT_EQ(std::string(probe->segment.data() + 1, 64).c_str(), std::string(mo_nodename())) << "daemon's identity";
   EXPECT_EQ(std::string(probe->segment.data() + 174, 8).c_str(), std::string("UNIX1"));
-  EXPECT_EQ(table_of(*probe), csv) << "the table arrived whole in the data file";
+  std::ofstream(daemon_->root().str() + "/copy.rdw", std::ios::binary) << probe->data;
+  EXPECT_EQ(ctl_table_to_csv(daemon_->root().str() + "/copy.rdw").out, csv) << "the table arrived whole";
   request("S", "PROBE", "STDERR", false);
   probe = next_probe();
   ASSERT_TRUE(probe) << daemon_->output();
@@ -274,7 +264,7 @@ TEST_F(Security, RequestsNeedALoginAndASessionIsItsOwners) {
   spec.data = CtlBuild::Data::List;
   EXPECT_EQ(error_text(send(spec, true)), "1 " + no_login);
   auto continuation = testutil::sealed_request("S", [](TransactionHeader& h) { h.continuation = "Y"; });
-  EXPECT_EQ(refusal(continuation).substr(0, 2), "1 ");
+  EXPECT_EQ(error_text(TevClient().call(kServerName, continuation, 5000)).substr(0, 2), "1 ");
   EXPECT_TRUE(logged("QUOR0118E"));
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
 
