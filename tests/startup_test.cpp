@@ -77,10 +77,15 @@ TEST(StartUp, CommandLine) {
 }
 
 // Hang-up, interrupt and SIGUSR2 change nothing; SIGTERM and SIGQUIT end the
-// daemon at once and in order; a fatal signal ends it with its number,
-// logged, leaving the pid file and the standard error capture.
+// daemon at once and in order, saving its users; a fatal signal ends it with
+// its number, logged, leaving the pid file and the standard error capture.
+// Restored users are kept even when their login program cannot start (here:
+// it cannot be executed); only a request from another node counts as their
+// activity.
 TEST(Signals, OnlyTerminationAndFatalSignalsEndTheDaemon) {
   REQUIRE_ROOT();
+  std::time_t before = std::time(nullptr) - 100;
+  std::string local = mo_nodename();
   struct Case {
     int signo;
     int status;
@@ -90,7 +95,15 @@ TEST(Signals, OnlyTerminationAndFatalSignalsEndTheDaemon) {
   for (Case c : {Case{SIGTERM, 0, "QUOR0401I", false}, Case{SIGQUIT, 0, "QUOR0401I", false},
                  Case{SIGSEGV, SIGSEGV, "QUOR0017S Stopping after fatal signal 11.", true}}) {
     SCOPED_TRACE(strsignal(c.signo));
-    Daemon d({}, /*debug=*/false);
+    Daemon d([&](const fs::path& root) {
+      write_file(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
+      EnvGuard env("MOXGLBL0000", root.string());
+      quor_user_new() = UserEntry{"ann", "far", "nobody", "65534", before, 0, {}};
+      quor_user_new() = UserEntry{"bob", local, "nobody", "65534", before, 0, {}};
+      ASSERT_EQ(quor_users_save(), 0);
+      quor_users().clear();
+      fs::permissions(root / "quor/bin/quoruserpgm", fs::perms::owner_read | fs::perms::owner_write);
+    }, {}, /*debug=*/false);
     ASSERT_TRUE(d.wait_ready()) << d.log();
     // Standard error is captured in an unpredictable file under TMPDIR.
     auto captures = [&] {
@@ -102,8 +115,20 @@ TEST(Signals, OnlyTerminationAndFatalSignalsEndTheDaemon) {
     EXPECT_EQ(captures(), 1);
     for (int ignored : {SIGHUP, SIGINT, SIGUSR2}) ASSERT_EQ(kill(d.pid(), ignored), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(d.status("B").size(), 6u);
+    std::vector<std::string> full = d.status("F");
+    EXPECT_THAT(full, Contains("    2 users logged into quor\n")) << d.log();
+    EXPECT_THAT(full, Contains("    User ann from node far logged in as nobody.\n"));
+    EXPECT_THAT(d.log(), HasSubstr("Cannot start a process for nobody (exec"));
     EXPECT_THAT(d.log(), Not(HasSubstr("QUOR0008S")));
+    EXPECT_TRUE(processes(d.pid(), {}, true).empty()) << "a zombie";
+    // Status requests that claim to come from each user on its node.
+    for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
+      auto claim = [&](TransactionHeader& h) {
+        h.user = user;
+        h.node = node;
+      };
+      EXPECT_EQ(TevClient().call(kServerName, sealed_request("B", claim), 5000).rc, 0);
+    }
 
     auto sent = std::chrono::steady_clock::now();
     ASSERT_EQ(kill(d.pid(), c.signo), 0);
@@ -113,6 +138,15 @@ TEST(Signals, OnlyTerminationAndFatalSignalsEndTheDaemon) {
     EXPECT_EQ(fs::exists(pid_file(d)), c.files_left);
     EXPECT_EQ(captures(), c.files_left ? 1 : 0);
     EXPECT_FALSE(fs::exists(d.server_socket()));
+    // The saved records, read back without starting anything: after an
+    // orderly end, ann's activity is fresh; bob's is unchanged.
+    std::map<std::string, std::time_t> activity;
+    ASSERT_EQ(quor_records_read(d.root().str() + "/tmp/quor.sav", 5,
+                                [&](const std::vector<std::string>& r) { activity[r[0]] = std::atol(r[4].c_str()); }),
+              0);
+    ASSERT_EQ(activity.size(), 2u);
+    EXPECT_EQ(activity["ann"] >= before + 100, !c.files_left);
+    EXPECT_EQ(activity["bob"], before);
   }
 }
 
@@ -213,50 +247,6 @@ TEST(LoginProgram, HoldsTheSessionUntilSigtermAndRefusesUnknownAccounts) {
   if (getuid() == 0 && getpwnam("nobody") != nullptr) {
     EXPECT_EQ(start({"nobody", "pc7", "0"})->wait(), 1);
   }
-}
-
-// Restored users are kept even when their login program cannot start (here:
-// it cannot be executed), and saved again at shutdown; only a request from
-// another node counts as their activity.
-TEST(SavedUsers, SurviveARestartAndOnlyRemoteRequestsCountAsActivity) {
-  REQUIRE_ROOT();
-  std::time_t before = std::time(nullptr) - 100;
-  std::string local = mo_nodename();
-  Daemon d([&](const fs::path& root) {
-    write_file(root / "quor/etc/quor.config", "LOGIN_TIMEOUT: 60\n");
-    EnvGuard env("MOXGLBL0000", root.string());
-    quor_user_new() = UserEntry{"ann", "far", "nobody", "65534", before, 0, {}};
-    quor_user_new() = UserEntry{"bob", local, "nobody", "65534", before, 0, {}};
-    ASSERT_EQ(quor_users_save(), 0);
-    quor_users().clear();
-    fs::permissions(root / "quor/bin/quoruserpgm", fs::perms::owner_read | fs::perms::owner_write);
-  }, {});
-  ASSERT_TRUE(d.wait_ready()) << d.output();
-  std::vector<std::string> full = d.status("F");
-  EXPECT_THAT(full, Contains("    2 users logged into quor\n")) << d.output();
-  EXPECT_THAT(full, Contains("    User ann from node far logged in as nobody.\n"));
-  EXPECT_THAT(d.log(), HasSubstr("Cannot start a process for nobody (exec"));
-  EXPECT_TRUE(processes(d.pid(), {}, true).empty()) << "a zombie";
-  // Status requests that claim to come from each user on its node.
-  for (auto [user, node] : {std::pair{"ann", "far"}, {"bob", local.c_str()}}) {
-    auto claim = [&](TransactionHeader& h) {
-      h.user = user;
-      h.node = node;
-    };
-    EXPECT_EQ(TevClient().call(kServerName, sealed_request("B", claim), 5000).rc, 0);
-  }
-  TevClient().call(kServerName, Daemon::request("T"), 0, false);
-  ASSERT_EQ(d.wait_exit(), 0) << d.output();
-
-  // The saved records, read back without starting anything: ann's activity
-  // is fresh, bob's unchanged.
-  std::map<std::string, std::time_t> activity;
-  ASSERT_EQ(quor_records_read(d.root().str() + "/tmp/quor.sav", 5,
-                              [&](const std::vector<std::string>& r) { activity[r[0]] = std::atol(r[4].c_str()); }),
-            0);
-  ASSERT_EQ(activity.size(), 2u);
-  EXPECT_GE(activity["ann"], before + 100);
-  EXPECT_EQ(activity["bob"], before);
 }
 
 }  // namespace
