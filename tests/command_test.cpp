@@ -242,23 +242,16 @@ TEST_F(Security, WithoutLoginsRequestsRunAsTheDefaultLoginAndAgentsOnlyForTheirT
   EXPECT_EQ(ctl_util(CtlTarget{}, {"id"}, false).error, "RC 1: The request's trailer does not announce more data.");
 }
 
-// With logins required, a request needs a login of an account of this host,
-// and a session serves only the client that logged it in, for use or logoff.
-// A login needs the password of an account the client is not (or root's,
-// only when the logon agent allows it); no agent may report a login for an
-// account this host lacks, nor a session's agent root's. (Wrong passwords
-// and a session's status line: the remote-host tests.) Only root stops,
-// refreshes or sweeps the daemon; a refresh reads only a regular file of
-// root's. The dump file is never written through a planted link. Clients
-// that never read replies or answer partial ones hold nobody up. A flood of
-// bad messages logs a bounded number of lines and a count. The daemon's name
-// in the shared directory is anybody's, but root's names are not: the
-// daemon starts regardless, and a password never goes to an impostor.
+// With logins required: a request needs a login of an account of this host;
+// a session serves only the client that logged it in; a login needs the
+// password of an account the client is not (root's only when the logon agent
+// allows it). Only root controls the daemon, no client holds it up or floods
+// its log, and while it is down a password never goes to whoever holds its
+// name. (Wrong passwords and a session's status line: the remote-host tests.)
 TEST_F(Security, RequestsNeedALoginASessionIsItsOwnersAndOnlyRootControlsTheDaemon) {
   const int saved = 150;  // users restored at start-up
-  // The impostor holds the name in the shared directory (and a "root"
-  // directory of its own) from before the daemon starts: the first thing to
-  // reach it must be the "end" sent once the daemon is gone.
+  // The impostor holds the name in the shared directory (and a "root" directory of its
+  // own) from before the daemon starts: the first thing to reach it must be the "end".
   auto impostor = [&](const std::string& dir) {
     bool become = become_attacker();
     setenv("TEV_DIR", dir.c_str(), 1);
@@ -318,6 +311,8 @@ TEST_F(Security, RequestsNeedALoginASessionIsItsOwnersAndOnlyRootControlsTheDaem
     testutil::EnvGuard user("MOX_QUORUSER", account);
     ASSERT_EQ(ctl_login(CtlTarget{}, std::nullopt, false).status, kCtlOk) << account << daemon_->output();
   }
+  // The attacker can neither use nor end another's session, log in as another account
+  // without its password, nor have its session's agent report root's login.
   EXPECT_EQ(as_attacker([&] {
     testutil::EnvGuard victim("MOX_QUORUSER", "nobody");
     if (ctl_util(CtlTarget{}, {"id -un"}, false).error != "RC 1: " + no_login) return 1;
@@ -361,8 +356,8 @@ TEST_F(Security, RequestsNeedALoginASessionIsItsOwnersAndOnlyRootControlsTheDaem
   EXPECT_FALSE(next_probe(15)) << "an agent ran";
   EXPECT_EQ(counts(), users(saved + 3));
 
-  // Control requests and a refresh from the attacker are refused; so is a
-  // refresh of a file that is not a regular file of root's.
+  // Control requests and a refresh from the attacker are refused; so is a refresh of a
+  // file that is not a regular file of root's. The dump file is not written through a link.
   fs::path planted = daemon_->root().path() / "planted.config";
   std::ofstream(planted) << "OBJECT_MAP_FILE: " << (daemon_->root().path() / "planted.map").string() << "\n";
   ASSERT_EQ(chown(planted.c_str(), uid_, 0), 0);
