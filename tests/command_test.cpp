@@ -407,6 +407,12 @@ TEST_F(Security, RequestsNeedALoginASessionIsItsOwnersAndOnlyRootControlsTheDaem
   });
   ASSERT_TRUE(lost >= 0 && lost < 100) << lost;
   EXPECT_EQ(daemon_->status("B").size(), 6u);
+  {
+    // An agent still running when the daemon is told to end with K ends with it.
+    testutil::EnvGuard root_user("MOX_QUORUSER", "root");
+    request("S", "PROBE", "SLEEP60", false);
+    ASSERT_TRUE(next_probe()) << "the last agent did not start";
+  }
   ASSERT_EQ(ctl_notify(CtlTarget{}, 'K', false).status, kCtlOk);
   ASSERT_EQ(daemon_->wait_exit(), 0);
   EXPECT_NE(daemon_->output().find("\nquordaemon:  message type KILLALL\n"), std::string::npos);
