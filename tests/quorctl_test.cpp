@@ -14,6 +14,7 @@
 #include "ctl_commands.h"
 #include "ctl_files.h"
 #include "daemon_util.h"
+#include "forked_server.h"
 #include "momsg.h"
 #include "quorRDW.h"
 #include "quorcal.h"
@@ -82,44 +83,33 @@ CtlOutcome quorctl(const std::vector<std::string>& args, const std::string& inpu
           testutil::read_file(dir.path() / "err")};
 }
 
-// A fake daemon for the replies the real one never sends, run in a child
-// process. F: a report in three buffers, two partial; B: first a reply whose
-// last buffer wrongly announces more, later an error reply; P: one partial
-// buffer, then silence; D: a buffer with a wrong segment length; T: exit 0.
-// A malformed request, or another type, ends it with another status.
-constexpr const char* kFake = "QUORFAKE";
+// A fake daemon for the replies the real one never sends, serving `conn` in
+// a child process. F: a report in three buffers, two partial; B: first a
+// reply whose last buffer wrongly announces more, later an error reply; P:
+// one partial buffer, then silence; D: a buffer with a wrong segment length;
+// T: exit 0. A malformed request, or another type, ends it with another status.
+constexpr const char* kFake = "TEST.SRV";
 
-int serve(TevIdentity local) {
-  TevFeedback pfb;
-  TevIdentity partial;
-  partial.set_app_name("QUORFAKE.P");
-  if (TevInit(pfb, partial, kTevModeNormal) != 0) return 20;
-  partial = pfb.FB_Local_Id;
+int serve(ConnRecord& conn) {
+  ConnRecord partial;  // partial buffers come from a name of their own
+  if (quor_tev_register(partial.local, partial.fb, "QUORFAKE.P") != 0) return 20;
+  std::vector<char> buf(BUFFER_MAX);
   for (int brief = 0;;) {
-    std::vector<char> buf(BUFFER_MAX);
-    TevFeedback fb;
-    TevIdentity remote;
-    TevInquiry inquiry;
-    if (TevRecv(fb, local, remote, buf.data(), buf.size(), kTevModeRecvAny, inquiry) != 0) return 21;
+    if (quor_tev_receive(conn, buf) != 0) return 21;
     // Every request names the process that sent it and has the trailer N.
     TransactionHeader h;
     Trailer trl;
-    if (quor_wire_open(buf, fb.FB_DataLen) == 0 || !tran_header_read(buf, h) || !quor_trl_read(buf, trl) ||
-        trl.more_data != "N" || !inquiry.valid || h.pid != std::to_string(inquiry.pid) ||
-        h.continuation != "N" || h.ostype != "UNIX1")
+    if (!tran_header_read(buf, h) || !quor_trl_read(buf, trl) || trl.more_data != "N" || !conn.inquiry.valid ||
+        h.pid != std::to_string(conn.inquiry.pid) || h.continuation != "N" || h.ostype != "UNIX1")
       return 22;
+    partial.remote = conn.remote;
     // Each buffer as a conversation from the second registration, but for the
     // last one, which is the DATA reply unless `stall`.
-    auto reply = [&, conversation = fb.FB_InConversId](std::vector<std::vector<char>> buffers, bool stall = false) {
+    auto reply = [&](std::vector<std::vector<char>> buffers, bool stall = false) {
       for (std::size_t i = 0; i < buffers.size(); ++i) {
-        auto wire = wire_of(std::move(buffers[i]));
-        char answer[kTevMaxAnswer] = {};
-        TevFeedback f;
+        std::vector<char>& b = buffers[i];
         bool conv = stall || i + 1 < buffers.size();
-        bool ok = conv ? Tev_Conv(f, partial, remote, wire.data(), wire.size(), answer, sizeof answer,
-                                  kTevModeNormal, 5) == 0 && std::string_view(answer, 2) == "OK"
-                       : TevSend(f, local, remote, wire.data(), wire.size(), kTevModeNormal, conversation) == 0;
-        if (!ok) return false;
+        if ((conv ? quor_tev_converse(partial, b, b.size()) : quor_tev_send(conn, b, b.size())) != 0) return false;
       }
       return true;
     };
@@ -215,40 +205,13 @@ TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
 
 // The decoder
 
-// A wire buffer is recognised, unscrambled and printed in full, for people
-// and as JSON, with every kind of escape; the wrong form forced gives
-// problems.
-TEST(Decoder, PrintsAnErrorReplyFromTheWire) {
-  auto plain = error_reply("3", "cannot open /x:\n\tgone\r\x01\x7F\xe9\\\"");
+// A wire capture cut short is still recognised, once it is long enough,
+// and unscrambled as far as it goes; a shorter one is left as it is (every
+// cut: the fuzz target; the whole buffer: the binary's decode below).
+TEST(Decoder, RecognisesAWireCaptureCutShort) {
+  auto plain = error_reply("3", "cannot open");
   auto wire = wire_of(plain);
-  CtlLoaded loaded = ctl_load(wire, CtlForm::Auto);
-  EXPECT_EQ(loaded.plain, plain);
-  const CtlDecoded& d = loaded.decoded;
-  EXPECT_THAT(d.problems, IsEmpty());
-  EXPECT_TRUE(d.wire);
-  TransactionHeader h;
-  ASSERT_EQ(tran_header_fill("E", "N", h), 0);
-  ASSERT_EQ(d.segments.size(), 3u);
-  std::size_t ret = d.segments[1].offset, trl = d.segments[2].offset;
-  std::string size = std::to_string(plain.size()), ret_length = std::to_string(trl - ret - 14);
-  EXPECT_EQ(ctl_format(d), "wire buffer (unscrambled with seed " + std::to_string(plain.size() % 256) + "), " +
-                               size + " bytes, length prefix " + size + "\nZZZTRN at 6, length " +
-                               std::to_string(ret - 20) + "\n  COD=E\n  PID=" + h.pid + "\n  NOD=" + h.node +
-                               "\n  USR=" + h.user + "\n  GID=" + h.gid + "\n  ADD=N\n  OS=UNIX1\nZZZRET at " +
-                               std::to_string(ret) + ", length " + ret_length +
-                               "\n  RC=3\n  RM=cannot open /x:\\n\\tgone\\r\\x01\\x7F\\xE9\\\\\"\nZZZTRL at " +
-                               std::to_string(trl) + ", length 18\n  MD=N\nZZZEOD\n");
-  std::string json = ctl_format_json(d);
-  EXPECT_THAT(json, HasSubstr("{\"tag\":\"ZZZRET\",\"offset\":" + std::to_string(ret) + ",\"length\":" + ret_length +
-                              ",\"closed\":true,\"items\":[[\"RC\",\"3\"],"
-                              "[\"RM\",\"cannot open /x:\\n\\tgone\\r\\u0001\\u007F\\u00E9\\\\\\\"\"]]}"));
-  EXPECT_THAT(json, EndsWith("}],\"end_of_data\":true,\"problems\":[]}"));
-  EXPECT_FALSE(ctl_load(wire, CtlForm::Plain).decoded.ok());
   EXPECT_FALSE(ctl_load(plain, CtlForm::Wire).decoded.ok());
-  EXPECT_FALSE(ctl_load(plain, CtlForm::Auto).decoded.wire);
-  // A wire capture cut short is still recognised, once it is long enough,
-  // and unscrambled as far as it goes; a shorter one is left as it is
-  // (every cut: the fuzz target).
   for (std::size_t n : {LENGTH_PREFIX + 2, LENGTH_PREFIX + 3, plain.size() - 1}) {
     CtlLoaded cut = ctl_load(std::vector<char>(wire.begin(), wire.begin() + static_cast<long>(n)), CtlForm::Auto);
     EXPECT_FALSE(cut.decoded.ok()) << n;
@@ -304,15 +267,10 @@ TEST(Decoder, NamesTheOffsetAndTheFaultOfDamagedFraming) {
 // The commands against the fake server, for replies the daemon never sends.
 // At the end a terminate request ends the server; its exit status says
 // whether every request before was as expected.
-TEST(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
-  TempDir dir;
-  EnvGuard env("TEV_DIR", dir.str());
-  TevIdentity id;
-  TevFeedback fb;
-  id.set_app_name(kFake);
-  ASSERT_EQ(TevInit(fb, id, kTevModeNormal), 0);
-  id = fb.FB_Local_Id;
-  testutil::Child child([id] { return serve(id); });  // killed if still running
+using QuorctlExchange = forked::ForkedServer;
+
+TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
+  testutil::Child child([this] { return serve(server_); });  // killed if still running
 
   // A report in several buffers is joined in order; a reply whose last
   // buffer announces more, or an error reply, fails the status command.
@@ -336,10 +294,10 @@ TEST(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
   };
   EXPECT_THAT(raw('F', 5000, false),
               Outcome(0,
-                      AllOf(StartsWith("request delivered to QUORFAKE\n"
+                      AllOf(StartsWith("request delivered to TEST.SRV\n"
                                        "-- reply buffer 1 of 3: partial (CONV) from QUORFAKE.P\nwire buffer"),
                             HasSubstr("\n-- reply buffer 2 of 3: partial (CONV) from QUORFAKE.P\nwire buffer"),
-                            HasSubstr("\n-- reply buffer 3 of 3: final (DATA) from QUORFAKE\nwire buffer"),
+                            HasSubstr("\n-- reply buffer 3 of 3: final (DATA) from TEST.SRV\nwire buffer"),
                             HasSubstr("\n  \"line 4 without a newline\"\n")),
                       ""));
   EXPECT_THAT(raw('D', 5000, false),
@@ -351,10 +309,9 @@ TEST(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
                       AllOf(HasSubstr("\"delivered\":true,\"expect_reply\":true,\"replies\":[{\"kind\":\"CONV\","
                                       "\"sender\":\"QUORFAKE.P\",\"buffer\":{"),
                             HasSubstr("\"strings\":[\"first of several\\n\"]")),
-                      "reply from QUORFAKE stopped after 1 partial buffer(s): nothing more within 0.3 s"));
+                      "reply from TEST.SRV stopped after 1 partial buffer(s): nothing more within 0.3 s"));
   ASSERT_EQ(ctl_notify(fake(), 'T', false).status, kCtlOk);
   EXPECT_EQ(child.wait(), 0);
-  TevTerm(fb, id, kTevModeNormal);
 }
 
 // The quorctl binary
@@ -393,26 +350,44 @@ TEST(QuorctlTool, HelpUsageErrorsAndNoDaemon) {
               Outcome(kCtlNotRunning, "", "quorctl: daemon not running (no receiver at ELSEWHERE)\n"));
 }
 
-// raw --save, decode and decode --text agree on the bytes; the wire form is
-// recognised, and forcing the wrong form fails.
-TEST(QuorctlTool, SavesDecodesAndRoundTripsBuffers) {
+// decode: a wire buffer is recognised, unscrambled and printed in full, for
+// people and as JSON, with every kind of escape; forcing the wrong form
+// fails. Its text form saved by raw gives the plain bytes again, which
+// decode recognises as plain.
+TEST(QuorctlTool, DecodesAndSavesBuffers) {
   TempDir dir;
-  std::string saved = (dir.path() / "req").string(), again = (dir.path() / "again").string();
-  CtlOutcome save =
-      quorctl({"raw", "--save", saved}, "header R\nsegment ZZZFIL\nstring /etc/alt config\nend\ntrailer N\n");
-  std::string bytes = testutil::read_file(saved), size = std::to_string(bytes.size());
-  EXPECT_THAT(save, Outcome(0, "wrote " + size + " bytes to " + saved + "\n", ""));
-  EXPECT_THAT(quorctl({"decode", saved}), Outcome(0, StartsWith("plain buffer, " + size + " bytes, length"), ""));
-  CtlOutcome resave = quorctl({"raw", "--save", again, "-"}, quorctl({"decode", "--text", saved}).out);
-  ASSERT_EQ(resave.status, 0) << resave.error;
-  EXPECT_EQ(testutil::read_file(again), bytes);
-  std::vector<char> wire = wire_of(std::vector<char>(bytes.begin(), bytes.end()));
-  std::ofstream(again, std::ios::binary).write(wire.data(), static_cast<long>(wire.size()));
-  EXPECT_THAT(quorctl({"--json", "decode", again}),
-              Outcome(0, StartsWith("{\"form\":\"wire\",\"size\":" + std::to_string(wire.size())), ""));
-  EXPECT_THAT(quorctl({"decode", "--plain", again}),
+  const std::string file = dir.str() + "/wire", again = dir.str() + "/again";
+  auto plain = error_reply("3", "cannot open /x:\n\tgone\r\x01\x7F\xe9\\\"");
+  auto wire = wire_of(plain);
+  testutil::write_file(file, std::string(wire.begin(), wire.end()));
+  TransactionHeader h;
+  ASSERT_EQ(tran_header_fill("E", "N", h), 0);
+  const std::size_t ret = *buf_find_segment(plain, "ZZZRET") - 20, trl = *buf_find_segment(plain, "ZZZTRL") - 20;
+  std::string size = std::to_string(plain.size()), ret_length = std::to_string(trl - ret - 14);
+  EXPECT_THAT(quorctl({"decode", file}),
+              Outcome(0,
+                      "wire buffer (unscrambled with seed " + std::to_string(plain.size() % 256) + "), " + size +
+                          " bytes, length prefix " + size + "\nZZZTRN at 6, length " + std::to_string(ret - 20) +
+                          "\n  COD=E\n  PID=" + h.pid + "\n  NOD=" + h.node + "\n  USR=" + h.user + "\n  GID=" +
+                          h.gid + "\n  ADD=N\n  OS=UNIX1\nZZZRET at " + std::to_string(ret) + ", length " +
+                          ret_length + "\n  RC=3\n  RM=cannot open /x:\\n\\tgone\\r\\x01\\x7F\\xE9\\\\\"\nZZZTRL at " +
+                          std::to_string(trl) + ", length 18\n  MD=N\nZZZEOD\n",
+                      ""));
+  EXPECT_THAT(quorctl({"--json", "decode", file}),
+              Outcome(0,
+                      AllOf(StartsWith("{\"form\":\"wire\",\"size\":" + size),
+                            HasSubstr("{\"tag\":\"ZZZRET\",\"offset\":" + std::to_string(ret) + ",\"length\":" +
+                                      ret_length + ",\"closed\":true,\"items\":[[\"RC\",\"3\"],[\"RM\",\"cannot open "
+                                      "/x:\\n\\tgone\\r\\u0001\\u007F\\u00E9\\\\\\\"\"]]}"),
+                            EndsWith("}],\"end_of_data\":true,\"problems\":[]}\n")),
+                      ""));
+  EXPECT_THAT(quorctl({"decode", "--plain", file}),
               Outcome(kCtlFailed, HasSubstr("\nproblem: "),
                       MatchesRegex("quorctl: [0-9]+ framing problem\\(s\\), the first: [^\n]+\n")));
+  EXPECT_THAT(quorctl({"raw", "--save", again, "-"}, quorctl({"decode", "--text", file}).out),
+              Outcome(0, "wrote " + size + " bytes to " + again + "\n", ""));
+  EXPECT_EQ(read_file(again), std::string(plain.begin(), plain.end()));
+  EXPECT_THAT(quorctl({"decode", again}), Outcome(0, StartsWith("plain buffer, " + size + " bytes, length"), ""));
 }
 
 // Every command against the real daemon, which ends on terminate.
@@ -450,20 +425,10 @@ TEST(QuorctlTool, TalksToTheRealDaemon) {
 // exactly the messages the load logs, and fails exactly when the load fails,
 // without writing to the daemon's log (every kind of bad line: the
 // configuration tests).
-class CheckConfig : public ::testing::Test {
- protected:
-  void TearDown() override {
-    quor_config() = QuorConfig{};
-    quor_objmap().clear();
-  }
-  std::string etc(const std::string& name) const { return root_.str() + "/quor/etc/" + name; }
-  void write(const std::string& name, const std::string& text) const { std::ofstream(etc(name)) << text; }
-
-  TempDir root_;
-  EnvGuard root_env_{"MOXGLBL0000", root_.str()};
-};
-
-TEST_F(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
+TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
+  TempDir root;
+  EnvGuard root_env("MOXGLBL0000", root.str());
+  auto etc = [&](const std::string& name) { return root.str() + "/quor/etc/" + name; };
   // The sample files with `file` replaced by `text` (removed when "-", made
   // a directory when "/"), and what the check's output or error holds.
   struct Case {
@@ -480,17 +445,17 @@ TEST_F(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file + " as " + c.text);
-    fs::remove_all(root_.path() / "quor");
-    fs::create_directories(root_.path() / "quor/etc");
+    fs::remove_all(root.path() / "quor");
+    fs::create_directories(root.path() / "quor/etc");
     for (const char* file : {"quor.config", "quorobj.map", "quorlang.map"})
       fs::copy_file(fs::path(QUOR_SOURCE_DIR) / "etc" / file, etc(file));
     if (c.text == "-" || c.text == "/") fs::remove(etc(c.file));
     if (c.text == "/") fs::create_directory(etc(c.file));
-    if (c.text.size() > 1) write(c.file, c.text);
+    if (c.text.size() > 1) testutil::write_file(etc(c.file), c.text);
     mo_reset();
     CtlOutcome check = quorctl({"check-config"});
     // The load's messages: each log line without its time and process.
-    std::string log_path = root_.str() + "/quor/log/quordaemon.log";
+    std::string log_path = root.str() + "/quor/log/quordaemon.log";
     EXPECT_FALSE(fs::exists(log_path)) << "the check wrote to the message log";
     int rc = quor_config_load(quor_objmap(), quor_config(), std::nullopt);
     std::istringstream log(testutil::read_file(log_path));
@@ -505,11 +470,11 @@ TEST_F(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   }
   // A file named on the command line is checked instead; without the
   // installation root there is nothing to check.
-  std::string other = root_.str() + "/other.config";
+  std::string other = root.str() + "/other.config";
   std::ofstream(other) << "LOGIN_TIMEOUT: x\n";
   fs::remove(etc("quorlang.map"));
-  write("quorobj.map", "LOGON quorlogon\n");
-  write("quorlang.map", "DEFAULT english\n");
+  testutil::write_file(etc("quorobj.map"), "LOGON quorlogon\n");
+  testutil::write_file(etc("quorlang.map"), "DEFAULT english\n");
   EXPECT_THAT(quorctl({"check-config", other}),
               Outcome(0,
                       "QUOR0110E Line not understood in the configuration file " + other +
@@ -518,6 +483,8 @@ TEST_F(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
                       ""));
   EnvGuard no_root("MOXGLBL0000", std::nullopt);
   EXPECT_EQ(quorctl({"check-config"}).status, kCtlUsage);
+  quor_config() = QuorConfig{};
+  quor_objmap().clear();
 }
 
 // The data-file tools: CSV and table files, calendars printed, and built
