@@ -303,13 +303,20 @@ TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
                       "reply from TEST.SRV stopped after 1 partial buffer(s): nothing more within 0.3 s"));
   ASSERT_EQ(ctl_notify(fake(), 'T', false).status, kCtlOk);
   EXPECT_EQ(child.wait(), 0);
+
+  // The binary where no daemon has registered: exit status 4.
+  for (const char* c : {"cleanup", "terminate", "killall", "status", "refresh"})
+    EXPECT_THAT(quorctl({"--json", "--timeout", "1", c}),
+                Outcome(kCtlNotRunning, "", "quorctl: daemon not running (no receiver at MO_QUORUNIX_SERVER)\n"));
+  EXPECT_THAT(quorctl({"--server=ELSEWHERE", "raw", "-"}, "header B\ntrailer N\n"),
+              Outcome(kCtlNotRunning, "", "quorctl: daemon not running (no receiver at ELSEWHERE)\n"));
 }
 
 // The quorctl binary
 
 // Help for the tool and each command; a usage error is exit status 2 and one
-// line on standard error; no daemon is exit status 4.
-TEST(QuorctlTool, HelpUsageErrorsAndNoDaemon) {
+// line on standard error.
+TEST(QuorctlTool, HelpAndUsageErrors) {
   EXPECT_THAT(quorctl({"--help"}),
               Outcome(0, StartsWith("usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND"),
                       ""));
@@ -331,14 +338,6 @@ TEST(QuorctlTool, HelpUsageErrorsAndNoDaemon) {
               Outcome(kCtlUsage, "", "quorctl: standard input: line 2: item outside a segment\n"));
   EXPECT_THAT(quorctl({"decode", "/nonexistent/buffer"}),
               Outcome(kCtlFailed, "", "quorctl: cannot read /nonexistent/buffer\n"));
-
-  TempDir dir;
-  EnvGuard tev("TEV_DIR", dir.str());
-  for (const char* c : {"cleanup", "terminate", "killall", "status", "refresh"})
-    EXPECT_THAT(quorctl({"--json", "--timeout", "1", c}),
-                Outcome(kCtlNotRunning, "", "quorctl: daemon not running (no receiver at MO_QUORUNIX_SERVER)\n"));
-  EXPECT_THAT(quorctl({"--server=ELSEWHERE", "raw", "-"}, "header B\ntrailer N\n"),
-              Outcome(kCtlNotRunning, "", "quorctl: daemon not running (no receiver at ELSEWHERE)\n"));
 }
 
 // decode: a wire buffer is recognised, unscrambled and printed in full, for
@@ -478,56 +477,41 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   quor_objmap().clear();
 }
 
-// The data-file tools: CSV and table files, calendars printed, and built
-// requests read back by the daemon's own conversions.
-
-namespace {
-
-CtlOutcome csv_to_table(std::string_view csv, const std::string& table) {
-  CtlCsvReader reader(csv);
-  return ctl_csv_to_table(reader, table, false);
-}
-
-class CtlFiles : public ::testing::Test {
- protected:
-  std::string path(const char* name) const { return (dir_.path() / name).string(); }
-  void write(const char* name, const std::string& bytes) const { std::ofstream(path(name), std::ios::binary) << bytes; }
-  TempDir dir_;
-};
-
-// CSV to a table file and back: quoting, empty values and trailing blanks
-// (which the table format drops).
-TEST_F(CtlFiles, CsvAndTableFiles) {
-  const std::string csv = "id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ";
-  EXPECT_EQ(csv_to_table(csv, path("t")).status, kCtlOk);
+// The data-file tools: CSV to a table file and back (quoting, empty values,
+// trailing blanks, which the table format drops) and its errors; a calendar
+// printed, and built into a request whose segment writes the same file again;
+// a list built into a request gives the same lines (the readers and writers
+// on any bytes: the csv, table, calendar and list fuzz targets).
+TEST(CtlFiles, CsvTablesCalendarsAndLists) {
+  TempDir dir;
+  auto path = [&](const char* name) { return (dir.path() / name).string(); };
+  auto csv_to_table = [&](std::string_view csv) {
+    CtlCsvReader reader(csv);
+    return ctl_csv_to_table(reader, path("t"), false);
+  };
+  EXPECT_EQ(csv_to_table("id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ").status, kCtlOk);
   CtlOutcome back = ctl_table_to_csv(path("t"));
   EXPECT_EQ(back.status, kCtlOk) << back.error;
   EXPECT_EQ(back.out, "id,name,note\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,\"\",\"two\nlines\"\n3,x,\" y\"\n");
-
-  EXPECT_EQ(csv_to_table("a,b\n1\n", path("t")).error, "CSV row 2 has 1 values, the first has 2");
-  EXPECT_EQ(csv_to_table("a,\"b\nc", path("t")).error, "CSV line 1: a double quote is never closed");
-  EXPECT_EQ(csv_to_table(std::string(260, 'v'), path("t")).status, kCtlUsage);
+  EXPECT_EQ(csv_to_table("a,b\n1\n").error, "CSV row 2 has 1 values, the first has 2");
+  EXPECT_EQ(csv_to_table("a,\"b\nc").error, "CSV line 1: a double quote is never closed");
+  EXPECT_EQ(csv_to_table(std::string(260, 'v')).status, kCtlUsage);
   EXPECT_EQ(ctl_table_to_csv(path("t")).out, back.out) << "a failed conversion left the table as it was";
   EXPECT_EQ(ctl_table_to_csv(path("none")).status, kCtlFailed);
-  write("damaged", std::string("\x05\x00\x01\x00", 4));
+  testutil::write_file(path("damaged"), std::string("\x05\x00\x01\x00", 4));
   EXPECT_EQ(ctl_table_to_csv(path("damaged")).error, path("damaged") + ": the first record is damaged");
-}
 
-// A calendar file printed, and built into a request whose segment writes
-// the same file again; a list built into a request gives the same lines.
-TEST_F(CtlFiles, CalendarsAndLists) {
   FileTransfer t;
   t.path = path("cal");
   std::vector<char> source = testutil::plain_request("S", {{kCalTag, {"PI=ab", "DS=desc", "RL=7", "AL=first", "AL=second"}}});
   ASSERT_EQ(buffer_to_cal(t, InBuf(source.data(), source.size())), 0);
-
   EXPECT_EQ(ctl_calendar_show(path("cal"), false).out,
             "PI: ab\nCU: \nUU: \nDS: desc\nRL: 7\nYN: 0\nFX: 0\nUT: 0\nDO: 0\ndata offset: 404\n"
             "AL: first\nAL: second\n");
   EXPECT_EQ(ctl_calendar_show(path("cal"), true).out,
             "{\"PI\":\"ab\",\"CU\":\"\",\"UU\":\"\",\"DS\":\"desc\",\"RL\":\"7\",\"YN\":\"0\",\"FX\":\"0\",\"UT\":\"0\","
             "\"DO\":\"0\",\"data_offset\":404,\"lines\":[\"first\\n\",\"second\\n\"]}\n");
-  write("short", "not a calendar");
+  testutil::write_file(path("short"), "not a calendar");
   EXPECT_EQ(ctl_calendar_show(path("short"), false).status, kCtlFailed);
 
   CtlBuild spec;
@@ -540,7 +524,7 @@ TEST_F(CtlFiles, CalendarsAndLists) {
   ASSERT_EQ(buffer_to_cal(again, built.buffers[0]), 0);
   EXPECT_EQ(read_file(path("again")), read_file(path("cal")));
 
-  write("names", "alpha\n\nbeta\n");
+  testutil::write_file(path("names"), "alpha\n\nbeta\n");
   spec.data = CtlBuild::Data::List;
   spec.source = path("names");
   built = ctl_build_transaction(spec);
@@ -549,9 +533,6 @@ TEST_F(CtlFiles, CalendarsAndLists) {
   list.path = path("list");
   ASSERT_EQ(buffer_to_list(list, "ZZZLST", built.buffers[0]), 0);
   EXPECT_EQ(read_file(path("list")), "alpha\nbeta\n");
-
   spec.source = path("missing");
   EXPECT_EQ(ctl_build_transaction(spec).error, "cannot read " + path("missing"));
 }
-
-}  // namespace
