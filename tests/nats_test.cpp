@@ -37,11 +37,13 @@ bool run(const std::string& command) { return std::system(command.c_str()) == 0;
 // A free port on 127.0.0.1 (with `port` 0), or whether `port` accepts.
 int loopback(int port) {
   sockaddr_in a{AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+  auto* address = reinterpret_cast<sockaddr*>(&a);
   socklen_t len = sizeof a;
-  int fd = socket(AF_INET, SOCK_STREAM, 0), result = port != 0 ? connect(fd, reinterpret_cast<sockaddr*>(&a), len) == 0
-      : bind(fd, reinterpret_cast<sockaddr*>(&a), len) == 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0;
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  bool done = port != 0 ? connect(fd, address, len) == 0
+                        : bind(fd, address, len) == 0 && getsockname(fd, address, &len) == 0;
   close(fd);
-  return port != 0 || result == 0 ? result : ntohs(a.sin_port);
+  return port != 0 || !done ? done : ntohs(a.sin_port);
 }
 
 struct Outcome { int status = -1; std::string out; };  // quorctl's exit status, output and errors
@@ -88,10 +90,6 @@ class Fleet : public testutil::AgentDaemonTest {
             {"TEV_TLS_CERT", d + "/host.pem"}, {"TEV_TLS_KEY", d + "/host.key"}};
   }
 
-  void start_host_a(std::string config = "LOGIN_REQUIRED: 1\n") {
-    start(std::move(config), "LOGON quorlogon\nPROBE quorprobe\n", {}, host_env(kNodeA));
-  }
-
   // quorctl on host B (or on host `node` with B's settings) addressing host A, with `changes` to
   // its environment (an empty value unsets) and `input` on its standard input.
   static Outcome to_a(std::vector<std::string> args, const Env& changes = {}, const std::string& node = kNodeB,
@@ -128,12 +126,45 @@ std::string raw_header(char code, int pid, const std::string& node, char more) {
          node + "\nitem USR u\nitem GID 0\nitem ADD N\nitem OS UNIX1\nend\ntrailer " + more + "\n";
 }
 
-// The brief and the multi-buffer full report (partial replies from the daemon's temporary name),
-// the list of daemons. Control requests and a request whose NOD names another node are refused;
-// the broker admits a host only with its own password, over TLS, publishing as its own node (B's
-// user on a host calling itself nodec). Then the broker goes away and comes back.
-TEST_F(Fleet, RemoteClientsServedRefusedAndBackAfterBrokerLoss) {
-  start_host_a();
+// One daemon on host A; what a remote host may do is the configuration's. The default login account is for local
+// users only: a remote request needs a session, and a remote login the account's password (the client's own account
+// counts for nothing from another host); a table then goes to an agent, which answers host B. A host in ADMIN_NODES
+// may control the daemon (its refresh drops it from the list); then control requests and a request whose NOD names
+// another node are refused, the reports (the full one in several buffers, partial ones from the daemon's temporary
+// name) and the list of daemons are served, and the broker admits a host only with its own password, over TLS, as
+// its own node (B's user on a host calling itself nodec). Then the broker goes away and comes back.
+TEST_F(Fleet, RemoteClientsRightsLoginAndBrokerLoss) {
+  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
+  start("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\nADMIN_NODES: nodec,nodeb\n",
+        "LOGON quorlogon\nPROBE quorprobe\n", {}, host_env(kNodeA));
+  EXPECT_EQ(to_a({"run", "PROBE", "ANSWER"}).status, kCtlDaemonError) << daemon_->log();
+  EXPECT_FALSE(next_probe(25));
+#if !defined(__SANITIZE_ADDRESS__)  // its crypt interceptor crashes a real password check through PAM
+  // No password and a wrong one are refused alike (a refused login's agent
+  // ends, and its session with it, before the next); the right one logs in.
+  for (const std::string& input : std::vector<std::string>{"", "not the password\n", kPassword + std::string("\n")}) {
+    std::vector<std::string> args = {"--timeout", "10", "login"};
+    if (!input.empty()) args.push_back("--password-stdin");
+    Outcome login = to_a(args, {}, kNodeB, input);
+    ASSERT_EQ(login.status, input.starts_with(kPassword) ? kCtlOk : kCtlDaemonError) << input << login.out;
+    if (login.status != kCtlOk) settle(users(0));
+  }
+  std::ofstream(dir_->str() + "/t.csv") << "a,b\nc,d\n";
+  Outcome table = to_a({"run", "PROBE", "ANSWER", "--table", dir_->str() + "/t.csv"});
+  EXPECT_EQ(table.status, 0) << table.out;
+  EXPECT_THAT(table.out, HasSubstr("argv0=quorprobe"));
+  std::optional<testutil::Probe> probe = next_probe();
+  ASSERT_TRUE(probe);
+  EXPECT_THAT(probe->info["env"], HasSubstr("QUOR_CLIENT_HOST"));
+  EXPECT_THAT(probe->info["env"], ::testing::Not(HasSubstr("QUOR_CLIENT_UID")));
+  fs::path copy = dir_->path() / "copy.rdw";
+  std::ofstream(copy, std::ios::binary) << probe->data;
+  EXPECT_EQ(ctl_table_to_csv(copy.string()).out, "a,b\nc,d\n");
+  EXPECT_EQ(to_a({"logoff"}).status, 0);
+#endif
+  std::ofstream(daemon_->root().path() / "quor/etc/quor.config") << "LOGIN_REQUIRED: 1\n";
+  EXPECT_EQ(to_a({"refresh"}).status, kCtlOk) << daemon_->log();
+
   // First buffers of transactions from here: they wait and fill the full report.
   for (int p = 1; p <= 450; ++p) {
     CtlRequest r = ctl_parse_text(raw_header('S', p, std::string(60, 'n'), 'Y'));
@@ -141,18 +172,20 @@ TEST_F(Fleet, RemoteClientsServedRefusedAndBackAfterBrokerLoss) {
     TevClient().call(kServerName, std::vector<std::uint8_t>(r.bytes.begin(), r.bytes.end()), 0, false);
   }
   std::string pid = std::to_string(daemon_->pid()), d = dir_->str();
-  struct Case { std::vector<std::string> args; int status; std::string says; Env changes = {}; std::string node = kNodeB, input = ""; };
+  struct Case { std::vector<std::string> args; int status; std::string says;  // and how quorctl runs:
+                Env changes = {}; std::string node = kNodeB, input = ""; };
+  const std::string forged = raw_header('B', 1, kNodeA, 'N'), port = std::to_string(port_);
   for (const Case& c : std::initializer_list<Case>{
            {{"status"}, kCtlOk, "pid=" + pid},
            {{"--json", "status", "--full"}, kCtlOk, "450 transactions in progress"},
            {{"hosts"}, kCtlOk, std::string(kNodeA) + "  MO_QUORUNIX_SERVER  pid " + pid},
            {{"refresh"}, kCtlDaemonError, "R request from host nodeb"},
            {{"terminate"}, kCtlOk, ""},
-           {{"raw", "-"}, kCtlOk, "Refused a request from host nodeb (NOD nodea.example)", {}, kNodeB, raw_header('B', 1, kNodeA, 'N')},
+           {{"raw", "-"}, kCtlOk, "Refused a request from host nodeb (NOD nodea.example)", {}, kNodeB, forged},
            {{"status"}, kCtlNotRunning, "", {{"TEV_NATS_PASSWORD_FILE", d + "/" + kNodeA + ".password"}}},
            {{"status"}, kCtlNotRunning, "", {{"TEV_NATS_USER", ""}}},
-           {{"status"}, kCtlNotRunning, "", {{"TEV_URL", "nats://127.0.0.1:" + std::to_string(port_)}, {"TEV_TLS_CA", ""},
-                                             {"TEV_TLS_CERT", ""}, {"TEV_TLS_KEY", ""}}},
+           {{"status"}, kCtlNotRunning, "",
+            {{"TEV_URL", "nats://127.0.0.1:" + port}, {"TEV_TLS_CA", ""}, {"TEV_TLS_CERT", ""}, {"TEV_TLS_KEY", ""}}},
            {{"status"}, kCtlNoReply, "", {}, "nodec"}}) {
     Outcome o = to_a(c.args, c.changes, c.node, c.input);
     EXPECT_EQ(o.status, c.status) << c.args[0] << " from " << c.node << ": " << o.out;
@@ -177,52 +210,14 @@ TEST_F(Fleet, RemoteClientsServedRefusedAndBackAfterBrokerLoss) {
   EXPECT_EQ(count("QUOR0403"), 2) << log;
 }
 
-// What a remote host may do is the configuration's: a host in ADMIN_NODES may control the
-// daemon; the default login account is for local users only, so a remote request needs a session.
-// A remote login needs the account's password (the client's own account counts for nothing
-// from another host); then a table goes to an agent, which answers host B; a logoff ends it.
-TEST_F(Fleet, RemoteRightsLoginTableAndLogoff) {
-  if (getpwnam("nobody") == nullptr) GTEST_SKIP() << "no account 'nobody'";
-  start_host_a("LOGIN_REQUIRED: 0\nDEFAULT_LOGIN_NAME: nobody\nADMIN_NODES: nodec,nodeb\n");
-  EXPECT_EQ(to_a({"refresh"}).status, kCtlOk) << daemon_->log();
-  EXPECT_EQ(to_a({"run", "PROBE", "ANSWER"}).status, kCtlDaemonError) << daemon_->log();
-  EXPECT_FALSE(next_probe(25));
-#if defined(__SANITIZE_ADDRESS__)
-  // The sanitizer's crypt interceptor has no function to call when PAM's
-  // module loads the crypt library itself: a real password check crashes.
-  GTEST_SKIP() << "a password check through PAM cannot run under AddressSanitizer";
-#endif
-  // No password and a wrong one are refused alike (a refused login's agent
-  // ends, and its session with it, before the next); the right one logs in.
-  for (const std::string& input : std::vector<std::string>{"", "not the password\n", kPassword + std::string("\n")}) {
-    std::vector<std::string> args = {"--timeout", "10", "login"};
-    if (!input.empty()) args.push_back("--password-stdin");
-    Outcome login = to_a(args, {}, kNodeB, input);
-    ASSERT_EQ(login.status, input.starts_with(kPassword) ? kCtlOk : kCtlDaemonError) << input << login.out;
-    if (login.status != kCtlOk) settle(users(0));
-  }
-
-  std::ofstream(dir_->str() + "/t.csv") << "a,b\nc,d\n";
-  Outcome table = to_a({"run", "PROBE", "ANSWER", "--table", dir_->str() + "/t.csv"});
-  EXPECT_EQ(table.status, 0) << table.out;
-  EXPECT_THAT(table.out, HasSubstr("argv0=quorprobe"));
-  std::optional<testutil::Probe> probe = next_probe();
-  ASSERT_TRUE(probe);
-  EXPECT_THAT(probe->info["env"], HasSubstr("QUOR_CLIENT_HOST"));
-  EXPECT_THAT(probe->info["env"], ::testing::Not(HasSubstr("QUOR_CLIENT_UID")));
-  fs::path copy = dir_->path() / "copy.rdw";
-  std::ofstream(copy, std::ios::binary) << probe->data;
-  EXPECT_EQ(ctl_table_to_csv(copy.string()).out, "a,b\nc,d\n");
-  EXPECT_EQ(to_a({"logoff"}).status, 0);
-}
-
 // A receiver takes the sender from the subject, which the broker checked: a datagram whose sender
 // block names another node, or a message claiming the receiver's own node, is dropped and counted.
 TEST_F(Fleet, ReceiverTrustsTheSubjectNotTheSenderBlock) {
-  std::vector<std::unique_ptr<testutil::EnvGuard>> env;
-  for (auto& [k, v] : host_env(kNodeA)) env.push_back(std::make_unique<testutil::EnvGuard>(k.c_str(), v));
   testutil::TempDir tev_dir;  // its own local names, apart from other runs on the machine
-  testutil::EnvGuard local("TEV_DIR", tev_dir.str());
+  Env a = host_env(kNodeA);  // outlives the guards, which keep the names
+  a.emplace("TEV_DIR", tev_dir.str());
+  std::vector<std::unique_ptr<testutil::EnvGuard>> env;
+  for (auto& [k, v] : a) env.push_back(std::make_unique<testutil::EnvGuard>(k.c_str(), v));
   TevIdentity receiver, from;
   receiver.set_app_name("NATSRCV");
   TevFeedback fb, rfb;
@@ -255,12 +250,10 @@ TEST_F(Fleet, ReceiverTrustsTheSubjectNotTheSenderBlock) {
   char buf[16];
   // The receiver subscribes once its connection is up, which on a busy
   // host may be after the first publish: wait until a good message arrives.
-  bool subscribed = false;
-  for (int i = 0; i < 20 && !subscribed; ++i) {
+  ASSERT_TRUE(testutil::eventually([&] {
     publish(kNodeB, kNodeB, kNodeB);
-    subscribed = TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 500) == 0;
-  }
-  ASSERT_TRUE(subscribed) << rfb.FB_ErrorText;
+    return TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 500) == 0;
+  })) << rfb.FB_ErrorText;
   while (TevRecvTimed(rfb, receiver, from, buf, sizeof buf, inquiry, 200) == 0) continue;  // a late duplicate
   publish(kNodeB, "nodec", kNodeB);  // the block lies about the node
   publish(kNodeB, kNodeB, kNodeB);   // as it should be

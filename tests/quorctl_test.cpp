@@ -166,7 +166,7 @@ TEST(RawTextForm, WritesTheBytesItDescribesAndReadsBackItsOwnText) {
   EXPECT_EQ(ctl_text_escape("a b ", false), "a b\\x20");
 }
 
-// A bad line gives no bytes and an error naming the line.
+// A bad line gives an error naming the line (and no bytes: the fuzz target).
 TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
   std::string huge = "segment ZZZBIG\n";
   for (int i = 0; i < 330; ++i) huge += "string " + std::string(100, 'x') + "\n";
@@ -187,11 +187,7 @@ TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
       {"# nothing\n\n", "line 2: no directives: empty request"}, {huge, "line 326: request does not fit in 32767 bytes"},
   };
 
-  for (const auto& [text, error] : cases) {
-    CtlRequest r = ctl_parse_text(text);
-    EXPECT_EQ(r.error, error) << text.substr(0, 60);
-    EXPECT_TRUE(r.bytes.empty());
-  }
+  for (const auto& [text, error] : cases) EXPECT_EQ(ctl_parse_text(text).error, error) << text.substr(0, 60);
 }
 
 // The decoder
@@ -421,9 +417,7 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   auto etc = [&](const std::string& name) { return root.str() + "/quor/etc/" + name; };
   // The sample files with `file` replaced by `text` (removed when "-", made
   // a directory when "/"), and what the check's output or error holds.
-  struct Case {
-    std::string file, text, shows;
-  };
+  struct Case { std::string file, text, shows; };
   const Case cases[] = {
       {"", "", ""},
       {"quor.config", "# c\nTRANSACTION_TIMEOUT: 5x\n\nLOGIN_TIMEOUT 3\nNO_KEY: 1\n",
@@ -451,7 +445,8 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
     std::istringstream log(testutil::read_file(log_path));
     std::string line, messages;
     while (std::getline(log, line)) messages += line.substr(line.find("]: ") + 3) + "\n";
-    const char* verdict = messages.empty() ? ": loads without problems\n" : ": loads; the lines reported above are skipped\n";
+    const char* verdict =
+        messages.empty() ? ": loads without problems\n" : ": loads; the lines reported above are skipped\n";
     if (rc == 0)
       EXPECT_THAT(check, Outcome(0, messages + etc("quor.config") + verdict, ""));
     else
