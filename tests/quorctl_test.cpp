@@ -192,22 +192,6 @@ TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
 
 // The decoder
 
-// A wire capture cut short is still recognised, once it is long enough,
-// and unscrambled as far as it goes; a shorter one is left as it is (every
-// cut: the fuzz target; the whole buffer: the binary's decode below).
-TEST(Decoder, RecognisesAWireCaptureCutShort) {
-  auto plain = error_reply("3", "cannot open");
-  auto wire = wire_of(plain);
-  EXPECT_FALSE(ctl_load(plain, CtlForm::Wire).decoded.ok());
-  for (std::size_t n : {LENGTH_PREFIX + 2, LENGTH_PREFIX + 3, plain.size() - 1}) {
-    CtlLoaded cut = ctl_load(std::vector<char>(wire.begin(), wire.begin() + static_cast<long>(n)), CtlForm::Auto);
-    EXPECT_FALSE(cut.decoded.ok()) << n;
-    EXPECT_EQ(cut.decoded.wire, n >= LENGTH_PREFIX + 3) << n;
-    const std::vector<char>& whole = cut.decoded.wire ? plain : wire;
-    EXPECT_EQ(cut.plain, std::vector<char>(whole.begin(), whole.begin() + static_cast<long>(n))) << n;
-  }
-}
-
 // Each kind of damage is named with the offset where it is.
 TEST(Decoder, NamesTheOffsetAndTheFaultOfDamagedFraming) {
   const auto good = error_reply("3", "bad");
@@ -374,6 +358,18 @@ TEST(QuorctlTool, DecodesAndSavesBuffers) {
               Outcome(0, "wrote " + size + " bytes to " + again + "\n", ""));
   EXPECT_EQ(read_file(again), std::string(plain.begin(), plain.end()));
   EXPECT_THAT(quorctl({"decode", again}), Outcome(0, StartsWith("plain buffer, " + size + " bytes, length"), ""));
+  EXPECT_FALSE(ctl_load(plain, CtlForm::Wire).decoded.ok());
+
+  // A wire capture cut short is still recognised, once it is long enough,
+  // and unscrambled as far as it goes; a shorter one is left as it is
+  // (every cut: the fuzz target).
+  for (std::size_t n : {LENGTH_PREFIX + 2, LENGTH_PREFIX + 3, plain.size() - 1}) {
+    CtlLoaded cut = ctl_load(std::vector<char>(wire.begin(), wire.begin() + static_cast<long>(n)), CtlForm::Auto);
+    EXPECT_FALSE(cut.decoded.ok()) << n;
+    EXPECT_EQ(cut.decoded.wire, n >= LENGTH_PREFIX + 3) << n;
+    const std::vector<char>& whole = cut.decoded.wire ? plain : wire;
+    EXPECT_EQ(cut.plain, std::vector<char>(whole.begin(), whole.begin() + static_cast<long>(n))) << n;
+  }
 }
 
 // Every command against the real daemon, which ends on terminate.
@@ -419,13 +415,13 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   // a directory when "/"), and what the check's output or error holds.
   struct Case { std::string file, text, shows; };
   const Case cases[] = {
-      {"", "", ""},
       {"quor.config", "# c\nTRANSACTION_TIMEOUT: 5x\n\nLOGIN_TIMEOUT 3\nNO_KEY: 1\n",
        "QUOR0110E Line not understood in the configuration file " + etc("quor.config") +
            ":\nQUOR0125E Line 2: TRANSACTION_TIMEOUT: 5x\n"},
       {"quorobj.map", "-", "QUOR0112E"},
       {"quorlang.map", "-", "the language map " + etc("quorlang.map") + " cannot be opened"},
       {"quorlang.map", "/", "QUOR0310E Refused to read " + etc("quorlang.map") + ": not a regular file"},
+      {"", "", ""},  // last: the sample files stay for the file named below
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file + " as " + c.text);
@@ -457,9 +453,6 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   // installation root there is nothing to check.
   std::string other = root.str() + "/other.config";
   std::ofstream(other) << "LOGIN_TIMEOUT: x\n";
-  fs::remove(etc("quorlang.map"));
-  testutil::write_file(etc("quorobj.map"), "LOGON quorlogon\n");
-  testutil::write_file(etc("quorlang.map"), "DEFAULT english\n");
   EXPECT_THAT(quorctl({"check-config", other}),
               Outcome(0,
                       "QUOR0110E Line not understood in the configuration file " + other +
