@@ -58,11 +58,6 @@ std::vector<char> error_reply(const std::string& rc, const std::string& rm) {
   return buffer("E", {"RC", rc, "RM", rm}, "N", "ZZZRET");
 }
 
-std::vector<char> wire_of(std::vector<char> plain) {
-  EXPECT_EQ(quor_wire_seal(plain, plain.size()), 0);
-  return plain;
-}
-
 // The quorctl binary run with `args` and `input` on standard input: its exit
 // status, standard output and standard error.
 CtlOutcome quorctl(const std::vector<std::string>& args, const std::string& input = "") {
@@ -300,8 +295,8 @@ TEST(QuorctlTool, HelpAndUsageErrors) {
   EXPECT_THAT(quorctl({"--help"}),
               Outcome(0, StartsWith("usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND"),
                       ""));
-  for (const char* c : {"status", "refresh", "check-config", "cleanup", "terminate", "killall", "decode", "raw", "login", "logoff",
-                        "util", "table-to-csv", "csv-to-table", "calendar", "build"})
+  for (const char* c : {"status", "refresh", "check-config", "cleanup", "terminate", "killall", "decode", "raw",
+                        "login", "logoff", "util", "table-to-csv", "csv-to-table", "calendar", "build"})
     EXPECT_THAT(quorctl({c, "--help"}), Outcome(0, StartsWith(std::string("usage: quorctl ") + c), ""));
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {}, {"frob"}, {"status", "--bogus"}, {"status", "extra"}, {"--timeout", "x", "status"},
@@ -309,8 +304,9 @@ TEST(QuorctlTool, HelpAndUsageErrors) {
            {"refresh", "a", "b"}, {"cleanup", "now"}, {"terminate", "--full"}, {"decode"},
            {"decode", "--wire", "--plain", "f"}, {"--json", "decode", "--text", "f"},
            {"raw", "--no-reply", "--expect-reply"}, {"raw", "--wire"}, {"raw", "--file", "a", "b"},
-           {"util"}, {"login", "x"}, {"logoff", "x"}, {"--user", "", "login"}, {"build"}, {"build", "--type", "SS", "--out", "p"},
-           {"build", "--table", "a", "--list", "b", "--out", "p"}, {"build", "--select", "A", "--out", "p"},
+           {"util"}, {"login", "x"}, {"logoff", "x"}, {"--user", "", "login"}, {"build"},
+           {"build", "--type", "SS", "--out", "p"}, {"build", "--table", "a", "--list", "b", "--out", "p"},
+           {"build", "--select", "A", "--out", "p"},
            {"calendar"}, {"csv-to-table", "a"}, {"--json", "table-to-csv", "t"},
            {"check-config", "a", "b"}, {"--json", "check-config"}})
     EXPECT_THAT(quorctl(args), Outcome(kCtlUsage, "", MatchesRegex("quorctl: [^\n]+\n")));
@@ -328,7 +324,8 @@ TEST(QuorctlTool, DecodesAndSavesBuffers) {
   TempDir dir;
   const std::string file = dir.str() + "/wire", again = dir.str() + "/again";
   auto plain = error_reply("3", "cannot open /x:\n\tgone\r\x01\x7F\xe9\\\"");
-  auto wire = wire_of(plain);
+  auto wire = plain;
+  ASSERT_EQ(quor_wire_seal(wire, wire.size()), 0);
   testutil::write_file(file, std::string(wire.begin(), wire.end()));
   TransactionHeader h;
   ASSERT_EQ(tran_header_fill("E", "N", h), 0);
@@ -477,7 +474,8 @@ TEST(CtlFiles, CsvTablesCalendarsAndLists) {
     CtlCsvReader reader(csv);
     return ctl_csv_to_table(reader, path("t"), false);
   };
-  EXPECT_EQ(csv_to_table("id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ").status, kCtlOk);
+  EXPECT_EQ(csv_to_table("id,name,note\r\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,,\"two\nlines\"\n3,x, y  ").status,
+            kCtlOk);
   CtlOutcome back = ctl_table_to_csv(path("t"));
   EXPECT_EQ(back.status, kCtlOk) << back.error;
   EXPECT_EQ(back.out, "id,name,note\n1,\"Smith, J\",\"said \"\"hi\"\"\"\n2,\"\",\"two\nlines\"\n3,x,\" y\"\n");
@@ -491,14 +489,15 @@ TEST(CtlFiles, CsvTablesCalendarsAndLists) {
 
   FileTransfer t;
   t.path = path("cal");
-  std::vector<char> source = testutil::plain_request("S", {{kCalTag, {"PI=ab", "DS=desc", "RL=7", "AL=first", "AL=second"}}});
+  std::vector<char> source =
+      testutil::plain_request("S", {{kCalTag, {"PI=ab", "DS=desc", "RL=7", "AL=first", "AL=second"}}});
   ASSERT_EQ(buffer_to_cal(t, InBuf(source.data(), source.size())), 0);
   EXPECT_EQ(ctl_calendar_show(path("cal"), false).out,
             "PI: ab\nCU: \nUU: \nDS: desc\nRL: 7\nYN: 0\nFX: 0\nUT: 0\nDO: 0\ndata offset: 404\n"
             "AL: first\nAL: second\n");
   EXPECT_EQ(ctl_calendar_show(path("cal"), true).out,
-            "{\"PI\":\"ab\",\"CU\":\"\",\"UU\":\"\",\"DS\":\"desc\",\"RL\":\"7\",\"YN\":\"0\",\"FX\":\"0\",\"UT\":\"0\","
-            "\"DO\":\"0\",\"data_offset\":404,\"lines\":[\"first\\n\",\"second\\n\"]}\n");
+            "{\"PI\":\"ab\",\"CU\":\"\",\"UU\":\"\",\"DS\":\"desc\",\"RL\":\"7\",\"YN\":\"0\",\"FX\":\"0\","
+            "\"UT\":\"0\",\"DO\":\"0\",\"data_offset\":404,\"lines\":[\"first\\n\",\"second\\n\"]}\n");
   testutil::write_file(path("short"), "not a calendar");
   EXPECT_EQ(ctl_calendar_show(path("short"), false).status, kCtlFailed);
 
