@@ -400,7 +400,8 @@ TEST(QuorctlTool, TalksToTheRealDaemon) {
 }
 
 // check-config against the daemon's own load: for good files, bad lines,
-// missing maps and a map that is not a regular file, the check prints
+// missing maps, a map that is not a regular file and a configuration file
+// named on the command line instead, the check prints
 // exactly the messages the load logs, and fails exactly when the load fails,
 // without writing to the daemon's log (every kind of bad line: the
 // configuration tests).
@@ -409,8 +410,9 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   EnvGuard root_env("MOXGLBL0000", root.str());
   auto etc = [&](const std::string& name) { return root.str() + "/quor/etc/" + name; };
   // The sample files with `file` replaced by `text` (removed when "-", made
-  // a directory when "/"), and what the check's output or error holds.
-  struct Case { std::string file, text, shows; };
+  // a directory when "/"), what the check's output or error holds, and
+  // whether the check and the load are given `file` by name.
+  struct Case { std::string file, text, shows; bool named = false; };
   const Case cases[] = {
       {"quor.config", "# c\nTRANSACTION_TIMEOUT: 5x\n\nLOGIN_TIMEOUT 3\nNO_KEY: 1\n",
        "QUOR0110E Line not understood in the configuration file " + etc("quor.config") +
@@ -418,7 +420,11 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
       {"quorobj.map", "-", "QUOR0112E"},
       {"quorlang.map", "-", "the language map " + etc("quorlang.map") + " cannot be opened"},
       {"quorlang.map", "/", "QUOR0310E Refused to read " + etc("quorlang.map") + ": not a regular file"},
-      {"", "", ""},  // last: the sample files stay for the file named below
+      {"other.config", "LOGIN_TIMEOUT: x\n",
+       "QUOR0110E Line not understood in the configuration file " + etc("other.config") +
+           ":\nQUOR0125E Line 1: LOGIN_TIMEOUT: x\n" + etc("other.config") + ": loads; the lines reported above are",
+       true},
+      {"", "", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file + " as " + c.text);
@@ -430,32 +436,25 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
     if (c.text == "/") fs::create_directory(etc(c.file));
     if (c.text.size() > 1) testutil::write_file(etc(c.file), c.text);
     mo_reset();
-    CtlOutcome check = quorctl({"check-config"});
+    const std::string config = etc(c.named ? c.file : "quor.config");
+    CtlOutcome check = c.named ? quorctl({"check-config", config}) : quorctl({"check-config"});
     // The load's messages: each log line without its time and process.
     std::string log_path = root.str() + "/quor/log/quordaemon.log";
     EXPECT_FALSE(fs::exists(log_path)) << "the check wrote to the message log";
-    int rc = quor_config_load(quor_objmap(), quor_config(), std::nullopt);
+    int rc = quor_config_load(quor_objmap(), quor_config(),
+                              c.named ? std::optional<std::string_view>(config) : std::nullopt);
     std::istringstream log(testutil::read_file(log_path));
     std::string line, messages;
     while (std::getline(log, line)) messages += line.substr(line.find("]: ") + 3) + "\n";
     const char* verdict =
         messages.empty() ? ": loads without problems\n" : ": loads; the lines reported above are skipped\n";
     if (rc == 0)
-      EXPECT_THAT(check, Outcome(0, messages + etc("quor.config") + verdict, ""));
+      EXPECT_THAT(check, Outcome(0, messages + config + verdict, ""));
     else
       EXPECT_THAT(check, Outcome(kCtlDaemonError, messages, HasSubstr("(RC " + std::to_string(rc) + ")")));
     EXPECT_THAT(check.out + check.error, HasSubstr(c.shows));
   }
-  // A file named on the command line is checked instead; without the
-  // installation root there is nothing to check.
-  std::string other = root.str() + "/other.config";
-  std::ofstream(other) << "LOGIN_TIMEOUT: x\n";
-  EXPECT_THAT(quorctl({"check-config", other}),
-              Outcome(0,
-                      "QUOR0110E Line not understood in the configuration file " + other +
-                          ":\nQUOR0125E Line 1: LOGIN_TIMEOUT: x\n" + other +
-                          ": loads; the lines reported above are skipped\n",
-                      ""));
+  // Without the installation root there is nothing to check.
   EnvGuard no_root("MOXGLBL0000", std::nullopt);
   EXPECT_EQ(quorctl({"check-config"}).status, kCtlUsage);
   quor_config() = QuorConfig{};
