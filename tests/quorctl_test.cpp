@@ -201,6 +201,7 @@ TEST(Decoder, NamesTheOffsetAndTheFaultOfDamagedFraming) {
     return b;
   };
   const std::string digits(good.data(), 5);
+  auto at = [](std::size_t offset, const std::string& why) { return "offset " + std::to_string(offset) + ": " + why; };
   const std::pair<std::vector<char>, std::string> cases[] = {
       {splice(0, 5, "  500"), "offset 0: length prefix says 500 but the buffer has " + std::to_string(n) + " bytes"},
       {splice(0, 6, {"1x3\0\0\0", 6}),
@@ -212,18 +213,15 @@ TEST(Decoder, NamesTheOffsetAndTheFaultOfDamagedFraming) {
                                std::to_string(ret - 20) + " bytes after the length field"},
       {splice(20, 5, " 12x "),
        "offset 20: length field \" 12x \" of segment ZZZTRN is not a length printed in 5 characters"},
-      {splice(ret, 6, "ZZZret"),
-       "offset " + std::to_string(ret) + ": tag \"ZZZret\" is not ZZZ and three upper-case letters"},
-      {splice(n - 14, 6, "ZZZEOD"),
-       "offset " + std::to_string(n - 14) + ": ZZZEOD inside segment ZZZTRL (no ZZZEOS)"},
-      {with_prefix(splice(n, 0, {"x\0y", 3})), "offset " + std::to_string(n) + ": 3 bytes after ZZZEOD"},
-      {with_prefix(splice(n - 7, 7, "")), "offset " + std::to_string(n - 7) + ": buffer ends without ZZZEOD"},
+      {splice(ret, 6, "ZZZret"), at(ret, "tag \"ZZZret\" is not ZZZ and three upper-case letters")},
+      {splice(n - 14, 6, "ZZZEOD"), at(n - 14, "ZZZEOD inside segment ZZZTRL (no ZZZEOS)")},
+      {with_prefix(splice(n, 0, {"x\0y", 3})), at(n, "3 bytes after ZZZEOD")},
+      {with_prefix(splice(n - 7, 7, "")), at(n - 7, "buffer ends without ZZZEOD")},
       // "RC" left without a value: "3\0RM\0bad\0" cut out.
-      {with_prefix(splice(ret + 23, 9, "")),
-       "offset " + std::to_string(ret + 20) + ": item \"RC\" of segment ZZZRET has no value"},
+      {with_prefix(splice(ret + 23, 9, "")), at(ret + 20, "item \"RC\" of segment ZZZRET has no value")},
       // Cut inside the first item: the segment runs off the end.
       {std::vector<char>(good.begin(), good.begin() + static_cast<long>(ret + 22)),
-       "offset " + std::to_string(ret + 20) + ": segment ZZZRET runs off the end of the buffer (no ZZZEOS)"},
+       at(ret + 20, "segment ZZZRET runs off the end of the buffer (no ZZZEOS)")},
       {std::vector<char>(BUFFER_MAX + 1, 'Z'), "buffer of 32768 bytes exceeds the 32767-byte maximum"},
       {std::vector<char>(5, ' '), "buffer of 5 bytes is shorter than the 6-byte length prefix"},
   };
