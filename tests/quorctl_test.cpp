@@ -128,8 +128,8 @@ TEST(RawTextForm, WritesTheBytesItDescribesAndReadsBackItsOwnText) {
   CtlRequest r = ctl_parse_text(
       "# a refresh naming another file\nheader R Y\nsegment ZZZFIL\nstring /opt/quor/etc/alt config\nend\n"
       "  segment ZZZXYZ\nitem NAME tab\\there\\\\\nitem EMPTY\nitem LEAD   two blanks \nitem HEX \\x41\\xfF\n"
-      "item CUT a\\0b\r\nend\nsegment ZZZODD\nstring\nstring value\nstring lone\nend\nsegment ZZZLIE 40\nitem K V\nend\n"
-      "trailer Y\n");
+      "item CUT a\\0b\r\nend\nsegment ZZZODD\nstring\nstring value\nstring lone\nend\n"
+      "segment ZZZLIE 40\nitem K V\nend\ntrailer Y\n");
   ASSERT_EQ(r.error, "");
   TransactionHeader h;
   ASSERT_TRUE(tran_header_read(r.bytes, h));
@@ -138,10 +138,10 @@ TEST(RawTextForm, WritesTheBytesItDescribesAndReadsBackItsOwnText) {
   const std::string bytes(r.bytes.begin(), r.bytes.end());
   EXPECT_EQ(bytes.substr(bytes.find("ZZZFIL")),
             testutil::nul_join({"ZZZFIL", "ZZZLEN", "   38", "/opt/quor/etc/alt config", "ZZZEOS", "ZZZXYZ", "ZZZLEN",
-                                "   69", "NAME", "tab\there\\", "EMPTY", "", "LEAD", "  two blanks ", "HEX", "A\xFF", "CUT",
-                                "a", "b", "ZZZEOS", "ZZZODD", "ZZZLEN", "   25", "", "value", "lone", "ZZZEOS", "ZZZLIE",
-                                "ZZZLEN", "   40", "K", "V", "ZZZEOS", "ZZZTRL", "ZZZLEN", "   18", "MD", "Y", "ZZZEOS",
-                                "ZZZEOD"}));
+                                "   69", "NAME", "tab\there\\", "EMPTY", "", "LEAD", "  two blanks ", "HEX", "A\xFF",
+                                "CUT", "a", "b", "ZZZEOS", "ZZZODD", "ZZZLEN", "   25", "", "value", "lone", "ZZZEOS",
+                                "ZZZLIE", "ZZZLEN", "   40", "K", "V", "ZZZEOS", "ZZZTRL", "ZZZLEN", "   18", "MD", "Y",
+                                "ZZZEOS", "ZZZEOD"}));
   const std::string text = ctl_to_text(ctl_decode(r.bytes));
   CtlRequest again = ctl_parse_text(text);
   ASSERT_EQ(again.error, "") << text;
@@ -288,10 +288,9 @@ TEST(QuorctlTool, HelpAndUsageErrors) {
            {"refresh", "a", "b"}, {"cleanup", "now"}, {"terminate", "--full"}, {"decode"},
            {"decode", "--wire", "--plain", "f"}, {"--json", "decode", "--text", "f"},
            {"raw", "--no-reply", "--expect-reply"}, {"raw", "--wire"}, {"raw", "--file", "a", "b"},
-           {"util"}, {"login", "x"}, {"logoff", "x"}, {"--user", "", "login"}, {"build"},
+           {"util"}, {"login", "x"}, {"logoff", "x"}, {"--user", "", "login"}, {"build"}, {"calendar"},
            {"build", "--type", "SS", "--out", "p"}, {"build", "--table", "a", "--list", "b", "--out", "p"},
-           {"build", "--select", "A", "--out", "p"},
-           {"calendar"}, {"csv-to-table", "a"}, {"--json", "table-to-csv", "t"},
+           {"build", "--select", "A", "--out", "p"}, {"csv-to-table", "a"}, {"--json", "table-to-csv", "t"},
            {"check-config", "a", "b"}, {"--json", "check-config"}})
     EXPECT_THAT(quorctl(args), Outcome(kCtlUsage, "", MatchesRegex("quorctl: [^\n]+\n")));
   EXPECT_THAT(quorctl({"raw", "-"}, "header B\nitem A B\n"),
@@ -487,9 +486,8 @@ TEST(CtlFiles, CsvTablesCalendarsAndLists) {
   spec.source = path("cal");
   CtlBuilt built = ctl_build_transaction(spec);
   ASSERT_EQ(built.buffers.size(), 1u);
-  FileTransfer again;
-  again.path = path("again");
-  ASSERT_EQ(buffer_to_cal(again, built.buffers[0]), 0);
+  t.path = path("again");  // a finished transfer takes the next file
+  ASSERT_EQ(buffer_to_cal(t, built.buffers[0]), 0);
   EXPECT_EQ(read_file(path("again")), read_file(path("cal")));
 
   testutil::write_file(path("names"), "alpha\n\nbeta\n");
@@ -497,9 +495,8 @@ TEST(CtlFiles, CsvTablesCalendarsAndLists) {
   spec.source = path("names");
   built = ctl_build_transaction(spec);
   ASSERT_EQ(built.buffers.size(), 1u);
-  FileTransfer list;
-  list.path = path("list");
-  ASSERT_EQ(buffer_to_list(list, "ZZZLST", built.buffers[0]), 0);
+  t.path = path("list");
+  ASSERT_EQ(buffer_to_list(t, "ZZZLST", built.buffers[0]), 0);
   EXPECT_EQ(read_file(path("list")), "alpha\nbeta\n");
   spec.source = path("missing");
   EXPECT_EQ(ctl_build_transaction(spec).error, "cannot read " + path("missing"));
