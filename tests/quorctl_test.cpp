@@ -276,9 +276,8 @@ TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
 // Help for the tool and each command; a usage error is exit status 2 and one
 // line on standard error.
 TEST(QuorctlTool, HelpAndUsageErrors) {
-  EXPECT_THAT(quorctl({"--help"}),
-              Outcome(0, StartsWith("usage: quorctl [--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND"),
-                      ""));
+  const std::string options = "[--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND";
+  EXPECT_THAT(quorctl({"--help"}), Outcome(0, StartsWith("usage: quorctl " + options), ""));
   for (const char* c : {"status", "refresh", "check-config", "cleanup", "terminate", "killall", "decode", "raw",
                         "login", "logoff", "util", "table-to-csv", "csv-to-table", "calendar", "build"})
     EXPECT_THAT(quorctl({c, "--help"}), Outcome(0, StartsWith(std::string("usage: quorctl ") + c), ""));
