@@ -1,7 +1,6 @@
-// Clients on another host, through a real broker (TLS, client certificates,
-// the users etc/nats/make-host-users writes). This process takes host A's node
-// name in a UTS namespace of its own and runs the daemon; host B is a child in
-// another one (node "nodeb") running quorctl.
+// Clients on another host, through a real broker (TLS, client certificates, the users etc/nats/make-host-users writes).
+// This process takes host A's node name in a UTS namespace of its own and runs the daemon; host B is a child in another
+// one (node "nodeb") running quorctl.
 #include <arpa/inet.h>
 #include <nats/nats.h>
 #include <sched.h>

@@ -1,7 +1,6 @@
-// quorctl: the raw text form, the decoder on real and damaged bytes, the
-// commands against a fake server for the replies the daemon never sends, the
-// quorctl binary itself (exit statuses, help, JSON, the real daemon,
-// check-config), and its data-file tools.
+// quorctl: the raw text form, the decoder on real and damaged bytes, the commands against a fake server for the replies
+// the daemon never sends, the quorctl binary itself (exit statuses, help, JSON, the real daemon, check-config), and its
+// data-file tools.
 #include <gmock/gmock.h>
 
 #include "ctl_commands.h"
@@ -46,8 +45,7 @@ std::vector<char> with_prefix(std::vector<char> b) {
   return b;
 }
 
-// A plain buffer with its length prefix: a transaction header, one segment
-// holding `items`, the trailer.
+// A plain buffer with its length prefix: a transaction header, one segment holding `items`, the trailer.
 std::vector<char> buffer(std::string_view code, const std::vector<std::string>& items, std::string_view more,
                          std::string_view tag = "ZZZSTS") {
   return with_prefix(testutil::plain_request(code, {{tag, items}}, more));
@@ -69,11 +67,10 @@ CtlOutcome quorctl(const std::vector<std::string>& args, const std::string& inpu
           testutil::read_file(dir.path() / "err")};
 }
 
-// A fake daemon for the replies the real one never sends, serving `conn` in
-// a child process. F: a report in three buffers, two partial; B: first a
-// reply whose last buffer wrongly announces more, later an error reply; P:
-// one partial buffer, then silence; D: a buffer with a wrong segment length;
-// T: exit 0. A malformed request, or another type, ends it with another status.
+// A fake daemon for the replies the real one never sends, serving `conn` in a child process. F: a report in three
+// buffers, two partial; B: first a reply whose last buffer wrongly announces more, later an error reply; P: one partial
+// buffer, then silence; D: a buffer with a wrong segment length; T: exit 0. A malformed request, or another type, ends
+// it with another status.
 constexpr const char* kFake = "TEST.SRV";
 
 int serve(ConnRecord& conn) {
@@ -120,10 +117,9 @@ CtlTarget fake(int timeout_ms = 5000) { return CtlTarget{kFake, timeout_ms}; }
 
 }  // namespace
 
-// Every directive and escape makes the bytes it describes; decode --text
-// output parses back to the very same bytes, also for a pair segment with an
-// empty name and an odd item count, a stated length, and values that need
-// escapes (other buffers: the fuzz target and the binary's decode below).
+// Every directive and escape makes the bytes it describes; decode --text output parses back to the very same bytes,
+// also for a pair segment with an empty name and an odd item count, a stated length, and values that need escapes
+// (other buffers: the fuzz target and the binary's decode below).
 TEST(RawTextForm, WritesTheBytesItDescribesAndReadsBackItsOwnText) {
   CtlRequest r = ctl_parse_text(
       "# a refresh naming another file\nheader R Y\nsegment ZZZFIL\nstring /opt/quor/etc/alt config\nend\n"
@@ -216,9 +212,8 @@ TEST(Decoder, NamesTheOffsetAndTheFaultOfDamagedFraming) {
   for (const auto& [bytes, problem] : cases) EXPECT_THAT(ctl_decode(bytes).problems, Contains(problem));
 }
 
-// The commands against the fake server, for replies the daemon never sends.
-// At the end a terminate request ends the server; its exit status says
-// whether every request before was as expected.
+// The commands against the fake server, for replies the daemon never sends. At the end a terminate request ends the
+// server; its exit status says whether every request before was as expected.
 using QuorctlExchange = forked::ForkedServer;
 
 TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
@@ -238,8 +233,7 @@ TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
               Outcome(kCtlDaemonError, "{\"rc\":12,\"message\":\"status not available\\nsee the log\"}\n",
                       "the daemon refused the status request: RC 12: status not available"));
 
-  // raw shows every buffer with its kind and sender, and says why a reply
-  // is damaged or stopped.
+  // raw shows every buffer with its kind and sender, and says why a reply is damaged or stopped.
   auto raw = [](char type, int timeout_ms, bool json) {
     return ctl_raw(fake(timeout_ms), ctl_parse_text(std::string("header ") + type + "\ntrailer N\n").bytes,
                    std::nullopt, json);
@@ -254,8 +248,7 @@ TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
                       ""));
   EXPECT_THAT(raw('D', 5000, false),
               Outcome(kCtlFailed, HasSubstr("\nproblem: offset "), "reply buffer 1 of 1 has framing problems"));
-  // One partial buffer, then nothing: what arrived is shown, and why it
-  // stopped.
+  // One partial buffer, then nothing: what arrived is shown, and why it stopped.
   EXPECT_THAT(raw('P', 300, true),
               Outcome(kCtlNoReply,
                       AllOf(HasSubstr("\"delivered\":true,\"expect_reply\":true,\"replies\":[{\"kind\":\"CONV\","
@@ -273,8 +266,7 @@ TEST_F(QuorctlExchange, StatusAndRawCheckAndShowTheReplies) {
               Outcome(kCtlNotRunning, "", "quorctl: daemon not running (no receiver at ELSEWHERE)\n"));
 }
 
-// Help for the tool and each command; a usage error is exit status 2 and one
-// line on standard error.
+// Help for the tool and each command; a usage error is exit status 2 and one line on standard error.
 TEST(QuorctlTool, HelpAndUsageErrors) {
   const std::string options = "[--server NAME] [--timeout SECONDS] [--user NAME] [--json] COMMAND";
   EXPECT_THAT(quorctl({"--help"}), Outcome(0, StartsWith("usage: quorctl " + options), ""));
@@ -298,10 +290,9 @@ TEST(QuorctlTool, HelpAndUsageErrors) {
               Outcome(kCtlFailed, "", "quorctl: cannot read /nonexistent/buffer\n"));
 }
 
-// decode: a wire buffer is recognised, unscrambled and printed in full, for
-// people and as JSON, with every kind of escape; forcing the wrong form
-// fails. Its text form saved by raw gives the plain bytes again, which
-// decode recognises as plain.
+// decode: a wire buffer is recognised, unscrambled and printed in full, for people and as JSON, with every kind of
+// escape; forcing the wrong form fails. Its text form saved by raw gives the plain bytes again, which decode recognises
+// as plain.
 TEST(QuorctlTool, DecodesAndSavesBuffers) {
   TempDir dir;
   const std::string file = dir.str() + "/wire", again = dir.str() + "/again";
@@ -339,9 +330,8 @@ TEST(QuorctlTool, DecodesAndSavesBuffers) {
   EXPECT_THAT(quorctl({"decode", again}), Outcome(0, StartsWith("plain buffer, " + size + " bytes, length"), ""));
   EXPECT_FALSE(ctl_load(plain, CtlForm::Wire).decoded.ok());
 
-  // A wire capture cut short is still recognised, once it is long enough,
-  // and unscrambled as far as it goes; a shorter one is left as it is
-  // (every cut: the fuzz target).
+  // A wire capture cut short is still recognised, once it is long enough, and unscrambled as far as it goes; a shorter
+  // one is left as it is (every cut: the fuzz target).
   for (std::size_t n : {LENGTH_PREFIX + 2, LENGTH_PREFIX + 3, plain.size() - 1}) {
     CtlLoaded cut = ctl_load(std::vector<char>(wire.begin(), wire.begin() + static_cast<long>(n)), CtlForm::Auto);
     EXPECT_FALSE(cut.decoded.ok()) << n;
@@ -364,8 +354,7 @@ TEST(QuorctlTool, TalksToTheRealDaemon) {
               Outcome(kCtlDaemonError, MatchesRegex("RC 3: [^\n]+\n"), "quorctl: refresh failed with RC 3\n"));
   EXPECT_THAT(quorctl({"--json", "refresh"}), Outcome(0, StartsWith("{\"rc\":0,\"message\":\""), ""));
 
-  // Requests that get no reply: raw waits for one only when the type gets one
-  // or it is told to.
+  // Requests that get no reply: raw waits for one only when the type gets one or it is told to.
   const std::string delivered = "request delivered to MO_QUORUNIX_SERVER\n";
   EXPECT_THAT(quorctl({"--timeout", "0.3", "raw", "--no-reply", "-"}, "header Q\ntrailer N\n"),
               Outcome(0, delivered, ""));
@@ -380,19 +369,16 @@ TEST(QuorctlTool, TalksToTheRealDaemon) {
   EXPECT_THAT(d.output(), HasSubstr("transcode=Q"));
 }
 
-// check-config against the daemon's own load: for good files, bad lines,
-// missing maps, a map that is not a regular file and a configuration file
-// named on the command line instead, the check prints
-// exactly the messages the load logs, and fails exactly when the load fails,
-// without writing to the daemon's log (every kind of bad line: the
-// configuration tests).
+// check-config against the daemon's own load: for good files, bad lines, missing maps, a map that is not a regular file
+// and a configuration file named on the command line instead, the check prints exactly the messages the load logs, and
+// fails exactly when the load fails, without writing to the daemon's log (every kind of bad line: the configuration
+// tests).
 TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   TempDir root;
   EnvGuard root_env("MOXGLBL0000", root.str());
   auto etc = [&](const std::string& name) { return root.str() + "/quor/etc/" + name; };
-  // The sample files with `file` replaced by `text` (removed when "-", made
-  // a directory when "/"), what the check's output or error holds, and
-  // whether the check and the load are given `file` by name.
+  // The sample files with `file` replaced by `text` (removed when "-", made a directory when "/"), what the check's
+  // output or error holds, and whether the check and the load are given `file` by name.
   struct Case { std::string file, text, shows; bool named = false; };
   const Case cases[] = {
       {"quor.config", "# c\nTRANSACTION_TIMEOUT: 5x\n\nLOGIN_TIMEOUT 3\nNO_KEY: 1\n",
@@ -442,11 +428,10 @@ TEST(CheckConfig, ReportsWhatTheDaemonsLoadReports) {
   quor_objmap().clear();
 }
 
-// The data-file tools: CSV to a table file and back (quoting, empty values,
-// trailing blanks, which the table format drops) and its errors; a calendar
-// printed, and built into a request whose segment writes the same file again;
-// a list built into a request gives the same lines (the readers and writers
-// on any bytes: the csv, table, calendar and list fuzz targets).
+// The data-file tools: CSV to a table file and back (quoting, empty values, trailing blanks, which the table format
+// drops) and its errors; a calendar printed, and built into a request whose segment writes the same file again; a list
+// built into a request gives the same lines (the readers and writers on any bytes: the csv, table, calendar and list
+// fuzz targets).
 TEST(CtlFiles, CsvTablesCalendarsAndLists) {
   TempDir dir;
   auto path = [&](const char* name) { return (dir.path() / name).string(); };
