@@ -56,17 +56,19 @@ class Fleet : public testutil::AgentDaemonTest {
       GTEST_SKIP() << "cannot take a node name of its own";
     dir_ = new testutil::TempDir;
     fs::permissions(dir_->path(), fs::perms::all);  // agents under other accounts read the credentials
-    std::string d = dir_->str(), req = " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1";
+    std::string d = dir_->str();
+    std::string req = " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1";
     port_ = loopback(0);
-    std::ofstream(d + "/broker.conf") << "listen: 127.0.0.1:" << port_ << "\ntls { cert_file: \"" << d << "/host.pem\"\n"
-                                      << " key_file: \"" << d << "/host.key\"\n ca_file: \"" << d << "/ca.pem\"\n"
-                                      << " verify: true }\ninclude \"hosts.conf\"\n";
+    std::ofstream(d + "/broker.conf") << "listen: 127.0.0.1:" << port_ << "\ntls { cert_file: \"" << d
+                                      << "/host.pem\"\n key_file: \"" << d << "/host.key\"\n ca_file: \"" << d
+                                      << "/ca.pem\"\n verify: true }\ninclude \"hosts.conf\"\n";
     // A CA and one certificate for 127.0.0.1 that the broker and the hosts all use, the hosts' users, an account.
     if (!run("cd " + d + " && exec 2>/dev/null" + req + " -keyout ca.key -out ca.pem -subj /CN=ca" + req +
-             " -keyout host.key -out host.pem -subj /CN=host -CA ca.pem -CAkey ca.key -addext subjectAltName=IP:127.0.0.1"
-             " -addext basicConstraints=CA:FALSE && chmod 0644 host.key && " QUOR_SOURCE_DIR "/etc/nats/make-host-users " +
-             d + " " + kNodeA + " " + kNodeB + " && chmod 0644 *.password && useradd -M -s /usr/sbin/nologin " + kAccount +
-             " && echo '" + kAccount + ":" + kPassword + "' | chpasswd") || !start_broker())
+             " -keyout host.key -out host.pem -subj /CN=host -CA ca.pem -CAkey ca.key"
+             " -addext subjectAltName=IP:127.0.0.1 -addext basicConstraints=CA:FALSE && chmod 0644 host.key && "
+             QUOR_SOURCE_DIR "/etc/nats/make-host-users " + d + " " + kNodeA + " " + kNodeB +
+             " && chmod 0644 *.password && useradd -M -s /usr/sbin/nologin " + kAccount + " && echo '" + kAccount +
+             ":" + kPassword + "' | chpasswd") || !start_broker())
       GTEST_SKIP() << "cannot make the certificates, the account or start the broker";
   }
   static void TearDownTestSuite() {
@@ -77,7 +79,8 @@ class Fleet : public testutil::AgentDaemonTest {
   // The broker (killed by its pid when reset); true once it accepts.
   static bool start_broker() {
     std::string d = dir_->str();
-    broker_ = testutil::exec_child("/bin/sh", {"-c", "exec nats-server -c " + d + "/broker.conf -l " + d + "/broker.log"});
+    broker_ = testutil::exec_child("/bin/sh",
+                                   {"-c", "exec nats-server -c " + d + "/broker.conf -l " + d + "/broker.log"});
     return testutil::eventually([] { return loopback(port_) != 0; }, std::chrono::seconds(5));
   }
 
@@ -222,13 +225,13 @@ TEST_F(Fleet, ReceiverTrustsTheSubjectNotTheSenderBlock) {
   // As `host`'s broker user: a datagram from `block_node` on a subject from `subject_node`.
   auto publish = [&](const char* host, const char* block_node, const char* subject_node) {
     Env h = host_env(host);
-    std::string password = read_file(h["TEV_NATS_PASSWORD_FILE"]);
+    std::string password = read_file(h["TEV_NATS_PASSWORD_FILE"]), cert = h["TEV_TLS_CERT"], key = h["TEV_TLS_KEY"];
     natsOptions* opts = nullptr;
     natsConnection* nc = nullptr;
     ASSERT_TRUE(natsOptions_Create(&opts) == NATS_OK && natsOptions_SetURL(opts, h["TEV_URL"].c_str()) == NATS_OK &&
                 natsOptions_SetUserInfo(opts, host, password.substr(0, password.find('\n')).c_str()) == NATS_OK &&
                 natsOptions_LoadCATrustedCertificates(opts, h["TEV_TLS_CA"].c_str()) == NATS_OK &&
-                natsOptions_LoadCertificatesChain(opts, h["TEV_TLS_CERT"].c_str(), h["TEV_TLS_KEY"].c_str()) == NATS_OK &&
+                natsOptions_LoadCertificatesChain(opts, cert.c_str(), key.c_str()) == NATS_OK &&
                 natsConnection_Connect(&nc, opts) == NATS_OK);
     TevIdentity block;
     block.set_system_id(block_node);

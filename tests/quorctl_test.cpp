@@ -156,16 +156,17 @@ TEST(RawTextForm, RejectsBadLinesNamingTheLine) {
       {"segment ZZZA\nsegment ZZZB\n", "line 2: segment inside an open segment (missing 'end')"},
       {"segment ZZZA\nheader B\n", "line 2: header inside an open segment (missing 'end')"},
       {"segment ZZZA\ntrailer N\n", "line 2: trailer inside an open segment (missing 'end')"},
-      {"\r\n# c\r\nsegment ZZZA\r\nstring \\q\r\n", "line 4: bad escape"},
-      {"segment ZZZA\nstring ends in \\\n", "line 2: bad escape"}, {"segment ZZZA\nitem N \\x4\n", "line 2: bad escape"},
-      {"segment ZZZA\nitem\n", "line 2: item needs a name"}, {"segment\n", "line 1: segment needs a tag"},
+      {"\r\n# c\r\nsegment ZZZA\r\nstring \\q\r\n", "line 4: bad escape"}, {"segment\n", "line 1: segment needs a tag"},
+      {"segment ZZZA\nstring ends in \\\n", "line 2: bad escape"}, {"trailer X\n", "line 1: trailer takes Y or N"},
+      {"segment ZZZA\nitem N \\x4\n", "line 2: bad escape"}, {"segment ZZZA\nitem\n", "line 2: item needs a name"},
       {"segment ZZZA 123456\n", "line 1: segment length must be a number below 100000"},
       {"segment ZZZA 12 13\n", "line 1: segment takes a tag and an optional length"},
       {"end\n", "line 1: end without a segment"}, {"segment ZZZA\nend now\n", "line 2: end takes no argument"},
-      {"frobnicate\n", "line 1: unknown directive 'frobnicate'"}, {"trailer X\n", "line 1: trailer takes Y or N"},
+      {"frobnicate\n", "line 1: unknown directive 'frobnicate'"},
+      {"# nothing\n\n", "line 2: no directives: empty request"},
       {"header B\nsegment ZZZA\n", "line 2: segment not closed with 'end'"},
       {"header B N extra\n", "line 1: header takes a type and a continuation flag"},
-      {"# nothing\n\n", "line 2: no directives: empty request"}, {huge, "line 326: request does not fit in 32767 bytes"},
+      {huge, "line 326: request does not fit in 32767 bytes"},
   };
 
   for (const auto& [text, error] : cases) EXPECT_EQ(ctl_parse_text(text).error, error) << text.substr(0, 60);
