@@ -132,16 +132,21 @@ TEST_F(Transfers, CalendarFromARequestRecord) {
   std::memcpy(data, "pi", 2);
   std::string lines = "one\ntwo\n\n\x01three";
   std::memcpy(data + 404, lines.data(), lines.size());
-  auto items = [&](std::int32_t offset, std::size_t size) {
+  auto items = [&](std::int32_t offset, std::size_t size, std::size_t room = BUFFER_MAX) {
     std::memcpy(data + 16, &offset, 4);
     smc_put(record, smc::allocSz, std::to_string(size));
-    Served served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
+    Served served = serve_one(server_, [&](OutBuf& out) {
+      return cal_record_to_buffer(record, out, std::min(out.pos + room, BUFFER_MAX), server_);
+    });
     return items_of(served, kCalTag);
   };
   std::vector<std::string> sent = items(404, smc::PDat + 404 + lines.size());
   ASSERT_EQ(sent.size(), 12u);
   EXPECT_EQ(sent[0], "PI=pi");
   EXPECT_EQ(std::vector<std::string>(sent.begin() + 9, sent.end()), std::vector<std::string>(3, ""));
+  // No room for the segment's start: a partial reply goes first, the same
+  // items follow over several buffers.
+  EXPECT_EQ(items(404, smc::PDat + 404 + lines.size(), 73), sent);
   EXPECT_EQ(items(1 << 30, 99999999).size(), 9u);
 }
 

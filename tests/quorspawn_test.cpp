@@ -29,22 +29,6 @@ struct Segment {
 
 SpawnRequest shell(const std::string& script) { return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}, -1}; }
 
-// The environment a program is given: a fixed PATH, the transport's and the
-// kept names (a blank-separated list), nothing else of the daemon's. That a
-// program gets only this, no descriptor beyond the standard three and the
-// daemon's signal mask (which the daemon keeps): the agent security and
-// scale tests.
-TEST(Spawn, TheEnvironmentKeepsOnlyWhatIsPassedOn) {
-  testutil::EnvGuard secret("QUORSPAWN_SECRET", "1"), tev("TEV_DIR", "/t"), keep("MOXQUORKEEPENV", " KEEPME  LC_X"),
-      kept("KEEPME", "yes");
-  std::vector<std::string> env = quor_spawn_environment(nullptr);
-  EXPECT_EQ(env.front(), "PATH=/usr/local/bin:/usr/bin:/bin");
-  auto has = [&](const std::string& entry) { return std::ranges::find(env, entry) != env.end(); };
-  EXPECT_TRUE(has("TEV_DIR=/t"));
-  EXPECT_TRUE(has("KEEPME=yes"));
-  EXPECT_FALSE(has("QUORSPAWN_SECRET=1"));
-}
-
 // Signals are blocked while the child shares the daemon's memory; the
 // program gets the daemon's own mask (SIGCHLD unblocked), and the daemon keeps its mask.
 TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
