@@ -1,5 +1,4 @@
-// Starting agent programs: what the started program gets, and what is left
-// behind when it cannot be started.
+// Starting agent programs: what they get, and what a failed start leaves.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/shm.h>
@@ -29,8 +28,8 @@ struct Segment {
 
 SpawnRequest shell(const std::string& script) { return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}, -1}; }
 
-// Signals are blocked while the child shares the daemon's memory; the
-// program gets the daemon's own mask (SIGCHLD unblocked), and the daemon keeps its mask.
+// The program gets the daemon's own mask (signals are blocked while the
+// child shares its memory), and the daemon keeps it.
 TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
   testutil::TempDir dir;
   std::string out = (dir.path() / "out").string();
@@ -38,8 +37,7 @@ TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
   sigemptyset(&usr1);
   sigaddset(&usr1, SIGUSR1);
   sigprocmask(SIG_BLOCK, &usr1, &before);
-  // grep itself, not a shell (which may clear its mask), reads its status;
-  // its standard output is the file.
+  // grep itself, not a shell (which may clear its mask), writes its status to the file.
   int saved = dup(1);
   int file = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   dup2(file, 1);
@@ -55,10 +53,8 @@ TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
   EXPECT_EQ(testutil::read_file(out), "SigBlk:\t0000000000000200\n");
 }
 
-// Under an account, the program runs with its uid, group and supplementary
-// groups, and owns the segment (mode 0600, the daemon's group) and the data
-// file. What cannot be started runs nothing, ends with 99 and removes the
-// segment.
+// Under an account the program has all its ids and groups and owns the
+// segment and data file; a failed start runs nothing, ends with 99, removes the segment.
 TEST(Spawn, UnderAnAccountOrNotAtAll) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
   std::optional<Account> nobody = quor_account("nobody");
@@ -70,8 +66,7 @@ TEST(Spawn, UnderAnAccountOrNotAtAll) {
   std::ofstream(data) << "rows";
   Segment segment;
   ASSERT_GE(segment.id, 0);
-  // Real, effective, saved and file-system ids all the account's: the
-  // program cannot take root back.
+  // Real, effective, saved and file-system ids: the program cannot take root back.
   SpawnRequest request = shell("grep -E '^[UG]id:' /proc/self/status > " + out + "; id -G | wc -w >> " + out);
   request.account = &*nobody;
   request.shm_id = segment.id;
@@ -93,9 +88,7 @@ TEST(Spawn, UnderAnAccountOrNotAtAll) {
   EXPECT_EQ(st.st_uid, nobody->uid);
   EXPECT_EQ(st.st_gid, nobody->gid);
 
-  // Not started: a program that does not exist; an identity that cannot be
-  // taken on (too many groups, even for root); a segment that is gone; a
-  // data file that cannot be handed over (a missing one can).
+  // Not started: no program; too many groups; a segment gone; a data file that cannot be handed over.
   Account crowded{"x", 65534, 65534, std::vector<gid_t>(70000, 65534), "/", "/bin/sh"};
   int gone = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
   shmctl(gone, IPC_RMID, nullptr);

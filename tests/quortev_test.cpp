@@ -1,5 +1,4 @@
-// The body transform, the transport adapter's framing (length prefix and
-// body transform), and the transport diagnostics.
+// The body transform, the transport adapter's framing, and its diagnostics.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -26,15 +25,13 @@ std::vector<std::uint8_t> encode_by_definition(int seed, std::vector<std::uint8_
   return v;
 }
 
-// What the codes are explained as, as text.
 std::string explain(int prc, int src, int drc) {
   return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
 }
 
 }  // namespace
 
-// The worked example; every length up to 80 (all splits into words and a
-// tail); seeds' bits above the low byte do not count.
+// The worked example; every length up to 80 (all word/tail splits); only the seed's low byte counts.
 TEST(BodyTransform, MatchesTheByteDefinition) {
   std::vector<std::uint8_t> example = {0x41, 0x42};
   body_encode(0x25, example);
@@ -51,10 +48,9 @@ TEST(BodyTransform, MatchesTheByteDefinition) {
   }
 }
 
-// Sealing writes the length prefix (with its NUL) and encodes the body with
-// the length as seed; opening restores it. Lengths outside the message
-// range are not sealed (nor sent); a prefix that is no length, or claims
-// more than arrived or than the buffer holds, is not opened.
+// Sealing writes the length prefix and encodes the body with the length as
+// seed; opening restores it. Lengths out of range are not sealed (nor sent);
+// a prefix that is no length, or claims more than arrived or fits, is not opened.
 TEST(Framing, SealAndOpen) {
   const struct {
     std::size_t total;
@@ -87,10 +83,8 @@ TEST(Framing, SealAndOpen) {
   }
 }
 
-// The dump file: sixteen bytes a line grouped by four, up to one zero byte
-// after the last non-zero one (two of an all-zero buffer); later dumps of a
-// process append (the directory named with or without its slash), the
-// first one of a new process (here: after a reset) starts the file anew.
+// Sixteen bytes a line, up to one zero byte after the last other one (two of
+// an all-zero buffer); a process's later dumps append, its first starts anew.
 TEST(Diagnostics, DumpFile) {
   TempDir dir;
   EnvGuard dump("MOXQUORDUMP", dir.str() + "/");
@@ -117,9 +111,8 @@ TEST(Diagnostics, DumpFile) {
   EXPECT_TRUE(std::regex_match(text, one_dump)) << text;
 }
 
-// Return codes explained from the tables: only Prc when it is 0, and
-// "<undefined>" for a code a table lacks; the feedback block lists every
-// field and ends with the explanation.
+// Only Prc when it is 0, "<undefined>" for a code a table lacks; the
+// feedback block lists every field, then the explanation.
 TEST(Diagnostics, CodesAndFeedbackBlock) {
   EXPECT_EQ(explain(0, 0x22, 3), "\tPrc =  0: OK,  normal return code\n");
   EXPECT_EQ(explain(0x99, 0x22, 0x05),

@@ -1,5 +1,4 @@
-// The segmented buffer, transaction header, object header and trailer:
-// exact bytes written, and what the readers make of them.
+// Segments, headers and trailer: exact bytes written, and how they read.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -28,8 +27,7 @@ std::vector<char> with_prefix(const std::string& body) {
 
 }  // namespace
 
-// What each writer puts after the prefix, byte for byte (an error segment
-// and the trailer of a last buffer: the error reply test).
+// What each writer puts after the prefix, byte for byte.
 TEST(SegmentWriter, ExactBytes) {
   testutil::EnvGuard user("MOX_QUORUSER", std::string("operator7"));
   const std::string tran_items =
@@ -92,8 +90,7 @@ TEST(SegmentReader, HeadersTrailersAndFraming) {
   EXPECT_EQ(*hdr.object, "second");
   EXPECT_EQ(*hdr.action, "");
 
-  // More data follows only a trailer value beginning with 'Y': a trailer
-  // without one, any other value, or no trailer at all ends the exchange.
+  // Only a trailer value starting with 'Y' says more follows.
   const std::pair<std::optional<std::string>, bool> trailers[] = {
       {"Y", false}, {"Yes", false}, {"N", true}, {"", true}, {std::nullopt, true}};
   for (const auto& [value, last] : trailers) {
@@ -104,8 +101,7 @@ TEST(SegmentReader, HeadersTrailersAndFraming) {
   }
   EXPECT_TRUE(quor_trl_last(InBuf(buf.data(), 6)));
 
-  // A segment of length 0 hides the one after it; without ZZZEOD the later
-  // one is still found; a short length field at the very end holds no items.
+  // A 0-length segment hides the next; a short length field at the end holds nothing.
   const std::string ret = nul_join({"ZZZRET", "ZZZLEN", "   13", "ZZZEOS"});
   EXPECT_FALSE(buf_find_segment(with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "    0", "ZZZEOS"}) + ret), "ZZZRET"));
   EXPECT_TRUE(buf_find_segment(with_prefix(nul_join({"ZZZTRN", "ZZZLEN", "   13", "ZZZEOS"}) + ret), "ZZZRET"));
