@@ -2,9 +2,7 @@
 // files, and the environment entries built from a date format and a language.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <regex>
-#include <string>
 
 #include "core_util.h"
 #include "momsg.h"

@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <vector>
-
 #include "core_util.h"
 #include "quorpnfn.h"
 #include "quorsmc.h"

@@ -84,29 +84,23 @@ TEST(Spawn, UnderAnAccountOrNotAtAll) {
   Account crowded{"x", 65534, 65534, std::vector<gid_t>(70000, 65534), "/", "/bin/sh"};
   int gone = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
   shmctl(gone, IPC_RMID, nullptr);
-  const struct {
-    const char* name;
-    const char* program;
-    const Account* account;
-    bool segment_gone;
-    const char* data_file;
-    SpawnResult::Failure failure;
-  } cases[] = {{"no program", "/nonexistent/agent", nullptr, false, "", SpawnResult::kExec},
-               {"too many groups", "/bin/sh", &crowded, false, "", SpawnResult::kIdentity},
-               {"segment gone", "/bin/sh", &*nobody, true, "", SpawnResult::kIdentity},
-               {"data file", "/bin/sh", &*nobody, false, "/dev/null/data", SpawnResult::kIdentity}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::tuple<const char*, const char*, const Account*, bool, const char*, SpawnResult::Failure> cases[] = {
+      {"no program", "/nonexistent/agent", nullptr, false, "", SpawnResult::kExec},
+      {"too many groups", "/bin/sh", &crowded, false, "", SpawnResult::kIdentity},
+      {"segment gone", "/bin/sh", &*nobody, true, "", SpawnResult::kIdentity},
+      {"data file", "/bin/sh", &*nobody, false, "/dev/null/data", SpawnResult::kIdentity}};
+  for (const auto& [name, program, account, segment_gone, data_file, failure] : cases) {
+    SCOPED_TRACE(name);
     Segment fresh;
     ASSERT_GE(fresh.id, 0);
     SpawnRequest refused = shell("touch " + ran);
-    refused.program = c.program;
-    refused.account = c.account;
-    refused.shm_id = c.segment_gone ? gone : fresh.id;
-    refused.data_file = c.data_file;
+    refused.program = program;
+    refused.account = account;
+    refused.shm_id = segment_gone ? gone : fresh.id;
+    refused.data_file = data_file;
     SpawnResult r = quor_spawn(refused);
     ASSERT_GT(r.pid, 0);
-    EXPECT_EQ(r.failure, c.failure);
+    EXPECT_EQ(r.failure, failure);
     EXPECT_NE(r.err, 0);
     EXPECT_EQ(exit_status(r.pid), kSpawnFailedStatus);
     EXPECT_FALSE(fs::exists(ran));

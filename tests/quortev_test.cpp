@@ -52,20 +52,16 @@ TEST(BodyTransform, MatchesTheByteDefinition) {
 // seed; opening restores it. Lengths out of range are not sealed (nor sent);
 // a prefix that is no length, or claims more than arrived or fits, is not opened.
 TEST(Framing, SealAndOpen) {
-  const struct {
-    std::size_t total;
-    const char* prefix;
-    int seed;
-  } sealed[] = {{7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};
-  for (const auto& c : sealed) {
-    std::vector<char> buf(c.total, 'q');
-    ASSERT_EQ(quor_wire_seal(buf, c.total), 0) << c.total;
-    EXPECT_EQ(std::string(buf.data(), 6), std::string(c.prefix, 6));
-    std::vector<char> body(c.total - 6, 'q');
-    body_encode(c.seed, std::span<char>(body));
-    EXPECT_EQ(std::string(buf.data() + 6, c.total - 6), std::string(body.data(), body.size())) << c.total;
-    EXPECT_EQ(quor_wire_open(buf, c.total), c.total);
-    EXPECT_EQ(std::string(buf.data() + 6, c.total - 6), std::string(c.total - 6, 'q')) << c.total;
+  const std::tuple<std::size_t, const char*, int> sealed[] = {{7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};
+  for (const auto& [total, prefix, seed] : sealed) {
+    std::vector<char> buf(total, 'q');
+    ASSERT_EQ(quor_wire_seal(buf, total), 0) << total;
+    EXPECT_EQ(std::string(buf.data(), 6), std::string(prefix, 6));
+    std::vector<char> body(total - 6, 'q');
+    body_encode(seed, std::span<char>(body));
+    EXPECT_EQ(std::string(buf.data() + 6, total - 6), std::string(body.data(), body.size())) << total;
+    EXPECT_EQ(quor_wire_open(buf, total), total);
+    EXPECT_EQ(std::string(buf.data() + 6, total - 6), std::string(total - 6, 'q')) << total;
   }
   std::vector<char> buf(40000, 'z');
   EXPECT_EQ(quor_wire_seal(buf, 6), 3);

@@ -1,7 +1,6 @@
 // Segments, headers and trailer: exact bytes written, and how they read.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <tuple>
 
 #include "core_util.h"
@@ -39,11 +38,7 @@ TEST(SegmentWriter, ExactBytes) {
   hdr.object = "PAYROLL";
   hdr.action = "BACKUP";
   hdr.cnt_text = "";
-  const struct {
-    const char* name;
-    std::function<void(OutBuf&)> write;
-    std::string expected;
-  } cases[] = {
+  const std::tuple<const char*, std::function<void(OutBuf&)>, std::string> cases[] = {
       {"empty segment", [](OutBuf& out) { testutil::put_segment(out, "ZZZSTS", {}); },
        nul_join({"ZZZSTS", "ZZZLEN", "   13", "ZZZEOS"})},
       {"an empty value is one NUL, text after a NUL is left out",
@@ -58,13 +53,13 @@ TEST(SegmentWriter, ExactBytes) {
        nul_join({"ZZZHDR", "ZZZLEN", "   41", "OBJ", "PAYROLL", "CMD", "BACKUP", "CNT", "", "ZZZEOS"})},
       {"transaction header", [](OutBuf& out) { tran_header_put("E", "N", out); },
        nul_join({"ZZZTRN", "ZZZLEN", tran_length}) + tran_items}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, write, expected] : cases) {
+    SCOPED_TRACE(name);
     std::array<char, 512> buf{};
     OutBuf out(buf);
-    c.write(out);
+    write(out);
     EXPECT_FALSE(out.overflow);
-    EXPECT_EQ(written(out, 6), c.expected);
+    EXPECT_EQ(written(out, 6), expected);
   }
 }
 

@@ -2,8 +2,6 @@
 // by a forked child; and the captured error output.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "forked_server.h"
 #include "momsg.h"
 #include "quorconfig.h"
