@@ -127,10 +127,9 @@ TEST_F(Transfers, CalendarFromARequestRecord) {
   auto items = [&](std::int32_t offset, std::size_t size, std::size_t room = BUFFER_MAX) {
     std::memcpy(data + 16, &offset, 4);
     smc_put(record, smc::allocSz, std::to_string(size));
-    Served served = serve_one(server_, [&](OutBuf& out) {
+    return items_of(serve_one(server_, [&](OutBuf& out) {
       return cal_record_to_buffer(record, out, std::min(out.pos + room, BUFFER_MAX), server_);
-    });
-    return items_of(served, kCalTag);
+    }), kCalTag);
   };
   std::vector<std::string> sent = items(404, smc::PDat + 404 + lines.size());
   ASSERT_EQ(sent.size(), 12u);

@@ -25,10 +25,6 @@ std::vector<std::uint8_t> encode_by_definition(int seed, std::vector<std::uint8_
   return v;
 }
 
-std::string explain(int prc, int src, int drc) {
-  return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
-}
-
 }  // namespace
 
 // The worked example; every length up to 80 (all word/tail splits); only the seed's low byte counts.
@@ -52,7 +48,8 @@ TEST(BodyTransform, MatchesTheByteDefinition) {
 // seed; opening restores it. Lengths out of range are not sealed (nor sent);
 // a prefix that is no length, or claims more than arrived or fits, is not opened.
 TEST(Framing, SealAndOpen) {
-  const std::tuple<std::size_t, const char*, int> sealed[] = {{7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};
+  const std::tuple<std::size_t, const char*, int> sealed[] = {
+      {7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};
   for (const auto& [total, prefix, seed] : sealed) {
     std::vector<char> buf(total, 'q');
     ASSERT_EQ(quor_wire_seal(buf, total), 0) << total;
@@ -110,8 +107,8 @@ TEST(Diagnostics, DumpFile) {
 // Only Prc when it is 0, "<undefined>" for a code a table lacks; the
 // feedback block lists every field, then the explanation.
 TEST(Diagnostics, CodesAndFeedbackBlock) {
-  EXPECT_EQ(explain(0, 0x22, 3), "\tPrc =  0: OK,  normal return code\n");
-  EXPECT_EQ(explain(0x99, 0x22, 0x05),
+  EXPECT_EQ(printed([](std::FILE* f) { tev_explain_codes(0, 0x22, 3, f); }), "\tPrc =  0: OK,  normal return code\n");
+  EXPECT_EQ(printed([](std::FILE* f) { tev_explain_codes(0x99, 0x22, 0x05, f); }),
             "\tPrc = 99: <undefined>\n\tSrc = 22: RTMOUT, Receive timed out\n"
             "\tDrc =  5: MEMALLOC, <memory allocation failure>\n");
 
