@@ -1,5 +1,4 @@
-// List and calendar files written from request segments and sent back
-// through the real transport; the file-version commands' command file.
+// List and calendar files written from requests and sent back; the file-version command file.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -42,9 +41,8 @@ class Transfers : public ForkedServer {
   std::string path(const char* name = "f") const { return (dir_.path() / name).string(); }
 };
 
-// In, an item is a line (its newline not doubled), an empty segment empties
-// the file. Out, lines keep their newlines, long ones go in pieces of 259,
-// and a full buffer goes on in "U" transactions.
+// In, an item is a line (its newline not doubled), an empty segment empties the file. Out, lines
+// keep their newlines, long ones go in pieces of 259, and a full buffer goes on in "U" transactions.
 TEST_F(Transfers, ListsInAndOut) {
   FileTransfer t{.path = path()};
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"1", "b\n"}, "Y")), 0);
@@ -77,9 +75,8 @@ TEST_F(Transfers, ListsInAndOut) {
   EXPECT_EQ(send(path("short"), 73), "-1 SN SY UY|only\n|more\n");
 }
 
-// A calendar file: its 404-byte header (keys match by prefix, texts cut to
-// their fields), then a line per item. Sent back: nine header items, then an
-// "AL" item per line of at most 255 characters, empty or high-byte ones left out.
+// A calendar file: its 404-byte header (keys match by prefix, texts cut to their fields), then a line
+// per item. Sent back: nine header items, then "AL" items of up to 255 characters, no empty or high-byte lines.
 TEST_F(Transfers, CalendarsInAndOut) {
   FileTransfer t{.path = path()};
   std::string long_line(300, 'L');

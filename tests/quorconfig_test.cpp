@@ -1,5 +1,4 @@
-// The configuration file and the object and language maps, read from real
-// files, and the environment entries built from a date format and a language.
+// The configuration file and maps, read from real files; the environment from a date format and a language.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -82,9 +81,8 @@ TEST_F(ConfigFiles, EveryLineRefusedOrApplied) {
   EXPECT_EQ(config.language_map.path, root() + "/quor/etc/lang\tmap");
 }
 
-// Object map: a program without "/" is in the bin directory, the first entry
-// wins. Language map: the last DEFAULT serves unknown languages. One-word
-// lines are logged.
+// Object map: a program without "/" is in the bin directory, the first entry wins. Language map:
+// the last DEFAULT serves unknown languages. One-word lines are logged.
 TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
   write("quor/etc/quorobj.map",
         "# objects\nLIST lister\n  LOCAL ./lister extra words\nABS\t/usr/bin/lister\nLIST second\nALONE\n");
@@ -115,9 +113,8 @@ TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
   EXPECT_EQ(entries("", "german", &empty), "MOX_DATEFMT=" + messages);
 }
 
-// A file failing part-way (a /proc file far past the size limit) leaves no
-// half-read map or configuration, only its error code; one of exactly the
-// size limit is read whole.
+// A file failing part-way (a /proc file far past the size limit) leaves no half-read map or
+// configuration, only its error code; one of exactly the size limit is read whole.
 TEST_F(ConfigFiles, AFileFailingPartWayLeavesNothingHalfRead) {
   std::string last = "english   english\n";
   std::string padding = "#" + std::string(kMaxTextFile - last.size() - 2, '-') + "\n";

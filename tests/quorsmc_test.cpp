@@ -1,5 +1,4 @@
-// The request record at its offsets, filled from real request buffers; the
-// selection list both ways; the debug dumps.
+// The request record filled from real requests, at its offsets; the selection list both ways; the dumps.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 

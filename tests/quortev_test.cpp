@@ -44,9 +44,8 @@ TEST(BodyTransform, MatchesTheByteDefinition) {
   }
 }
 
-// Sealing writes the length prefix and encodes the body with the length as
-// seed; opening restores it. Lengths out of range are not sealed (nor sent);
-// a prefix that is no length, or claims more than arrived or fits, is not opened.
+// Sealing writes the length prefix and encodes the body with the length as seed; opening restores it.
+// Lengths out of range are not sealed (nor sent); a prefix that is no length or claims too much is not opened.
 TEST(Framing, SealAndOpen) {
   const std::tuple<std::size_t, const char*, int> sealed[] = {
       {7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};

@@ -1,5 +1,4 @@
-// Error replies and status reports as a client receives them, each served
-// by a forked child; and the captured error output.
+// Error replies and status reports as a client receives them; the captured error output.
 #include <gtest/gtest.h>
 
 #include "forked_server.h"
@@ -95,9 +94,8 @@ TEST_F(Reply, StatusReportLines) {
                                       "    PID 42 from node n42\n", "    PID 41 from node n41\n"}));
 }
 
-// A full report over two buffers, however its last user line falls (up to
-// exactly filling a buffer): each buffer ends with its trailer, each but the
-// last says more comes, and the users appear once each, newest first.
+// A full report over two buffers, however its last user line falls (up to a full buffer): each but
+// the last says more comes, each ends with its trailer, and the users appear once each, newest first.
 TEST_F(Reply, AFullReportOverSeveralBuffers) {
   bool full_buffer = false;
   for (std::size_t length = 150; length <= 250 && !HasFailure(); ++length) {
