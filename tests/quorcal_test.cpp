@@ -1,6 +1,4 @@
-// List and calendar files: segments of real request buffers written to
-// files, and files sent back in reply segments through the real transport;
-// the command file of the file-version commands.
+// List and calendar files written from requests and sent back; the file-version command file.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -43,11 +41,8 @@ class Transfers : public ForkedServer {
   std::string path(const char* name = "f") const { return (dir_.path() / name).string(); }
 };
 
-// Inbound, each item is a line (its own newline not doubled); two buffers
-// make one file, an empty segment truncates it; refusals leave it closed.
-// Outbound, lines leave with their newlines (the last one without, if the
-// file has none), long lines in pieces of 259, continued as "U"
-// transactions when a buffer is full.
+// In, an item is a line (its newline not doubled), an empty segment empties the file. Out, lines
+// keep their newlines, long ones go in pieces of 259, and a full buffer goes on in "U" transactions.
 TEST_F(Transfers, ListsInAndOut) {
   FileTransfer t{.path = path()};
   EXPECT_EQ(buffer_to_list(t, "ZZZLST", request("ZZZLST", {"1", "b\n"}, "Y")), 0);
@@ -64,8 +59,7 @@ TEST_F(Transfers, ListsInAndOut) {
   FileTransfer full{.path = "/dev/full"};
   EXPECT_EQ(buffer_to_list(full, "ZZZLST", request("ZZZLST", {std::string(9000, 'x')})), 6);
 
-  // The status, each reply buffer's transaction code and continuation, and
-  // the items sent for `file` when `room` bytes are left in the first buffer.
+  // The status, each reply's code and continuation, and the items sent.
   auto send = [&](const std::string& file, std::size_t room = BUFFER_MAX) {
     Served served = serve_one(
         server_, [&](OutBuf& out) { return list_to_buffer(file, out, std::min(out.pos + room, BUFFER_MAX), server_, "ZZZLST"); });
@@ -77,17 +71,12 @@ TEST_F(Transfers, ListsInAndOut) {
   testutil::write_file(path(), "one\n\n" + std::string(300, 'x') + "\nlast");
   EXPECT_EQ(send(path()), "-1 SN|one\n|\n|" + std::string(259, 'x') + "|" + std::string(41, 'x') + "\n|last");
   EXPECT_EQ(send(path("none")), "7 SN");
-  // A buffer without room for the segment's start goes out first, and the
-  // lines go on in "U" transactions.
   testutil::write_file(path("short"), "only\nmore\n");
   EXPECT_EQ(send(path("short"), 73), "-1 SN SY UY|only\n|more\n");
 }
 
-// A calendar file is its 404-byte header, then a line per item after the
-// header items. Keys match by prefix, texts are cut to their fields, an
-// empty key is a line. Sent back, it is its nine header items in order and
-// an "AL" item per line, 255 characters at most, empty lines and lines
-// starting with a byte above 127 left out.
+// A calendar file: its 404-byte header (keys match by prefix, texts cut to their fields), then a line
+// per item. Sent back: nine header items, then "AL" items of up to 255 characters, no empty or high-byte lines.
 TEST_F(Transfers, CalendarsInAndOut) {
   FileTransfer t{.path = path()};
   std::string long_line(300, 'L');
@@ -95,12 +84,14 @@ TEST_F(Transfers, CalendarsInAndOut) {
                                                "FX=3", "UT=4", "DO=5", "no equals sign", "=line one\n", "AL=two",
                                                "AL=\n", "AL=" + long_line, "AL=\xC3" "blocked"})),
             0);
-  // PI, RL, YN, 4 unused bytes, the data offset, FX, UT, CU, UU, DS, DO,
-  // 48 unused bytes, then the lines.
+  // PI, RL, YN, unused, data offset, FX, UT, CU, UU, DS, DO, unused, lines.
   EXPECT_EQ(read_file(path()), padded("abc", 4) + int32(1) + int32(-2) + padded("", 4) + int32(404) + int32(3) + int32(4) +
                                    padded(std::string(32, 'c'), 33) + padded("u", 33) + padded("d", 258) + int32(5) +
                                    padded("", 48) + "line one\ntwo\n\n" + long_line + "\n\xC3" "blocked\n");
-  Served served = serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path(), out, BUFFER_MAX, server_); });
+  auto send = [&](const char* name) {
+    return serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path(name), out, BUFFER_MAX, server_); });
+  };
+  Served served = send("f");
   EXPECT_EQ(served.status, -1);
   EXPECT_EQ(items_of(served, kCalTag),
             (std::vector<std::string>{"PI=abc", "CU=" + std::string(32, 'c'), "UU=u", "DS=d", "RL=1", "YN=-2", "FX=3",
@@ -111,44 +102,43 @@ TEST_F(Transfers, CalendarsInAndOut) {
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"AL=2"}, "N")), 0);
   EXPECT_EQ(read_file(path()).substr(404), "1\n2\n");
 
-  // Only header items: nothing is written. A line without "=" after the
-  // header, or an empty item, is refused; so is a missing or short file.
+  // Only header items write nothing; a line without "=" or an empty item is refused.
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=x", "RL=2"})), 0);
   EXPECT_EQ(read_file(path()), "");
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"AL=a", "plain"})), 3);
   EXPECT_EQ(buffer_to_cal(t, request(kCalTag, {"PI=a", ""})), 3);
   EXPECT_EQ(buffer_to_cal(t, request(kRdwTag, {"1"})), 4);
-  EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("none"), out, BUFFER_MAX, server_); }).status, 7);
+  EXPECT_EQ(send("none").status, 7);
   testutil::write_file(path("short"), std::string(100, 'h'));
-  EXPECT_EQ(serve_one(server_, [&](OutBuf& out) { return cal_to_buffer(path("short"), out, BUFFER_MAX, server_); }).status, 5);
+  EXPECT_EQ(send("short").status, 5);
 }
 
-// From a request record's data area: the header items, then one empty
-// item per line up to the record's allocSz; nothing is read outside the
-// record, whatever its fields claim.
+// From a request record: the header items, then an empty item per line up
+// to its allocSz; nothing outside the record is read, whatever it claims.
 TEST_F(Transfers, CalendarFromARequestRecord) {
   std::vector<char> record(kRecordSize);
   char* data = record.data() + smc::PDat;
   std::memcpy(data, "pi", 2);
   std::string lines = "one\ntwo\n\n\x01three";
   std::memcpy(data + 404, lines.data(), lines.size());
-  auto items = [&](std::int32_t offset, std::size_t size) {
+  auto items = [&](std::int32_t offset, std::size_t size, std::size_t room = BUFFER_MAX) {
     std::memcpy(data + 16, &offset, 4);
     smc_put(record, smc::allocSz, std::to_string(size));
-    Served served = serve_one(server_, [&](OutBuf& out) { return cal_record_to_buffer(record, out, BUFFER_MAX, server_); });
-    return items_of(served, kCalTag);
+    return items_of(serve_one(server_, [&](OutBuf& out) {
+      return cal_record_to_buffer(record, out, std::min(out.pos + room, BUFFER_MAX), server_);
+    }), kCalTag);
   };
   std::vector<std::string> sent = items(404, smc::PDat + 404 + lines.size());
   ASSERT_EQ(sent.size(), 12u);
   EXPECT_EQ(sent[0], "PI=pi");
   EXPECT_EQ(std::vector<std::string>(sent.begin() + 9, sent.end()), std::vector<std::string>(3, ""));
+  // No room for the segment's start: a partial reply first, the same items after.
+  EXPECT_EQ(items(404, smc::PDat + 404 + lines.size(), 73), sent);
   EXPECT_EQ(items(1 << 30, 99999999).size(), 9u);
 }
 
-// The command file of the file-version commands: the file named in
-// NAME="<..." becomes the request's data file, made from the request's
-// names (quotes and commas blanked, blanks trimmed, single characters
-// left out, up to an empty name).
+// The file named in NAME="<..." becomes the data file, made of the request's
+// names (quotes and commas blanked, trimmed, single characters left out).
 TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
   TempDir dir;
   std::string data = (dir.path() / "data").string(), commands = (dir.path() / "cmd").string();
@@ -168,8 +158,8 @@ TEST(FileVersion, TheNamedFileIsReplacedByTheRequestsNames) {
   EXPECT_EQ(rewrite({"restore NAME=\"<x\""}, {"ann", "", "bob"}), 0);
   EXPECT_EQ(read_file(data), "ann\n");
 
-  // Without "<" the command list is written as it stands; without NAME=
-  // or a closing quote there is nothing to rewrite.
+  // Without "<" the commands are written as they stand; without NAME= or a
+  // closing quote there is nothing to rewrite.
   EXPECT_EQ(rewrite({"backup NAME=all now", "x"}, {"n1"}), 0);
   EXPECT_EQ(read_file(commands), "backup NAME=all now\nx\n");
   EXPECT_EQ(rewrite({"archive all"}, {"n"}), 4);

@@ -1,11 +1,7 @@
-// The configuration file, the object map and the language map, read from
-// real files in a temporary installation root, and the environment entries
-// built from a date format and a language.
+// The configuration file and maps, read from real files; the environment from a date format and a language.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <regex>
-#include <string>
 
 #include "core_util.h"
 #include "momsg.h"
@@ -38,7 +34,6 @@ class ConfigFiles : public ::testing::Test {
   std::string log() const { return testutil::read_file(dir_.path() / "quor/log/quordaemon.log"); }
   std::string root() const { return dir_.str(); }
 
-  // Loads into the daemon's current configuration and object map.
   int load(const std::string& config_text) {
     return quor_config_load(quor_objmap(), quor_config(), write("quor/etc/quor.config", config_text));
   }
@@ -47,10 +42,8 @@ class ConfigFiles : public ::testing::Test {
   EnvGuard root_{"MOXGLBL0000", dir_.str()};
 };
 
-// Each line of one configuration file is a case, numbered where refused:
-// a refused line is logged with its number and skipped; a value ends at a
-// blank but not at a tab; a key matches by prefix; a line longer than the
-// 2047-byte buffer is read as two lines.
+// A refused line is logged with its number and skipped; a value ends at a
+// blank, not a tab; a key matches by prefix; a line over 2047 bytes is two.
 TEST_F(ConfigFiles, EveryLineRefusedOrApplied) {
   write("quor/etc/objects", "LIST lister\n");
   write("quor/etc/lang\tmap", "DEFAULT english\n");
@@ -88,10 +81,8 @@ TEST_F(ConfigFiles, EveryLineRefusedOrApplied) {
   EXPECT_EQ(config.language_map.path, root() + "/quor/etc/lang\tmap");
 }
 
-// The object map (a program without "/" is under the installation's bin
-// directory, the first entry of a name wins), the language map (the last
-// DEFAULT entry serves unknown languages), and the environment entries a
-// request's date format and language give; lines with one word are logged.
+// Object map: a program without "/" is in the bin directory, the first entry wins. Language map:
+// the last DEFAULT serves unknown languages. One-word lines are logged.
 TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
   write("quor/etc/quorobj.map",
         "# objects\nLIST lister\n  LOCAL ./lister extra words\nABS\t/usr/bin/lister\nLIST second\nALONE\n");
@@ -116,18 +107,15 @@ TEST_F(ConfigFiles, MapsAndEnvironmentEntries) {
   std::string messages = " MO_MOXMESSAGE=" + root() + "/messages";
   EXPECT_EQ(entries("DD.MM.YY", "french"), "MOX_DATEFMT=DD.MM.YY MO_MOXMESSAGE=/opt/msg/fr");
   EXPECT_EQ(entries("", "French"), "MOX_DATEFMT=" + messages + "/british");
-  // Without a DEFAULT line the first entry serves; an empty map leaves
-  // only the messages directory itself.
+  // Without a DEFAULT line the first entry serves; an empty map gives none.
   LanguageMap no_default{"", {"english", "french"}, {"en", "/fr"}, 2, 0}, empty;
   EXPECT_EQ(entries("", "german", &no_default), "MOX_DATEFMT=" + messages + "/en");
   EXPECT_EQ(entries("", "german", &empty), "MOX_DATEFMT=" + messages);
 }
 
-// A file whose reading fails part-way (a /proc file that runs far past the
-// size limit after thousands of good lines) leaves no half-read map or
-// configuration behind, only its error code.
+// A file failing part-way (a /proc file far past the size limit) leaves no half-read map or
+// configuration, only its error code; one of exactly the size limit is read whole.
 TEST_F(ConfigFiles, AFileFailingPartWayLeavesNothingHalfRead) {
-  // A file of exactly the size limit is still read whole.
   std::string last = "english   english\n";
   std::string padding = "#" + std::string(kMaxTextFile - last.size() - 2, '-') + "\n";
   LanguageMap exact;
@@ -140,8 +128,7 @@ TEST_F(ConfigFiles, AFileFailingPartWayLeavesNothingHalfRead) {
   LanguageMap languages;
   languages.path = failing;
   EXPECT_EQ(quor_langmap_load(languages), 5);
-  EXPECT_TRUE(languages.names.empty() && languages.directories.empty());
-  EXPECT_EQ(languages.count, 0);
+  EXPECT_TRUE(languages.names.empty() && languages.directories.empty() && languages.count == 0);
   EXPECT_EQ(languages.path, failing);
   ObjectMap objects;
   EXPECT_EQ(quor_objmap_load(objects, failing), 3);

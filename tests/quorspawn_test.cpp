@@ -1,11 +1,7 @@
-// Starting agent programs: what the started program gets, and what is left
-// behind when it cannot be started.
-#include <fcntl.h>
+// Starting agent programs: what they get, and what a failed start leaves.
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
-
-#include <algorithm>
 
 #include "core_util.h"
 #include "quorspawn.h"
@@ -29,24 +25,8 @@ struct Segment {
 
 SpawnRequest shell(const std::string& script) { return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}, -1}; }
 
-// The environment a program is given: a fixed PATH, the transport's and the
-// kept names (a blank-separated list), nothing else of the daemon's. That a
-// program gets only this, no descriptor beyond the standard three and the
-// daemon's signal mask (which the daemon keeps): the agent security and
-// scale tests.
-TEST(Spawn, TheEnvironmentKeepsOnlyWhatIsPassedOn) {
-  testutil::EnvGuard secret("QUORSPAWN_SECRET", "1"), tev("TEV_DIR", "/t"), keep("MOXQUORKEEPENV", " KEEPME  LC_X"),
-      kept("KEEPME", "yes");
-  std::vector<std::string> env = quor_spawn_environment(nullptr);
-  EXPECT_EQ(env.front(), "PATH=/usr/local/bin:/usr/bin:/bin");
-  auto has = [&](const std::string& entry) { return std::ranges::find(env, entry) != env.end(); };
-  EXPECT_TRUE(has("TEV_DIR=/t"));
-  EXPECT_TRUE(has("KEEPME=yes"));
-  EXPECT_FALSE(has("QUORSPAWN_SECRET=1"));
-}
-
-// Signals are blocked while the child shares the daemon's memory; the
-// program gets the daemon's own mask (SIGCHLD unblocked), and the daemon keeps its mask.
+// The program gets the daemon's own mask (signals are blocked while the
+// child shares its memory), and the daemon keeps it.
 TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
   testutil::TempDir dir;
   std::string out = (dir.path() / "out").string();
@@ -54,27 +34,19 @@ TEST(Spawn, TheProgramAndTheDaemonKeepTheDaemonsSignalMask) {
   sigemptyset(&usr1);
   sigaddset(&usr1, SIGUSR1);
   sigprocmask(SIG_BLOCK, &usr1, &before);
-  // grep itself, not a shell (which may clear its mask), reads its status;
-  // its standard output is the file.
-  int saved = dup(1);
-  int file = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  dup2(file, 1);
-  SpawnResult result = quor_spawn(SpawnRequest{"/bin/grep", {"grep", "SigBlk", "/proc/self/status"}, {}, nullptr, -1, {}, -1});
-  dup2(saved, 1);
-  close(saved);
-  close(file);
+  // dd itself, not a shell (which may clear its mask), copies its status.
+  SpawnResult result = quor_spawn(SpawnRequest{"/bin/dd", {"dd", "if=/proc/self/status", "of=" + out, "status=none"},
+                                               {}, nullptr, -1, {}, -1});
   sigprocmask(SIG_SETMASK, &before, &after);
   ASSERT_GT(result.pid, 0);
   EXPECT_EQ(exit_status(result.pid), 0);
   EXPECT_TRUE(sigismember(&after, SIGUSR1));
   EXPECT_FALSE(sigismember(&after, SIGTERM)) << "the start left signals blocked in the daemon";
-  EXPECT_EQ(testutil::read_file(out), "SigBlk:\t0000000000000200\n");
+  EXPECT_NE(testutil::read_file(out).find("\nSigBlk:\t0000000000000200\n"), std::string::npos);
 }
 
-// Under an account, the program runs with its uid, group and supplementary
-// groups, and owns the segment (mode 0600, the daemon's group) and the data
-// file. What cannot be started runs nothing, ends with 99 and removes the
-// segment.
+// Under an account the program has all its ids and groups and owns the
+// segment and data file; a failed start runs nothing, ends with 99, removes the segment.
 TEST(Spawn, UnderAnAccountOrNotAtAll) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
   std::optional<Account> nobody = quor_account("nobody");
@@ -86,8 +58,7 @@ TEST(Spawn, UnderAnAccountOrNotAtAll) {
   std::ofstream(data) << "rows";
   Segment segment;
   ASSERT_GE(segment.id, 0);
-  // Real, effective, saved and file-system ids all the account's: the
-  // program cannot take root back.
+  // Real, effective, saved and file-system ids: the program cannot take root back.
   SpawnRequest request = shell("grep -E '^[UG]id:' /proc/self/status > " + out + "; id -G | wc -w >> " + out);
   request.account = &*nobody;
   request.shm_id = segment.id;
@@ -109,35 +80,27 @@ TEST(Spawn, UnderAnAccountOrNotAtAll) {
   EXPECT_EQ(st.st_uid, nobody->uid);
   EXPECT_EQ(st.st_gid, nobody->gid);
 
-  // Not started: a program that does not exist; an identity that cannot be
-  // taken on (too many groups, even for root); a segment that is gone; a
-  // data file that cannot be handed over (a missing one can).
+  // Not started: no program; too many groups; a segment gone; a data file that cannot be handed over.
   Account crowded{"x", 65534, 65534, std::vector<gid_t>(70000, 65534), "/", "/bin/sh"};
   int gone = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
   shmctl(gone, IPC_RMID, nullptr);
-  const struct {
-    const char* name;
-    const char* program;
-    const Account* account;
-    bool segment_gone;
-    const char* data_file;
-    SpawnResult::Failure failure;
-  } cases[] = {{"no program", "/nonexistent/agent", nullptr, false, "", SpawnResult::kExec},
-               {"too many groups", "/bin/sh", &crowded, false, "", SpawnResult::kIdentity},
-               {"segment gone", "/bin/sh", &*nobody, true, "", SpawnResult::kIdentity},
-               {"data file", "/bin/sh", &*nobody, false, "/dev/null/data", SpawnResult::kIdentity}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::tuple<const char*, const char*, const Account*, bool, const char*, SpawnResult::Failure> cases[] = {
+      {"no program", "/nonexistent/agent", nullptr, false, "", SpawnResult::kExec},
+      {"too many groups", "/bin/sh", &crowded, false, "", SpawnResult::kIdentity},
+      {"segment gone", "/bin/sh", &*nobody, true, "", SpawnResult::kIdentity},
+      {"data file", "/bin/sh", &*nobody, false, "/dev/null/data", SpawnResult::kIdentity}};
+  for (const auto& [name, program, account, segment_gone, data_file, failure] : cases) {
+    SCOPED_TRACE(name);
     Segment fresh;
     ASSERT_GE(fresh.id, 0);
     SpawnRequest refused = shell("touch " + ran);
-    refused.program = c.program;
-    refused.account = c.account;
-    refused.shm_id = c.segment_gone ? gone : fresh.id;
-    refused.data_file = c.data_file;
+    refused.program = program;
+    refused.account = account;
+    refused.shm_id = segment_gone ? gone : fresh.id;
+    refused.data_file = data_file;
     SpawnResult r = quor_spawn(refused);
     ASSERT_GT(r.pid, 0);
-    EXPECT_EQ(r.failure, c.failure);
+    EXPECT_EQ(r.failure, failure);
     EXPECT_NE(r.err, 0);
     EXPECT_EQ(exit_status(r.pid), kSpawnFailedStatus);
     EXPECT_FALSE(fs::exists(ran));

@@ -1,5 +1,4 @@
-// The body transform, the transport adapter's framing (length prefix and
-// body transform), and the transport diagnostics.
+// The body transform, the transport adapter's framing, and its diagnostics.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -26,15 +25,9 @@ std::vector<std::uint8_t> encode_by_definition(int seed, std::vector<std::uint8_
   return v;
 }
 
-// What the codes are explained as, as text.
-std::string explain(int prc, int src, int drc) {
-  return printed([&](std::FILE* f) { tev_explain_codes(prc, src, drc, f); });
-}
-
 }  // namespace
 
-// The worked example; every length up to 80 (all splits into words and a
-// tail); seeds' bits above the low byte do not count.
+// The worked example; every length up to 80 (all word/tail splits); only the seed's low byte counts.
 TEST(BodyTransform, MatchesTheByteDefinition) {
   std::vector<std::uint8_t> example = {0x41, 0x42};
   body_encode(0x25, example);
@@ -51,25 +44,20 @@ TEST(BodyTransform, MatchesTheByteDefinition) {
   }
 }
 
-// Sealing writes the length prefix (with its NUL) and encodes the body with
-// the length as seed; opening restores it. Lengths outside the message
-// range are not sealed (nor sent); a prefix that is no length, or claims
-// more than arrived or than the buffer holds, is not opened.
+// Sealing writes the length prefix and encodes the body with the length as seed; opening restores it.
+// Lengths out of range are not sealed (nor sent); a prefix that is no length or claims too much is not opened.
 TEST(Framing, SealAndOpen) {
-  const struct {
-    std::size_t total;
-    const char* prefix;
-    int seed;
-  } sealed[] = {{7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};
-  for (const auto& c : sealed) {
-    std::vector<char> buf(c.total, 'q');
-    ASSERT_EQ(quor_wire_seal(buf, c.total), 0) << c.total;
-    EXPECT_EQ(std::string(buf.data(), 6), std::string(c.prefix, 6));
-    std::vector<char> body(c.total - 6, 'q');
-    body_encode(c.seed, std::span<char>(body));
-    EXPECT_EQ(std::string(buf.data() + 6, c.total - 6), std::string(body.data(), body.size())) << c.total;
-    EXPECT_EQ(quor_wire_open(buf, c.total), c.total);
-    EXPECT_EQ(std::string(buf.data() + 6, c.total - 6), std::string(c.total - 6, 'q')) << c.total;
+  const std::tuple<std::size_t, const char*, int> sealed[] = {
+      {7, "    7", 7}, {300, "  300", 44}, {32767, "32767", 255}};
+  for (const auto& [total, prefix, seed] : sealed) {
+    std::vector<char> buf(total, 'q');
+    ASSERT_EQ(quor_wire_seal(buf, total), 0) << total;
+    EXPECT_EQ(std::string(buf.data(), 6), std::string(prefix, 6));
+    std::vector<char> body(total - 6, 'q');
+    body_encode(seed, std::span<char>(body));
+    EXPECT_EQ(std::string(buf.data() + 6, total - 6), std::string(body.data(), body.size())) << total;
+    EXPECT_EQ(quor_wire_open(buf, total), total);
+    EXPECT_EQ(std::string(buf.data() + 6, total - 6), std::string(total - 6, 'q')) << total;
   }
   std::vector<char> buf(40000, 'z');
   EXPECT_EQ(quor_wire_seal(buf, 6), 3);
@@ -87,10 +75,8 @@ TEST(Framing, SealAndOpen) {
   }
 }
 
-// The dump file: sixteen bytes a line grouped by four, up to one zero byte
-// after the last non-zero one (two of an all-zero buffer); later dumps of a
-// process append (the directory named with or without its slash), the
-// first one of a new process (here: after a reset) starts the file anew.
+// Sixteen bytes a line, up to one zero byte after the last other one (two of
+// an all-zero buffer); a process's later dumps append, its first starts anew.
 TEST(Diagnostics, DumpFile) {
   TempDir dir;
   EnvGuard dump("MOXQUORDUMP", dir.str() + "/");
@@ -117,12 +103,11 @@ TEST(Diagnostics, DumpFile) {
   EXPECT_TRUE(std::regex_match(text, one_dump)) << text;
 }
 
-// Return codes explained from the tables: only Prc when it is 0, and
-// "<undefined>" for a code a table lacks; the feedback block lists every
-// field and ends with the explanation.
+// Only Prc when it is 0, "<undefined>" for a code a table lacks; the
+// feedback block lists every field, then the explanation.
 TEST(Diagnostics, CodesAndFeedbackBlock) {
-  EXPECT_EQ(explain(0, 0x22, 3), "\tPrc =  0: OK,  normal return code\n");
-  EXPECT_EQ(explain(0x99, 0x22, 0x05),
+  EXPECT_EQ(printed([](std::FILE* f) { tev_explain_codes(0, 0x22, 3, f); }), "\tPrc =  0: OK,  normal return code\n");
+  EXPECT_EQ(printed([](std::FILE* f) { tev_explain_codes(0x99, 0x22, 0x05, f); }),
             "\tPrc = 99: <undefined>\n\tSrc = 22: RTMOUT, Receive timed out\n"
             "\tDrc =  5: MEMALLOC, <memory allocation failure>\n");
 

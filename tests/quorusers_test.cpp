@@ -39,9 +39,8 @@ class UserTableTest : public ::testing::Test {
   EnvGuard root_{"MOXGLBL0000", dir_.str()};
 };
 
-// Each record: its payload length as three characters and a NUL, then the
-// payload encoded with the length's first character as seed. A record too
-// long to save is left out.
+// A record: its length as three characters and a NUL, then the payload
+// encoded with the length's first character as seed; one too long is left out.
 TEST_F(UserTableTest, SaveFileRecords) {
   for (auto [length, text] : {std::pair{99, " 99"}, {100, "100"}}) {
     quor_users().clear();
@@ -59,10 +58,8 @@ TEST_F(UserTableTest, SaveFileRecords) {
   }
 }
 
-// New entries go first, so a save and a load reverse the table (a login in
-// progress included; "acct" is no account here: its users are kept without
-// a login program), and two give back the same order and the same file.
-// An empty table leaves no file, and loading without one is no error.
+// A save and a load reverse the table (new entries go first); two give back
+// the same order and file. An empty table leaves no file, which loads fine.
 TEST_F(UserTableTest, SavingAndLoadingReversesAndRestoresTheOrder) {
   add("first");
   add("second", 0).login_name.clear();
@@ -86,8 +83,7 @@ TEST_F(UserTableTest, SavingAndLoadingReversesAndRestoresTheOrder) {
   EXPECT_EQ(quor_users_load(), 0);
   EXPECT_TRUE(quor_users().empty());
 
-  // A record cut short: the entries before it stay, the load fails (5); a
-  // payload without its five strings fails it too (1).
+  // A record cut short fails (5), keeping those before it; one without its five strings fails (1).
   testutil::write_file(save_file(), original + original.substr(0, 10));
   EXPECT_EQ(quor_users_load(), 5);
   EXPECT_EQ(names(), (std::vector<std::string>{"first", "second", "third"}));
@@ -107,8 +103,7 @@ TEST_F(UserTableTest, LookupRules) {
   EXPECT_EQ(created->last_activity, 0);
   EXPECT_EQ(find("New"), nullptr) << "names compare exactly";
 
-  // Without a time-out: a login pid of 0 is returned unprobed; a gone login
-  // process removes the entry.
+  // Without a time-out: a login pid of 0 is not probed; a gone one removes the entry.
   UserEntry& no_pid = add("nopid");
   EXPECT_EQ(find("nopid"), &no_pid);
   pid_t gone = fork();
