@@ -1,23 +1,14 @@
-// Who a client is and what it may use, finding transactions by client and
-// by agent, and the login report (LOGININFO) sent by real agent processes
-// through the real transport.
+// Who a client is and what it may use, and finding transactions by client
+// and by agent.
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "core_util.h"
 #include "momsg.h"
 #include "quoraccess.h"
 #include "quoraccount.h"
-#include "quordaemon.h"
 #include "quorkids.h"
-#include "quorsweep.h"
 #include "quorusers.h"
-#include "tev_client.h"
-
-using testutil::EnvGuard;
-using testutil::TempDir;
 
 namespace {
 
@@ -61,150 +52,6 @@ TEST(ChildLookup, ByClientAndByAgent) {
     EXPECT_EQ(quor_child_find_agent(from(pid, local), mask), nullptr) << pid;
   EXPECT_EQ(quor_child_count(), 2);
   quor_children().clear();
-}
-
-// Sends a login report as an agent does ("PID" naming `named`, "USR" the
-// account) to the test's server.
-int send_report(pid_t named, const std::string& account) {
-  TevClient client;
-  auto report = testutil::sealed_request("I", [&](TransactionHeader& h) {
-    h.pid = std::to_string(named);
-    h.user = account;
-  });
-  return client.call("TEST.LOGIN", report, 0, false).rc == 0 ? 0 : 1;
-}
-
-// The receiving side of a daemon registered in the test process: each
-// report is received and dispatched as the receive loop does.
-class LoginReport : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(quor_tev_register(loop_.conn.local, loop_.conn.fb, "TEST.LOGIN"), 0); }
-  void TearDown() override {
-    quor_tev_deregister(loop_.conn.local, loop_.conn.fb);
-    for (pid_t pid : agents_)
-      if (waitpid(pid, nullptr, WNOHANG) == 0) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-      }
-    quor_reap_disowned();
-    quor_children().clear();
-    quor_users().clear();
-  }
-
-  // An agent process of a pending login for `user`: `body` runs in it, and
-  // it then waits to be stopped, as a login process does.
-  template <class Body>
-  ChildEntry& login_agent(UserEntry& user, Body body) {
-    pid_t pid = fork();
-    if (pid == 0) {
-      body();
-      for (;;) pause();
-    }
-    agents_.push_back(pid);
-    ChildEntry& child = quor_child_new();
-    child.agent_pid = pid;
-    child.kind = 2;
-    child.flags = kChildRunning;
-    child.user = &user;
-    return child;
-  }
-  // A login agent for `user` that reports `account` itself, served. A slow
-  // one takes two seconds to end on SIGTERM.
-  pid_t report_own(UserEntry& user, std::string account, bool slow = false) {
-    pid_t pid = login_agent(user, [&] {
-      if (slow) signal(SIGTERM, [](int) {
-          sleep(2);
-          _exit(0);
-        });
-      send_report(getpid(), account);
-    }).agent_pid;
-    serve();
-    return pid;
-  }
-  static UserEntry& pending(std::string name) { return quor_user_new() = UserEntry{std::move(name), "far", "", "", 0, 0, {}}; }
-  // Receives one report and serves it.
-  void serve() {
-    loop_.buffer.fill(0);
-    ASSERT_EQ(quor_tev_receive(loop_.conn, loop_.buffer), 0) << loop_.conn.fb.FB_ErrorText;
-    quor_dispatch(loop_);
-  }
-  std::string log() const { return testutil::read_file(dir_.path() / "quor/log/quordaemon.log"); }
-
-  TempDir dir_;
-  EnvGuard tev_{"TEV_DIR", dir_.str()};
-  EnvGuard root_{"MOXGLBL0000", dir_.str()};
-  DaemonLoop loop_;
-  std::vector<pid_t> agents_;
-};
-
-// The agent's report, or its child's, completes the login (account, group,
-// activity, the agent as login process) and ends the transaction. Another
-// report under the same account leaves the previous login process running
-// unrecorded; under another account it stops it, dropped if it outlives the
-// grace. Either is reaped by the first sweep after it ends.
-TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
-  UserEntry& ann = pending("ann");
-  pid_t first = report_own(ann, "acct");
-  EXPECT_EQ(ann.login_name, "acct");
-  EXPECT_EQ(ann.group_id, std::to_string(getgid()));
-  EXPECT_GE(ann.last_activity, std::time(nullptr) - 5);
-  EXPECT_EQ(ann.login_pid, first);
-  EXPECT_EQ(quor_child_count(), 0);
-
-  UserEntry& bob = pending("bob");
-  // The child stays (until the agent ends) so that its ancestry can be read.
-  login_agent(bob, [] {
-    pid_t agent = getpid();
-    if (fork() == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      send_report(agent, "other");
-      for (;;) pause();
-    }
-  });
-  serve();
-  EXPECT_EQ(bob.login_name, "other");
-  EXPECT_EQ(quor_child_count(), 0);
-  EXPECT_EQ(log().find("QUOR0300"), std::string::npos) << log();
-
-  pid_t second = report_own(ann, "acct", true);
-  EXPECT_EQ(ann.login_pid, second);
-  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
-  EXPECT_EQ(quor_disowned_count(), 1);
-
-  pid_t third = report_own(ann, "changed");  // stops the second process: one second
-  EXPECT_EQ(ann.login_name, "changed");
-  EXPECT_EQ(ann.login_pid, third);
-  EXPECT_EQ(quor_disowned_count(), 2) << "the second process outlived the grace and was dropped";
-  kill(first, SIGKILL);
-  for (pid_t pid : {first, second})  // the second ends only on SIGTERM
-    EXPECT_TRUE(testutil::eventually([pid] {
-      siginfo_t info{};
-      return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid;
-    })) << pid;
-  quor_garbage_collect(0);
-  EXPECT_EQ(quor_disowned_count(), 0);
-  for (pid_t pid : {first, second}) EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "ended process not reaped";
-}
-
-// A report naming an agent but sent by anyone else (here the agent's parent)
-// is ignored and logged; so is one naming a process that is no login agent.
-TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
-  UserEntry& ann = pending("ann");
-  ChildEntry& agent = login_agent(ann, [] {});
-  testutil::Child sender([&] { return send_report(agent.agent_pid, "root"); });
-  std::string sent_by = " sent by process " + std::to_string(sender.pid());
-  ASSERT_EQ(sender.wait(), 0);
-  serve();
-  EXPECT_TRUE(ann.login_name.empty() && ann.login_pid == 0);
-  EXPECT_EQ(quor_child_count(), 1);
-  EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
-  EXPECT_NE(log().find("PID " + std::to_string(agent.agent_pid) + sent_by), std::string::npos) << log();
-
-  testutil::Child stranger([] { return send_report(getpid(), "root"); });
-  ASSERT_EQ(stranger.wait(), 0);
-  serve();
-  EXPECT_EQ(ann.login_name, "");
-  EXPECT_EQ(quor_user_count(), 1);
 }
 
 }  // namespace

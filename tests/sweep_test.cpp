@@ -1,7 +1,9 @@
 // The garbage-collection sweep with real child processes: what happens to
 // agents, login programs and users when their processes end, overdue
-// agents, idle users, and that nothing is left behind.
+// agents, idle users, and that nothing is left behind; and the login report
+// (LOGININFO) sent by real agent processes through the real transport.
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <poll.h>
@@ -17,6 +19,7 @@
 #include "quorkids.h"
 #include "quorsweep.h"
 #include "quorusers.h"
+#include "tev_client.h"
 
 namespace {
 
@@ -76,9 +79,10 @@ class Sweep : public ::testing::Test {
     wait_ended(pid);
     return pid;
   }
-  // A child that runs until a signal ends it.
-  pid_t waiting() {
-    return start([] {
+  // A child that runs `first`, then until a signal ends it.
+  pid_t waiting(std::function<void()> first = [] {}) {
+    return start([first] {
+      first();
       for (;;) pause();
       return 0;
     });
@@ -239,6 +243,123 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_EQ(quor_child_count(), 2);
   EXPECT_TRUE(entry(running));
   EXPECT_FALSE(segment_exists(recent_shm)) << "the segment stayed";
+}
+
+// Sends a login report as an agent does ("PID" naming `named`, "USR" the
+// account) to the test's server.
+int send_report(pid_t named, const std::string& account) {
+  TevClient client;
+  auto report = testutil::sealed_request("I", [&](TransactionHeader& h) {
+    h.pid = std::to_string(named);
+    h.user = account;
+  });
+  return client.call("TEST.LOGIN", report, 0, false).rc == 0 ? 0 : 1;
+}
+
+// The receiving side of a daemon registered in the test process: each
+// report is received and dispatched as the receive loop does.
+class LoginReport : public Sweep {
+ protected:
+  void SetUp() override { ASSERT_EQ(quor_tev_register(loop_.conn.local, loop_.conn.fb, "TEST.LOGIN"), 0); }
+  void TearDown() override {
+    quor_tev_deregister(loop_.conn.local, loop_.conn.fb);
+    Sweep::TearDown();
+  }
+
+  // A login agent for `user` that reports `account` itself, served. A slow
+  // one takes two seconds to end on SIGTERM.
+  pid_t report_own(UserEntry& user, std::string account, bool slow = false) {
+    pid_t pid = waiting([&] {
+      if (slow) signal(SIGTERM, [](int) {
+          sleep(2);
+          _exit(0);
+        });
+      send_report(getpid(), account);
+    });
+    agent(pid, 2, kChildRunning, &user);
+    serve();
+    return pid;
+  }
+  // Receives one report and serves it.
+  void serve() {
+    loop_.buffer.fill(0);
+    ASSERT_EQ(quor_tev_receive(loop_.conn, loop_.buffer), 0) << loop_.conn.fb.FB_ErrorText;
+    quor_dispatch(loop_);
+  }
+  std::string log() const { return testutil::read_file(dir_.path() / "quor/log/quordaemon.log"); }
+
+  testutil::TempDir dir_;
+  testutil::EnvGuard tev_{"TEV_DIR", dir_.str()};
+  testutil::EnvGuard root_{"MOXGLBL0000", dir_.str()};
+  DaemonLoop loop_;
+};
+
+// The agent's report, or its child's, completes the login (account, group,
+// activity, the agent as login process) and ends the transaction. Another
+// report under the same account leaves the previous login process running
+// unrecorded; under another account it stops it, dropped if it outlives the
+// grace. Either is reaped by the first sweep after it ends.
+TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
+  UserEntry& ann = user("ann");
+  pid_t first = report_own(ann, "acct");
+  EXPECT_EQ(ann.login_name, "acct");
+  EXPECT_EQ(ann.group_id, std::to_string(getgid()));
+  EXPECT_GE(ann.last_activity, std::time(nullptr) - 5);
+  EXPECT_EQ(ann.login_pid, first);
+  EXPECT_EQ(quor_child_count(), 0);
+
+  UserEntry& bob = user("bob");
+  // The child stays (until the agent ends) so that its ancestry can be read.
+  agent(waiting([] {
+          pid_t agent = getpid();
+          if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            send_report(agent, "other");
+            for (;;) pause();
+          }
+        }),
+        2, kChildRunning, &bob);
+  serve();
+  EXPECT_EQ(bob.login_name, "other");
+  EXPECT_EQ(quor_child_count(), 0);
+  EXPECT_EQ(log().find("QUOR0300"), std::string::npos) << log();
+
+  pid_t second = report_own(ann, "acct", true);
+  EXPECT_EQ(ann.login_pid, second);
+  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
+  EXPECT_EQ(quor_disowned_count(), 1);
+
+  pid_t third = report_own(ann, "changed");  // stops the second process: one second
+  EXPECT_EQ(ann.login_name, "changed");
+  EXPECT_EQ(ann.login_pid, third);
+  EXPECT_EQ(quor_disowned_count(), 2) << "the second process outlived the grace and was dropped";
+  kill(first, SIGKILL);
+  wait_ended(first);
+  wait_ended(second);  // it ends only on SIGTERM
+  quor_garbage_collect(0);
+  EXPECT_EQ(quor_disowned_count(), 0);
+  EXPECT_FALSE(ours(first) || ours(second)) << "an ended process was not reaped";
+}
+
+// A report naming an agent but sent by anyone else (here the agent's parent)
+// is ignored and logged; so is one naming a process that is no login agent.
+TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
+  UserEntry& ann = user("ann");
+  pid_t agent_pid = agent(waiting(), 2, kChildRunning, &ann).agent_pid;
+  testutil::Child sender([&] { return send_report(agent_pid, "root"); });
+  std::string sent_by = " sent by process " + std::to_string(sender.pid());
+  ASSERT_EQ(sender.wait(), 0);
+  serve();
+  EXPECT_TRUE(ann.login_name.empty() && ann.login_pid == 0);
+  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
+  EXPECT_NE(log().find("PID " + std::to_string(agent_pid) + sent_by), std::string::npos) << log();
+
+  testutil::Child stranger([] { return send_report(getpid(), "root"); });
+  ASSERT_EQ(stranger.wait(), 0);
+  serve();
+  EXPECT_EQ(ann.login_name, "");
+  EXPECT_EQ(quor_user_count(), 1);
 }
 
 }  // namespace
