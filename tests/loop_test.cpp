@@ -84,7 +84,8 @@ TEST(Loop, FailedReceivesCountUntilFiveInARowAndTypesAreTracedWhenDebugging) {
     EXPECT_EQ(logged["QUOR0008S Receiving a request failed: Receive was canceled"], c.failures);
     EXPECT_EQ(logged["QUOR0202T Ignored a request without a message type."], c.no_message);
     EXPECT_EQ(logged["QUOR0203T Ignored a request of unknown message type."], c.unknown);
-    for (const char* trace : {"QUOR0202T", ":  received a message.\n", ":  message type TERMINATE\n", "    transcode=z, pid="})
+    for (const char* trace :
+         {"QUOR0202T", ":  received a message.\n", ":  message type TERMINATE\n", "    transcode=z, pid="})
       EXPECT_EQ(out.find(trace) != std::string::npos, c.debug) << trace;
   }
   mo_reset();

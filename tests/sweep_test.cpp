@@ -1,7 +1,8 @@
-// The garbage-collection sweep with real child processes: what happens to
-// agents, login programs and users when their processes end, overdue
-// agents, idle users, and that nothing is left behind; and the login report
-// (LOGININFO) sent by real agent processes through the real transport.
+// The daemon's children and users: the garbage-collection sweep with real
+// child processes (what happens to agents, login programs and users when
+// their processes end, overdue agents, idle users, and that nothing is left
+// behind), the login report (LOGININFO) sent by real agent processes through
+// the real transport, and who a client is and what it may use.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
@@ -14,6 +15,8 @@
 
 #include "core_util.h"
 #include "momsg.h"
+#include "quoraccess.h"
+#include "quoraccount.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
@@ -246,6 +249,26 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_FALSE(segment_exists(recent_shm)) << "the segment stayed";
 }
 
+// A login report names its agent by pid: the pid is read as a number, the
+// node must be this host and the entry's flags must share a bit with the mask.
+TEST_F(Sweep, LoginReportsFindTheirAgentByPidOnThisHost) {
+  ChildEntry& running = agent(123, 0);
+  ChildEntry& kept = agent(456, 2, kChildKept);
+  const std::string local = mo_nodename();
+  auto find = [](std::string pid, std::string node, std::uint32_t mask = kChildRunning | kChildKept) {
+    TransactionHeader h;
+    h.pid = std::move(pid);
+    h.node = std::move(node);
+    return quor_child_find_agent(h, mask);
+  };
+  for (const char* pid : {"123", "0123", " +123"}) EXPECT_EQ(find(pid, local), &running) << pid;
+  EXPECT_EQ(find("456", local), &kept);
+  EXPECT_EQ(find("456", local, kChildRunning), nullptr);
+  EXPECT_EQ(find("123", local + "x"), nullptr);
+  for (const char* pid : {"", "x123", "-123", "99999999999999999999"}) EXPECT_EQ(find(pid, local), nullptr) << pid;
+}
+
+
 // Sends a login report as an agent does ("PID" naming `named`, "USR" the
 // account) to the test's server.
 int send_report(pid_t named, const std::string& account) {
@@ -364,3 +387,58 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
 }
 
 }  // namespace
+
+// An account whose login shell field is empty gets /bin/sh, as login does
+// (agents run with SHELL set from it); one that does not exist is not found.
+TEST(Accounts, AnEmptyShellFieldMeansTheStandardShell) {
+  EXPECT_FALSE(quor_account("no such account here"));
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make a throw-away account";
+  std::string name = "qsh" + std::to_string(getpid() % 100000);
+  ASSERT_EQ(std::system(("useradd -M -N -r -s '' -d /nonexistent " + name + " >/dev/null 2>&1").c_str()), 0);
+  std::optional<Account> account = quor_account(name);
+  (void)!std::system(("userdel " + name + " >/dev/null 2>&1").c_str());
+  ASSERT_TRUE(account);
+  EXPECT_EQ(account->home + " " + account->shell, "/nonexistent /bin/sh");
+}
+
+// Who a client is, as the owners file keeps it (the round trip is the users
+// fuzz target's), and what that identity may do.
+TEST(ClientIdentity, TextReadsBackAndDecidesTrustAndUse) {
+  const ClientId user{true, 1000, ""}, other{true, 1001, ""}, root{true, 0, ""}, self{true, geteuid(), ""},
+      remote{true, static_cast<uid_t>(-1), "far"}, remote_root{true, 0, "far"}, unknown{};
+  EXPECT_EQ(quor_client_text(user) + "," + quor_client_text(remote), "uid 1000,host far");
+  EXPECT_EQ(quor_client_parse("uid 1000"), user);
+  for (const char* bad : {"uid", "uid x", "uid 12x", "uid -1", "host ", "nobody", ""})
+    EXPECT_FALSE(quor_client_parse(bad)) << bad;
+
+  EXPECT_TRUE(quor_client_trusted(root) && quor_client_trusted(self));
+  EXPECT_FALSE(quor_client_trusted(remote_root) || quor_client_trusted(unknown));
+  EXPECT_TRUE(quor_client_may_use(user, user) && quor_client_may_use(user, root));
+  EXPECT_FALSE(quor_client_may_use(user, other) || quor_client_may_use(unknown, unknown) ||
+               quor_client_may_use(user, remote));
+}
+
+// The sessions a client holds (its limit at login) follow entries as they
+// are made, before any lookup, and as they go, one by one or together.
+TEST(SessionCount, FollowsEntriesAsTheyComeAndGo) {
+  quor_users().clear();
+  const ClientId alice{true, 1000, ""}, bob{true, 1001, ""}, far{true, static_cast<uid_t>(-1), "far"};
+  std::vector<UserEntry*> made;
+  for (int i = 0; i < 6; ++i) {
+    made.push_back(&quor_user_new());
+    *made.back() = UserEntry{"u" + std::to_string(i), "n", "", "", 0, 0, i < 3 ? alice : i < 5 ? bob : far};
+  }
+  auto counts = [&] {
+    return std::vector{quor_user_count_owned(alice), quor_user_count_owned(bob), quor_user_count_owned(far)};
+  };
+  EXPECT_EQ(counts(), (std::vector{3, 2, 1}));
+  quor_user_remove_ended(made[0]);
+  quor_users_remove_ended(std::span(made).subspan(3, 2));
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_user_new().owner = bob;
+  EXPECT_EQ(counts(), (std::vector{2, 1, 1}));
+  quor_user_remove_ended(&quor_users().front());
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_users().clear();
+  EXPECT_EQ(counts(), (std::vector{0, 0, 0}));
+}
