@@ -101,7 +101,6 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
   {
     Reg a("PEER.A"), b("PEER.B");
     ASSERT_TRUE(a.rc == 0 && b.rc == 0) << a.fb.FB_ErrorText;
-    EXPECT_EQ(a.fb.FB_Local_Id.app_name(), "PEER.A");
     EXPECT_EQ(Reg("PEER.F", 5).fb.FB_Local_Id.flag(), 5) << "the caller's flag is kept";
     auto st = std::filesystem::symlink_status(socket_of("PEER.A"));
     EXPECT_TRUE(st.type() == std::filesystem::file_type::socket && st.permissions() == std::filesystem::perms(0666));
