@@ -79,8 +79,7 @@ TEST(Loop, FailedReceivesCountUntilFiveInARowAndTypesAreTracedWhenDebugging) {
     quor_set_debug(false);
     mo_set_log_sink({});
     EXPECT_EQ(last, c.last);
-    EXPECT_EQ(g_fatal_calls, c.fatal);
-    EXPECT_EQ(g_pauses, c.pauses);
+    EXPECT_EQ(std::pair(g_fatal_calls, g_pauses), std::pair(c.fatal, c.pauses)) << "fatal-handler calls, pauses";
     EXPECT_EQ(logged["QUOR0008S Receiving a request failed: Receive was canceled"], c.failures);
     EXPECT_EQ(logged["QUOR0202T Ignored a request without a message type."], c.no_message);
     EXPECT_EQ(logged["QUOR0203T Ignored a request of unknown message type."], c.unknown);
