@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -35,14 +36,6 @@ int scripted_receive(ConnRecord& conn, std::span<char> buf) {
   return 0;
 }
 
-// How often `needle` is in the log under `root`.
-int logged(const testutil::TempDir& root, const std::string& needle) {
-  std::string log = testutil::read_file(root.path() / "quor/log/quordaemon.log");
-  int n = 0;
-  for (auto at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
-  return n;
-}
-
 TEST(Loop, FailedReceivesCountUntilFiveInARowAndTypesAreTracedWhenDebugging) {
   // Each script, whether debugging, and what the loop must do: the type it
   // dispatched last, the fatal-handler calls, the pauses after failures,
@@ -63,9 +56,9 @@ TEST(Loop, FailedReceivesCountUntilFiveInARowAndTypesAreTracedWhenDebugging) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    testutil::TempDir dir;
-    testutil::EnvGuard root("MOXGLBL0000", dir.str());
     mo_reset();
+    std::map<std::string, int> logged;  // how often each "<tag> <text>" was logged
+    mo_set_log_sink([&](std::uint32_t id, std::string_view text) { ++logged[mo_tag(id) + " " += text]; });
     quor_set_debug(c.debug);
     g_script = c.script;
     g_fatal_calls = g_pauses = 0;
@@ -84,13 +77,14 @@ TEST(Loop, FailedReceivesCountUntilFiveInARowAndTypesAreTracedWhenDebugging) {
     char last = quor_receive_loop(*loop, hooks);
     std::string out = testing::internal::GetCapturedStdout();
     quor_set_debug(false);
+    mo_set_log_sink({});
     EXPECT_EQ(last, c.last);
-    EXPECT_EQ(g_fatal_calls, c.fatal);
-    EXPECT_EQ(g_pauses, c.pauses);
-    EXPECT_EQ(logged(dir, "QUOR0008S Receiving a request failed: Receive was canceled"), c.failures);
-    EXPECT_EQ(logged(dir, "QUOR0202T"), c.no_message);
-    EXPECT_EQ(logged(dir, "QUOR0203T"), c.unknown);
-    for (const char* trace : {"QUOR0202T", ":  received a message.\n", ":  message type TERMINATE\n", "    transcode=z, pid="})
+    EXPECT_EQ(std::pair(g_fatal_calls, g_pauses), std::pair(c.fatal, c.pauses)) << "fatal-handler calls, pauses";
+    EXPECT_EQ(logged["QUOR0008S Receiving a request failed: Receive was canceled"], c.failures);
+    EXPECT_EQ(logged["QUOR0202T Ignored a request without a message type."], c.no_message);
+    EXPECT_EQ(logged["QUOR0203T Ignored a request of unknown message type."], c.unknown);
+    for (const char* trace :
+         {"QUOR0202T", ":  received a message.\n", ":  message type TERMINATE\n", "    transcode=z, pid="})
       EXPECT_EQ(out.find(trace) != std::string::npos, c.debug) << trace;
   }
   mo_reset();

@@ -17,7 +17,8 @@ std::string text_of(unsigned number, std::initializer_list<std::string_view> val
                 values);
 }
 
-TEST(MessageIdentifier, LogLineFormat) {
+// The log line's format, and message texts as the daemon raises them.
+TEST(Catalogue, LogLinesBuiltInTextsSubstitutionAndAnInstalledCatalogue) {
   mo_set_program("quordaemon");
   EXPECT_EQ(mo_log_line(mo_identifier(400, 1), "ready", 1795374287, 1234),
             "2026-11-22T19:04:47Z quordaemon[1234]: QUOR0400I ready");
@@ -25,11 +26,9 @@ TEST(MessageIdentifier, LogLineFormat) {
   // The severity letters the two lines above do not show.
   for (auto [severity, tag] : {std::pair{0u, "QUOR0110T"}, {2u, "QUOR0110E"}, {3u, "QUOR01103"}})
     EXPECT_NE(mo_log_line(mo_identifier(110, severity), "", 0, 1).find(tag), std::string::npos) << tag;
-}
 
-// Texts as the daemon raises them: built in for every number it uses, with
-// values put in as they are, and an installed compiled catalogue first.
-TEST(Catalogue, BuiltInTextsSubstitutionAndAnInstalledCatalogue) {
+  // Texts as the daemon raises them: built in for every number it uses, with
+  // values put in as they are, and an installed compiled catalogue first.
   testutil::TempDir dir;
   testutil::EnvGuard root("MOXGLBL0000", dir.str());
   testutil::EnvGuard nls("NLSPATH", std::string("/nonexistent/%N"));
@@ -45,9 +44,8 @@ TEST(Catalogue, BuiltInTextsSubstitutionAndAnInstalledCatalogue) {
 
   auto messages = dir.path() / "quor/messages";
   std::filesystem::create_directories(messages);
-  testutil::write_file(dir.path() / "site.msg", "$set 1\n128 Site text: %s\n");
-  std::string gencat = "gencat " + (messages / "quor.cat").string() + " " + (dir.path() / "site.msg").string();
-  ASSERT_EQ(std::system(gencat.c_str()), 0);
+  testutil::write_file(messages / "site.msg", "$set 1\n128 Site text: %s\n");
+  ASSERT_EQ(std::system(("cd " + messages.string() + " && gencat quor.cat site.msg").c_str()), 0);
   mo_reset();
   EXPECT_EQ(text_of(128, {"x"}), "Site text: x");
   // Numbers the site catalogue lacks still have the built-in text.

@@ -1,7 +1,10 @@
-// The garbage-collection sweep with real child processes: what happens to
-// agents, login programs and users when their processes end, overdue
-// agents, idle users, and that nothing is left behind.
+// The daemon's children and users: the garbage-collection sweep with real
+// child processes (what happens to agents, login programs and users when
+// their processes end, overdue agents, idle users, and that nothing is left
+// behind), the login report (LOGININFO) sent by real agent processes through
+// the real transport, and who a client is and what it may use.
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <poll.h>
@@ -12,11 +15,14 @@
 
 #include "core_util.h"
 #include "momsg.h"
+#include "quoraccess.h"
+#include "quoraccount.h"
 #include "quorconfig.h"
 #include "quordaemon.h"
 #include "quorkids.h"
 #include "quorsweep.h"
 #include "quorusers.h"
+#include "tev_client.h"
 
 namespace {
 
@@ -76,9 +82,10 @@ class Sweep : public ::testing::Test {
     wait_ended(pid);
     return pid;
   }
-  // A child that runs until a signal ends it.
-  pid_t waiting() {
-    return start([] {
+  // A child that runs `first`, then until a signal ends it.
+  pid_t waiting(std::function<void()> first = [] {}) {
+    return start([first] {
+      first();
       for (;;) pause();
       return 0;
     });
@@ -109,11 +116,14 @@ class Sweep : public ::testing::Test {
     e.user = user;
     return e;
   }
-  static UserEntry& user(std::string name, std::time_t activity = 0, pid_t login = 0) {
-    return quor_user_new() = UserEntry{std::move(name), "far", "", "", activity, login, {}};
+  static UserEntry& user(std::string name, std::time_t activity = 0, pid_t login = 0, ClientId owner = {}) {
+    return quor_user_new() = UserEntry{std::move(name), "far", "", "", activity, login, owner};
   }
-  static bool has_user(const std::string& name) {
-    return std::ranges::any_of(quor_users(), [&](const UserEntry& u) { return u.user_name == name; });
+  // The names of the users left, newest first.
+  static std::string users_left() {
+    std::string names;
+    for (const UserEntry& u : quor_users()) names += u.user_name + " ";
+    return names;
   }
   static const ChildEntry* entry(pid_t pid) {
     auto it = std::ranges::find(quor_children(), pid, &ChildEntry::agent_pid);
@@ -150,16 +160,14 @@ TEST_F(Sweep, WhatTheEndOfAnAgentMeansForItsEntryAndUser) {
   ASSERT_EQ(quor_child_count(), 4);
   ASSERT_TRUE(entry(ok) && entry(unmarked) && entry(0)) << "an entry that stays went";
   EXPECT_EQ(entry(ok)->flags, kChildKept);
-  for (auto [name, stays] : {std::pair{"ok", true}, {"no_keep", true}, {"service", true}, {"failed", false},
-                             {"killed", false}, {"leaving", false}, {"gone", false}})
-    EXPECT_EQ(has_user(name), stays) << name;
+  EXPECT_EQ(users_left(), "service no_keep ok ");
   EXPECT_FALSE(ours(login)) << "the logged-off user's login program was not stopped and reaped";
   for (pid_t pid : {ok, failed, killed, no_keep, logoff, service, program}) EXPECT_FALSE(ours(pid)) << pid;
 
   // The kept entry is not reaped again, and stays until its report comes.
   quor_garbage_collect(1);
   EXPECT_EQ(quor_child_count(), 4);
-  EXPECT_TRUE(has_user("ok"));
+  EXPECT_EQ(users_left(), "service no_keep ok ");
 }
 
 // An agent older than the transaction time-out gets SIGTERM on every sweep
@@ -181,9 +189,8 @@ TEST_F(Sweep, OverdueAgentsGetSigtermOnEverySweep) {
     quor_garbage_collect(0);
     EXPECT_TRUE(byte_within(overdue_terms, 5000)) << "sweep " << sweep;
   }
-  EXPECT_FALSE(byte_within(exempt_terms, 200));
-  EXPECT_FALSE(byte_within(kept_terms, 0));
-  EXPECT_FALSE(byte_within(young_terms, 0));
+  EXPECT_FALSE(byte_within(exempt_terms, 200) || byte_within(kept_terms, 0) || byte_within(young_terms, 0))
+      << "an exempt, kept or young agent was signalled";
   EXPECT_EQ(quor_child_count(), 4) << "a signalled agent stays until it has ended";
   quor_config().transaction_timeout = 0;  // no time-out at all
   quor_garbage_collect(0);
@@ -227,12 +234,12 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_EQ(quor_child_count(), 3) << "only the recent transaction and the running agents stay";
   EXPECT_EQ(idle.user, nullptr);
   EXPECT_FALSE(ours(idle_program)) << "the idle user's login program was not stopped and reaped";
-  EXPECT_FALSE(has_user("idle") || has_user("pending") || !has_user("busy"));
+  EXPECT_EQ(users_left(), "busy ");
   EXPECT_FALSE(segment_exists(failed_shm) || segment_exists(stale_shm)) << "a segment stayed";
   quor_config().login_timeout = 0;  // nobody is idle
   user("ancient", 1);
   quor_garbage_collect(0);
-  EXPECT_TRUE(has_user("ancient"));
+  EXPECT_EQ(users_left(), "ancient busy ");
 
   agent(0, 0, kChildNew).shm_id = recent_shm;  // not yet in any index
   quor_abnormal_shutdown(quor_registration(), false);
@@ -241,4 +248,180 @@ TEST_F(Sweep, UnfinishedTransactionsExpireAndGoAtAShutdown) {
   EXPECT_FALSE(segment_exists(recent_shm)) << "the segment stayed";
 }
 
+// A login report names its agent by pid: the pid is read as a number, the
+// node must be this host and the entry's flags must share a bit with the mask.
+TEST_F(Sweep, LoginReportsFindTheirAgentByPidOnThisHost) {
+  ChildEntry& running = agent(123, 0);
+  ChildEntry& kept = agent(456, 2, kChildKept);
+  const std::string local = mo_nodename();
+  auto find = [](std::string pid, std::string node, std::uint32_t mask = kChildRunning | kChildKept) {
+    TransactionHeader h;
+    h.pid = std::move(pid);
+    h.node = std::move(node);
+    return quor_child_find_agent(h, mask);
+  };
+  for (const char* pid : {"123", "0123", " +123"}) EXPECT_EQ(find(pid, local), &running) << pid;
+  EXPECT_EQ(find("456", local), &kept);
+  EXPECT_EQ(find("456", local, kChildRunning), nullptr);
+  EXPECT_EQ(find("123", local + "x"), nullptr);
+  for (const char* pid : {"", "x123", "-123", "99999999999999999999"}) EXPECT_EQ(find(pid, local), nullptr) << pid;
+}
+
+
+// Sends a login report as an agent does ("PID" naming `named`, "USR" the
+// account) to the test's server.
+int send_report(pid_t named, const std::string& account) {
+  TevClient client;
+  auto report = testutil::sealed_request("I", [&](TransactionHeader& h) {
+    h.pid = std::to_string(named);
+    h.user = account;
+  });
+  return client.call("TEST.LOGIN", report, 0, false).rc == 0 ? 0 : 1;
+}
+
+// The receiving side of a daemon registered in the test process: each
+// report is received and dispatched as the receive loop does.
+class LoginReport : public Sweep {
+ protected:
+  void SetUp() override { ASSERT_EQ(quor_tev_register(loop_.conn.local, loop_.conn.fb, "TEST.LOGIN"), 0); }
+  void TearDown() override {
+    quor_tev_deregister(loop_.conn.local, loop_.conn.fb);
+    Sweep::TearDown();
+  }
+
+  // A login agent for `user` that reports `account` itself, served. A slow
+  // one takes two seconds to end on SIGTERM.
+  pid_t report_own(UserEntry& user, std::string account, bool slow = false) {
+    pid_t pid = waiting([&] {
+      if (slow) signal(SIGTERM, [](int) {
+          sleep(2);
+          _exit(0);
+        });
+      send_report(getpid(), account);
+    });
+    agent(pid, 2, kChildRunning, &user);
+    serve();
+    return pid;
+  }
+  // Receives one report and serves it.
+  void serve() {
+    loop_.buffer.fill(0);
+    ASSERT_EQ(quor_tev_receive(loop_.conn, loop_.buffer), 0) << loop_.conn.fb.FB_ErrorText;
+    quor_dispatch(loop_);
+  }
+  std::string log() const { return testutil::read_file(dir_.path() / "quor/log/quordaemon.log"); }
+
+  testutil::TempDir dir_;
+  testutil::EnvGuard tev_{"TEV_DIR", dir_.str()};
+  testutil::EnvGuard root_{"MOXGLBL0000", dir_.str()};
+  DaemonLoop loop_;
+};
+
+// The agent's report, or its child's, completes the login (account, group,
+// activity, the agent as login process) and ends the transaction. Another
+// report under the same account leaves the previous login process running
+// unrecorded; under another account it stops it, dropped if it outlives the
+// grace. Either is reaped by the first sweep after it ends.
+TEST_F(LoginReport, ReportsFromTheAgentOrItsChildCompleteAndReplaceLogins) {
+  UserEntry& ann = user("ann");
+  pid_t first = report_own(ann, "acct");
+  EXPECT_EQ(ann.login_name + " " + ann.group_id, "acct " + std::to_string(getgid()));
+  EXPECT_GE(ann.last_activity, std::time(nullptr) - 5);
+  EXPECT_EQ(ann.login_pid, first);
+  EXPECT_EQ(quor_child_count(), 0);
+
+  UserEntry& bob = user("bob");
+  // The child stays (until the agent ends) so that its ancestry can be read.
+  agent(waiting([] {
+          pid_t agent = getpid();
+          if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            send_report(agent, "other");
+            for (;;) pause();
+          }
+        }),
+        2, kChildRunning, &bob);
+  serve();
+  EXPECT_EQ(bob.login_name, "other");
+  EXPECT_EQ(quor_child_count(), 0);
+
+  pid_t second = report_own(ann, "acct", true);
+  EXPECT_EQ(ann.login_pid, second);
+  EXPECT_EQ(waitpid(first, nullptr, WNOHANG), 0) << "the same account's earlier process was stopped";
+  EXPECT_EQ(quor_disowned_count(), 1);
+
+  pid_t third = report_own(ann, "changed");  // stops the second process: one second
+  EXPECT_EQ(ann.login_pid, third);
+  EXPECT_EQ(quor_disowned_count(), 2) << "the second process outlived the grace and was dropped";
+  kill(first, SIGKILL);
+  wait_ended(first);
+  wait_ended(second);  // it ends only on SIGTERM
+  quor_garbage_collect(0);
+  EXPECT_EQ(quor_disowned_count(), 0);
+  EXPECT_FALSE(ours(first) || ours(second)) << "an ended process was not reaped";
+}
+
+// A report naming an agent but sent by anyone else (here the agent's parent)
+// is ignored and logged; so is one naming a process that is no login agent.
+TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
+  UserEntry& ann = user("ann");
+  pid_t agent_pid = agent(waiting(), 2, kChildRunning, &ann).agent_pid;
+  testutil::Child sender([&] { return send_report(agent_pid, "root"); });
+  std::string sent_by = " sent by process " + std::to_string(sender.pid());
+  ASSERT_EQ(sender.wait(), 0);
+  serve();
+  EXPECT_TRUE(ann.login_name.empty() && ann.login_pid == 0);
+  EXPECT_EQ(quor_child_count(), 1);
+  EXPECT_NE(log().find("QUOR0300E"), std::string::npos) << log();
+  EXPECT_NE(log().find("PID " + std::to_string(agent_pid) + sent_by), std::string::npos) << log();
+
+  testutil::Child stranger([] { return send_report(getpid(), "root"); });
+  ASSERT_EQ(stranger.wait(), 0);
+  serve();
+  EXPECT_EQ(quor_user_count(), 1);
+}
+
 }  // namespace
+
+// An account whose login shell field is empty gets /bin/sh, as login does
+// (agents run with SHELL set from it).
+TEST(Accounts, AnEmptyShellFieldMeansTheStandardShell) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make a throw-away account";
+  std::string name = "qsh" + std::to_string(getpid() % 100000);
+  ASSERT_EQ(std::system(("useradd -M -N -r -s '' -d /nonexistent " + name + " >/dev/null 2>&1").c_str()), 0);
+  std::optional<Account> account = quor_account(name);
+  (void)!std::system(("userdel " + name + " >/dev/null 2>&1").c_str());
+  ASSERT_TRUE(account);
+  EXPECT_EQ(account->home + " " + account->shell, "/nonexistent /bin/sh");
+}
+
+// Who a client is, as the owners file keeps it (the round trip is the users
+// fuzz target's; what the identity may do, the security tests').
+TEST(ClientIdentity, TextReadsBackAndBadTextIsRefused) {
+  const ClientId user{true, 1000, ""}, remote{true, static_cast<uid_t>(-1), "far"};
+  EXPECT_EQ(quor_client_text(user) + "," + quor_client_text(remote), "uid 1000,host far");
+  EXPECT_EQ(quor_client_parse("uid 1000"), user);
+  for (const char* bad : {"uid", "uid x", "uid 12x", "uid -1", "host ", "nobody", ""})
+    EXPECT_FALSE(quor_client_parse(bad)) << bad;
+}
+
+// The sessions a client holds (its limit at login) follow entries as they
+// are made, before any lookup, and as they go, one by one or together.
+TEST_F(Sweep, SessionsOfAClientFollowEntriesAsTheyComeAndGo) {
+  const ClientId alice{true, 1000, ""}, bob{true, 1001, ""}, far{true, static_cast<uid_t>(-1), "far"};
+  std::vector<UserEntry*> made;
+  for (int i = 0; i < 6; ++i) made.push_back(&user("u" + std::to_string(i), 0, 0, i < 3 ? alice : i < 5 ? bob : far));
+  auto counts = [&] {
+    return std::vector{quor_user_count_owned(alice), quor_user_count_owned(bob), quor_user_count_owned(far)};
+  };
+  EXPECT_EQ(counts(), (std::vector{3, 2, 1}));
+  quor_user_remove_ended(made[0]);
+  quor_users_remove_ended(std::span(made).subspan(3, 2));
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_user_new().owner = bob;
+  EXPECT_EQ(counts(), (std::vector{2, 1, 1}));
+  quor_user_remove_ended(&quor_users().front());
+  EXPECT_EQ(counts(), (std::vector{2, 0, 1}));
+  quor_users().clear();
+  EXPECT_EQ(counts(), (std::vector{0, 0, 0}));
+}

@@ -35,7 +35,10 @@ std::vector<std::uint8_t> datagram(std::uint8_t kind, std::uint32_t conv, std::s
 
 // A registration for the scope of a test.
 struct Reg {
-  explicit Reg(std::string_view name) : id(named(name)) { rc = TevInit(fb, id, kTevModeNormal); }
+  explicit Reg(std::string_view name, std::uint8_t flag = 0) : id(named(name)) {
+    id.set_flag(flag);
+    rc = TevInit(fb, id, kTevModeNormal);
+  }
   ~Reg() {
     if (rc == 0) TevTerm(fb, id, kTevModeNormal);
   }
@@ -44,16 +47,17 @@ struct Reg {
   int rc;
 };
 
-// What `r` receives within `timeout_ms`, with its sender and credentials.
-std::string recv_text(Reg& r, int timeout_ms, TevIdentity* from = nullptr, TevInquiry* inq = nullptr) {
+// What `r` receives within `timeout_ms`: "<text> from <sender> #<conversation>",
+// and the sender's credentials.
+std::string received(Reg& r, int timeout_ms, TevInquiry* inq = nullptr) {
   std::array<char, 512> buf{};
   TevIdentity remote;
   TevInquiry inquiry;
   if (TevRecvTimed(r.fb, r.id, remote, buf.data(), buf.size(), inquiry, timeout_ms) != 0)
     return "<failed " + std::to_string(r.fb.FB_Src) + ">";
-  if (from) *from = remote;
   if (inq) *inq = inquiry;
-  return std::string(buf.data(), r.fb.FB_DataLen);
+  return std::string(buf.data(), r.fb.FB_DataLen) + " from " + std::string(remote.app_name()) + " #" +
+         std::to_string(r.fb.FB_InConversId);
 }
 
 class Transport : public ::testing::Test {
@@ -96,33 +100,19 @@ class Transport : public ::testing::Test {
 TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
   {
     Reg a("PEER.A"), b("PEER.B");
-    ASSERT_EQ(a.rc, 0) << a.fb.FB_ErrorText;
-    ASSERT_EQ(b.rc, 0);
-    EXPECT_EQ(a.fb.FB_Local_Id.app_name(), "PEER.A");
-    TevIdentity flagged = named("PEER.F");
-    flagged.set_flag(5);
-    TevFeedback ffb;
-    ASSERT_EQ(TevInit(ffb, flagged, kTevModeNormal), 0);
-    EXPECT_EQ(ffb.FB_Local_Id.flag(), 5) << "the caller's flag is kept";
-    TevTerm(ffb, ffb.FB_Local_Id, kTevModeNormal);
-    struct stat st {};
-    ASSERT_EQ(lstat(socket_of("PEER.A").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    ASSERT_TRUE(a.rc == 0 && b.rc == 0) << a.fb.FB_ErrorText;
+    EXPECT_EQ(Reg("PEER.F", 5).fb.FB_Local_Id.flag(), 5) << "the caller's flag is kept";
+    auto st = std::filesystem::symlink_status(socket_of("PEER.A"));
+    EXPECT_TRUE(st.type() == std::filesystem::file_type::socket && st.permissions() == std::filesystem::perms(0666));
     EXPECT_EQ(Reg("PEER.A").fb.FB_Src, kTevSrcNoPath) << "in use in this process";
 
     ASSERT_EQ(TevSend(a.fb, a.id, named("PEER.B"), "hello", 5, kTevModeNormal, 77), 0);
-    TevIdentity from;
     TevInquiry inq;
-    EXPECT_EQ(recv_text(b, 2000, &from, &inq), "hello");
-    EXPECT_EQ(b.fb.FB_InConversId, 77u);
-    EXPECT_EQ(from.app_name(), "PEER.A");
-    EXPECT_EQ(inq.pid, getpid());
-    EXPECT_EQ(inq.uid, getuid());
-    const TevInquiry* handles[] = {&inq};
-    EXPECT_EQ(APICHECK(handles), 0);
-    const TevInquiry* none[] = {nullptr};
-    EXPECT_NE(APICHECK(none), 0);
+    EXPECT_EQ(received(b, 2000, &inq), "hello from PEER.A #77");
+    EXPECT_EQ(std::pair(inq.pid, inq.uid), std::pair(getpid(), getuid()));
+    const TevInquiry* handles[] = {&inq, nullptr};
+    EXPECT_EQ(APICHECK(std::span(handles, 1)), 0);
+    EXPECT_NE(APICHECK(handles), 0) << "a missing handle";
 
     // Parameter errors: empty, slashed and over-long (21 bytes, no NUL)
     // names, an over-long message, an unknown mode.
@@ -139,11 +129,11 @@ TEST_F(Transport, RegistrationsDataAndRefusalsInOneProcess) {
     ASSERT_EQ(TevSetSendWait(a.fb, a.id, 0), 0);
     for (int i = 0; i < 10000 && TevSend(a.fb, a.id, b.id, "x", 1, kTevModeNormal, 0) == 0; ++i) continue;
     EXPECT_EQ(a.fb.FB_Src, kTevSrcSndDrc) << a.fb.FB_ErrorText;
+    TevIdentity from;
     while (TevRecvTimed(b.fb, b.id, from, big.data(), big.size(), inq, 0) == 0) continue;
     // The largest message goes through whole.
     ASSERT_EQ(TevSend(a.fb, a.id, b.id, big.data(), kTevMaxPayload, kTevModeNormal, 0), 0) << a.fb.FB_ErrorText;
-    TevIdentity remote;
-    EXPECT_EQ(TevRecvTimed(b.fb, b.id, remote, big.data(), big.size(), inq, 2000), 0) << b.fb.FB_ErrorText;
+    EXPECT_EQ(TevRecvTimed(b.fb, b.id, from, big.data(), big.size(), inq, 2000), 0) << b.fb.FB_ErrorText;
     EXPECT_EQ(b.fb.FB_DataLen, kTevMaxPayload);
     TevSend(b.fb, b.id, a.id, "x", 1, 7, 0);
     EXPECT_EQ(b.fb.FB_Prc, kTevPrcPlistErr);
@@ -177,21 +167,16 @@ TEST_F(Transport, ANameHeldByAnotherProcessIsRefusedAStaleOneTakenOver) {
   ASSERT_TRUE(testutil::eventually([&] { return std::filesystem::exists(socket_of("HELD")); }));
   auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   auto fds_before = open_fds();
-  {
-    Reg r("HELD");
-    EXPECT_EQ(open_fds(), fds_before) << "the refused registration kept its socket";
-    EXPECT_EQ(r.fb.FB_Prc, kTevPrcLogicErr);
-    EXPECT_EQ(r.fb.FB_Src, kTevSrcNoPath);
-  }
+  Reg refused("HELD");
+  EXPECT_EQ(open_fds(), fds_before) << "the refused registration kept its socket";
+  EXPECT_EQ(std::pair(refused.fb.FB_Prc, refused.fb.FB_Src), std::pair(kTevPrcLogicErr, kTevSrcNoPath));
   // Killed without deregistering: the socket file stays behind, a send to
   // it finds nobody, and the next registrant takes it over.
   kill(holder.pid(), SIGKILL);
   holder.wait();
-  ASSERT_TRUE(std::filesystem::exists(socket_of("HELD")));
   Reg sender("SENDER");
   EXPECT_NE(TevSend(sender.fb, sender.id, named("HELD"), "x", 1, kTevModeNormal, 0), 0);
-  EXPECT_EQ(sender.fb.FB_Prc, kTevPrcLogicErr);
-  EXPECT_EQ(sender.fb.FB_Src, kTevSrcNoRcvr);
+  EXPECT_EQ(std::pair(sender.fb.FB_Prc, sender.fb.FB_Src), std::pair(kTevPrcLogicErr, kTevSrcNoRcvr));
   EXPECT_EQ(sender.fb.FB_ErrorText, "No receiver online");
   EXPECT_EQ(Reg("HELD").rc, 0);
 }
@@ -202,15 +187,15 @@ TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
   Reg r("VICTIM");
   ASSERT_EQ(r.rc, 0);
   const std::vector<std::uint8_t> good = datagram(kTevKindData, 0xA1B2C3D4, "SPOOF", "ok");
-  EXPECT_EQ(good[8], 0xD4);  // little-endian on the wire
-  EXPECT_EQ(good[12], 2);
+  // Conversation id and length, little-endian on the wire.
+  EXPECT_EQ(std::string(good.begin() + 8, good.begin() + 16), std::string("\xD4\xC3\xB2\xA1\x02\0\0\0", 8));
   auto with = [&](std::size_t at, std::uint8_t value) {
     auto d = good;
     d[at] = value;
     return d;
   };
   // Empty; bad magic, reserved byte, kind; an over-long answer; larger than
-  // recv_text's 512 bytes; from another socket than the sender it claims, an
+  // received()'s 512 bytes; from another socket than the sender it claims, an
   // unnamed one, one of the right name outside the directory. (Short of its
   // size: the datagram fuzz target.)
   TempDir elsewhere;
@@ -227,10 +212,7 @@ TEST_F(Transport, MalformedDatagramsAreDroppedAndCountedNotFailed) {
       {good, outside}};
   for (const auto& [bytes, from] : dropped) send_raw("VICTIM", bytes, from);
   send_raw("VICTIM", good, "SPOOF");
-  TevIdentity from;
-  EXPECT_EQ(recv_text(r, 2000, &from), "ok");
-  EXPECT_EQ(from.app_name(), "SPOOF");
-  EXPECT_EQ(r.fb.FB_InConversId, 0xA1B2C3D4u);
+  EXPECT_EQ(received(r, 2000), "ok from SPOOF #" + std::to_string(0xA1B2C3D4u));
   EXPECT_EQ(r.fb.FB_Dropped, std::size(dropped));
 }
 
@@ -257,11 +239,9 @@ TEST_F(Transport, ConversationAnsweredByAnotherProcessOrTimedOut) {
   EXPECT_STREQ(answer, "OK");
   EXPECT_NE(server.fb.FB_ConversId, 0u);
   EXPECT_EQ(peer.wait(), 0);
-  EXPECT_EQ(recv_text(server, 0), "queued");
-  EXPECT_EQ(server.fb.FB_InConversId, 5u);
+  EXPECT_EQ(received(server, 0), "queued from CONV.OTHER #5");
 
   // A registered peer that never answers.
   EXPECT_NE(Tev_Conv(server.fb, server.id, named("CONV.OTHER"), "x", 1, answer, sizeof answer, kTevModeNormal, 1), 0);
-  EXPECT_EQ(server.fb.FB_Prc, kTevPrcLogicErr);
-  EXPECT_EQ(server.fb.FB_Src, kTevSrcRtmOut);
+  EXPECT_EQ(std::pair(server.fb.FB_Prc, server.fb.FB_Src), std::pair(kTevPrcLogicErr, kTevSrcRtmOut));
 }
