@@ -114,18 +114,7 @@ inline std::string read_file(const std::filesystem::path& p) {
   return s.str();
 }
 
-// A plain (not yet sealed) request: transaction header of `type`, then the
-// trailer "N". Returns the whole buffer and sets `length`.
-inline std::array<char, BUFFER_MAX> make_request(std::string_view type, std::size_t& length) {
-  std::array<char, BUFFER_MAX> buf{};
-  OutBuf out(buf);
-  tran_header_put(type, "N", out);
-  quor_trl_put("N", out);
-  length = out.pos;
-  return buf;
-}
-
-// The same request sealed for the wire, its header first changed by
+// A request of `type` sealed for the wire, its header first changed by
 // `adjust` (to claim another sender, user or node); `segments` may write
 // between header and trailer, whose value is `more`.
 inline std::vector<std::uint8_t> sealed_request(std::string_view type,

@@ -30,9 +30,8 @@ int scripted_receive(ConnRecord& conn, std::span<char> buf) {
   g_script.pop_front();
   if (rc != 0) return rc;
   conn.inquiry = TevInquiry{true, getpid(), getuid(), getgid(), {}};  // the operator
-  std::size_t length = 0;
-  auto request = testutil::make_request(type, length);
-  std::copy_n(request.begin(), length, buf.begin());
+  std::vector<char> request = testutil::plain_request(type, {});
+  std::copy(request.begin(), request.end(), buf.begin());
   return 0;
 }
 
