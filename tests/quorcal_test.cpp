@@ -61,8 +61,9 @@ TEST_F(Transfers, ListsInAndOut) {
 
   // The status, each reply's code and continuation, and the items sent.
   auto send = [&](const std::string& file, std::size_t room = BUFFER_MAX) {
-    Served served = serve_one(
-        server_, [&](OutBuf& out) { return list_to_buffer(file, out, std::min(out.pos + room, BUFFER_MAX), server_, "ZZZLST"); });
+    Served served = serve_one(server_, [&](OutBuf& out) {
+      return list_to_buffer(file, out, std::min(out.pos + room, BUFFER_MAX), server_, "ZZZLST");
+    });
     std::string text = std::to_string(served.status);
     for (const Decoded& buffer : served.buffers) text += " " + buffer.tran.transcode + buffer.tran.continuation;
     for (const std::string& item : items_of(served, "ZZZLST")) text += "|" + item;

@@ -23,7 +23,9 @@ struct Segment {
   }
 };
 
-SpawnRequest shell(const std::string& script) { return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}, -1}; }
+SpawnRequest shell(const std::string& script) {
+  return SpawnRequest{"/bin/sh", {"sh", "-c", script}, {}, nullptr, -1, {}, -1};
+}
 
 // The program gets the daemon's own mask (signals are blocked while the
 // child shares its memory), and the daemon keeps it.
