@@ -383,6 +383,15 @@ TEST_F(LoginReport, FromAnyoneElseIsIgnoredAndLogged) {
 
 }  // namespace
 
+// Stopping no process (a user whose login program never started has pid 0)
+// signals nothing and does not wait the second a real stop waits.
+TEST(Terminate, NoProcessMeansNoWait) {
+  auto start = std::chrono::steady_clock::now();
+  const pid_t none[] = {0, -1};
+  quor_terminate_pids(none);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+}
+
 // An account whose login shell field is empty gets /bin/sh, as login does
 // (agents run with SHELL set from it).
 TEST(Accounts, AnEmptyShellFieldMeansTheStandardShell) {
