@@ -8,6 +8,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh gcovr
+# gcovr finds the sources by the paths the objects record: a ccache base
+# directory would make them relative to the compiler's directory.
+unset CCACHE_BASEDIR
 
 if [ "${1:-}" != "--summary" ]; then
   find build-cov -name '*.gcda' -delete 2>/dev/null || true
