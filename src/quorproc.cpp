@@ -258,8 +258,10 @@ int quor_command_request(const TransactionHeader& header, InBuf buf, ConnRecord&
   bool foreign = false;
   if (header.type() == 'L') {
     if (entry->flags & kChildNew) {
-      entry->user = login_session(header, sender, *entry, conn, rc);
-      if (entry->user == nullptr) return rc;
+      // A refused login has ended its transaction: `entry` is gone then.
+      UserEntry* user = login_session(header, sender, *entry, conn, rc);
+      if (user == nullptr) return rc;
+      entry->user = user;
     }
   } else {
     entry->user = quor_user_find(header, true);
