@@ -5,6 +5,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
@@ -72,8 +73,11 @@ class Daemon {
   // (login programs, agents) go first, so that none outlives the test, and
   // so do the programs of this installation that a daemon which crashed or
   // was killed left behind. A coverage build asks them with SIGTERM first,
-  // so that they write their counters.
+  // so that they write their counters. A daemon that ended before without
+  // the test seeing it (a crash after the test's last request) fails it.
   void stop() {
+    if (pid_ > 0 && !exited_ && !alive() && exited_)
+      ADD_FAILURE() << "the daemon ended unnoticed, status " << status_ << "\n" << output();
     bool running = pid_ > 0 && !exited_;
     std::string programs = (root_.path() / "quor/bin/").string();
     std::vector<pid_t> others = processes(0, {}, false, programs);
