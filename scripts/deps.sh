@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(cmake g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libc-bin make libpam0g-dev
-  pandoc mandoc groff-base libnats-dev nats-server openssl util-linux "$@")
+  pandoc mandoc groff-base libnats-dev nats-server openssl util-linux musl-tools "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -48,7 +48,7 @@ run_ctest build-asan
 unset ASAN_OPTIONS UBSAN_OPTIONS
 
 echo "== Fuzz smoke run (${fuzz_seconds}s per target)"
-CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUOR_FUZZ=ON >/dev/null
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUOR_FUZZ=ON >/dev/null
 cmake --build build-fuzz -j"$jobs"
 for target in build-fuzz/fuzz/*_fuzz; do
   name=$(basename "$target")
