@@ -14,6 +14,7 @@
 #include "quorderr.h"
 #include "quorkids.h"
 #include "quorproc.h"
+#include "quorspawn.h"
 #include "quorstats.h"
 #include "quorsweep.h"
 #include "quortupgm.h"
@@ -84,14 +85,6 @@ void on_fatal_signal(int signo) {
 
 void on_termination_signal(int) { running = 0; }
 
-void set_handler(int signo, void (*handler)(int), int flags) {
-  struct sigaction action {};
-  action.sa_handler = handler;
-  action.sa_flags = flags;
-  sigemptyset(&action.sa_mask);
-  sigaction(signo, &action, nullptr);
-}
-
 }  // namespace
 
 void quor_install_signals() {
@@ -101,11 +94,11 @@ void quor_install_signals() {
                                    SIGEMT,
 #endif
                                    SIGFPE,  SIGBUS,  SIGSEGV, SIGSYS, SIGPIPE, SIGXCPU, SIGXFSZ};
-  for (int signo : kFatal) set_handler(signo, on_fatal_signal, SA_RESETHAND);
+  for (int signo : kFatal) quor_catch_signal(signo, on_fatal_signal, SA_RESETHAND);
   // No SA_RESTART: the signal must end a receive that is waiting.
-  set_handler(SIGTERM, on_termination_signal, 0);
-  set_handler(SIGQUIT, on_termination_signal, 0);
-  for (int signo : {SIGHUP, SIGINT, SIGUSR2}) set_handler(signo, SIG_IGN, 0);
+  quor_catch_signal(SIGTERM, on_termination_signal, 0);
+  quor_catch_signal(SIGQUIT, on_termination_signal, 0);
+  for (int signo : {SIGHUP, SIGINT, SIGUSR2}) quor_catch_signal(signo, SIG_IGN, 0);
 }
 
 namespace {

@@ -23,18 +23,18 @@ struct ChildReport {
   volatile int err = 0;
 };
 
+// The signals the daemon has a handler for (quor_catch_signal); all bits
+// clear, the empty set, until one is caught.
+sigset_t caught_signals{};
+
 // The daemon's signal handlers work on the daemon's memory, which the child
 // shares: every caught signal goes back to its default before the child
 // lets signals in again. Ignored signals stay ignored, as across any exec.
 void default_caught_signals() {
-  for (int signo = 1; signo < NSIG; ++signo) {
-    struct sigaction action {};
-    if (sigaction(signo, nullptr, &action) != 0) continue;  // the C library's own signals
-    if (action.sa_handler == SIG_IGN || action.sa_handler == SIG_DFL) continue;
-    action.sa_handler = SIG_DFL;
-    action.sa_flags = 0;
-    sigaction(signo, &action, nullptr);
-  }
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  for (int signo = 1; signo < NSIG; ++signo)
+    if (sigismember(&caught_signals, signo) == 1) sigaction(signo, &action, nullptr);
 }
 
 // The segment and the data file go to the account, which then becomes the
@@ -93,6 +93,18 @@ void pass_on(std::vector<std::string>& env, std::string_view name) {
 }
 
 }  // namespace
+
+void quor_catch_signal(int signo, void (*handler)(int), int flags) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = flags;
+  sigemptyset(&action.sa_mask);
+  if (sigaction(signo, &action, nullptr) != 0) return;
+  if (handler == SIG_IGN || handler == SIG_DFL)
+    sigdelset(&caught_signals, signo);
+  else
+    sigaddset(&caught_signals, signo);
+}
 
 std::vector<std::string> quor_spawn_environment(const Account* account) {
   std::vector<std::string> env = {"PATH=/usr/local/bin:/usr/bin:/bin"};

@@ -42,6 +42,14 @@ inline constexpr int kSpawnFailedStatus = 99;
 // is closed before the exec.
 SpawnResult quor_spawn(const SpawnRequest& request);
 
+// Sets the daemon's disposition of `signo` (a handler, SIG_IGN or SIG_DFL;
+// flags as sigaction's, no signals blocked while the handler runs). Every
+// handler the daemon installs goes through here: a starting program shares
+// the daemon's memory until it execs, so it resets exactly the signals
+// caught this way to their default first (asking the kernel for each of the
+// 64 dispositions would take a tenth of a start).
+void quor_catch_signal(int signo, void (*handler)(int), int flags);
+
 // The environment every program the daemon starts gets, for the account it
 // runs as (none: the daemon's own):
 //
