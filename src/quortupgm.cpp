@@ -34,16 +34,18 @@ SpawnResult login_spawn(std::string_view login_name, std::string_view client, in
     quor_trace("exec login, user = %s, client = %.*s, pwentry = %s\n", name.c_str(), static_cast<int>(client.size()),
                client.data(), account ? "found" : "none");
   if (!account) return SpawnResult{0};  // pid 0: nothing started
+  // Login programs write nothing the daemon's capture file should hold.
+  // Opened once: a start-up restoring thousands of users starts one each.
+  static const int dev_null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   SpawnRequest spawn{quor_login_program(),
                      {"quoruserpgm", name, std::string(client), flag != 0 ? "1" : "0"},
                      quor_spawn_environment(&*account),
                      &*account,
                      -1,
                      {},
-                     open("/dev/null", O_WRONLY | O_CLOEXEC)};
+                     dev_null};
   if (quor_debug()) quor_trace("exec pathname = ^%s^\n", spawn.program.c_str());
   SpawnResult started = quor_spawn(spawn);
-  if (spawn.stderr_fd >= 0) close(spawn.stderr_fd);
   if (started.pid < 0) {
     if (quor_debug()) quor_trace("Fork of login child failed.\n");
     return started;
